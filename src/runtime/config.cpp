@@ -1,0 +1,141 @@
+/* config - reader of the product configuration file /etc/vdo/vdo.conf.
+ *
+ * The file is read whole once per process.  Each line holds a key, white
+ * space and a value; the first line of a key wins, a key followed by nothing
+ * is absent, and there is no comment or quoting syntax.  conf_get() returns
+ * pointers into the loaded buffer, which lives as long as the process;
+ * load_panel_config() fills the process-wide PanelConfig from it.
+ */
+#include "runtime/config.h"
+
+#include "runtime/report.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+PanelConfig panel_config;
+
+static char *conf_buf = nullptr;
+static size_t conf_len = 0;
+
+/* conf_space - white space of the POSIX locale; bytes above 127 never are */
+static int conf_space(unsigned char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+/* conf_load - read the file and cut it into zero-terminated lines */
+static int conf_load(void)
+{
+    struct stat st;
+    int fd = open(PANEL_CONFIG_FILE, O_RDONLY);
+
+    if (fd < 0)
+        return 0;
+    if (fstat(fd, &st) < 0 || st.st_size <= 0) {
+        close(fd);
+        return 0;
+    }
+    size_t size = static_cast<size_t>(st.st_size);
+    char *buf = static_cast<char *>(malloc(size + 2));
+    if (buf == nullptr) {
+        close(fd);
+        return 0;
+    }
+    ssize_t got = read(fd, buf, size);
+    close(fd);
+    if (got < 0 || static_cast<size_t>(got) != size) {
+        free(buf);
+        return 0;
+    }
+    buf[size] = 0;
+    for (size_t i = 0; i < size; i++) {
+        if (buf[i] != '\n')
+            continue;
+        /* The newline and the white space before it become zero bytes. */
+        size_t j = i;
+        buf[j] = 0;
+        while (j > 0 && buf[j - 1] != 0 && conf_space(static_cast<unsigned char>(buf[j - 1])))
+            buf[--j] = 0;
+    }
+    conf_buf = buf;
+    conf_len = size;
+    return 1;
+}
+
+const char *conf_get(const char *key)
+{
+    size_t klen = strlen(key);
+    size_t pos = 0;
+
+    if (conf_buf == nullptr && !conf_load())
+        return nullptr;
+    while (pos < conf_len) {
+        while (pos < conf_len && conf_space(static_cast<unsigned char>(conf_buf[pos])))
+            pos++;
+        if (pos + klen < conf_len && strncmp(conf_buf + pos, key, klen) == 0
+            && conf_space(static_cast<unsigned char>(conf_buf[pos + klen]))) {
+            pos += klen;
+            while (conf_buf[pos] != 0 && conf_space(static_cast<unsigned char>(conf_buf[pos])))
+                pos++;
+            return conf_buf + pos;
+        }
+        while (pos < conf_len && conf_buf[pos] != 0)
+            pos++;
+        pos++;
+    }
+    return nullptr;
+}
+
+/* conf_require - one key of PanelConfig; a missing or empty one is fatal */
+static const char *conf_require(const char *key)
+{
+    const char *value = conf_get(key);
+
+    if (value == nullptr || *value == 0)
+        report(1, "Error: %s not defined\n", key);
+    return value;
+}
+
+void load_panel_config(void)
+{
+    PanelConfig &c = panel_config;
+
+    c.PRODUCT_ROOT_D = conf_require("PRODUCT_ROOT_D");
+    c.HTTPD_VHOSTS_D = conf_require("HTTPD_VHOSTS_D");
+    c.HTTPD_CONF_D = conf_require("HTTPD_CONF_D");
+    c.HTTPD_INCLUDE_D = conf_require("HTTPD_INCLUDE_D");
+    c.HTTPD_BIN_D = conf_require("HTTPD_BIN_D");
+    c.HTTPD_LOG_D = conf_require("HTTPD_LOG_D");
+    c.HTTPD_SERVICE = conf_require("HTTPD_SERVICE");
+    c.QMAIL_ROOT_D = conf_require("QMAIL_ROOT_D");
+    c.QMAIL_MAILNAMES_D = conf_require("QMAIL_MAILNAMES_D");
+    c.FTPD_CONF = conf_require("FTPD_CONF");
+    c.FTPD_CONF_INC = conf_require("FTPD_CONF_INC");
+    c.FTPD_BIN_D = conf_require("FTPD_BIN_D");
+    c.NAMED_RUN_ROOT_D = conf_require("NAMED_RUN_ROOT_D");
+    c.WEB_STAT = conf_require("WEB_STAT");
+    c.LOGROTATE = conf_require("LOGROTATE");
+    c.MYSQL_VAR_D = conf_require("MYSQL_VAR_D");
+    c.MYSQL_BIN_D = conf_require("MYSQL_BIN_D");
+    c.PGSQL_BIN_D = conf_require("PGSQL_BIN_D");
+    c.PGSQL_DATA_D = conf_require("PGSQL_DATA_D");
+    c.MAILMAN_ROOT_D = conf_require("MAILMAN_ROOT_D");
+    c.MAILMAN_VAR_D = conf_require("MAILMAN_VAR_D");
+    c.PRODUCT_RC_D = conf_require("PRODUCT_RC_D");
+    c.DUMP_D = conf_require("DUMP_D");
+    c.CATALINA_HOME = conf_require("CATALINA_HOME");
+    c.DRWEB_ROOT_D = conf_require("DRWEB_ROOT_D");
+    c.DRWEB_ETC_D = conf_require("DRWEB_ETC_D");
+    c.CURL_CA_BUNDLE_FILE = conf_require("CURL_CA_BUNDLE_FILE");
+    c.AWSTATS_ETC_D = conf_require("AWSTATS_ETC_D");
+    c.AWSTATS_BIN_D = conf_require("AWSTATS_BIN_D");
+    c.AWSTATS_TOOLS_D = conf_require("AWSTATS_TOOLS_D");
+    c.AWSTATS_DOC_D = conf_require("AWSTATS_DOC_D");
+    c.LIB_SSL_PATH = conf_require("LIB_SSL_PATH");
+    c.LIB_CRYPTO_PATH = conf_require("LIB_CRYPTO_PATH");
+    c.CLIENT_PHP_BIN = conf_require("CLIENT_PHP_BIN");
+}

@@ -1,0 +1,124 @@
+/* report - diagnostics: every warning and fatal message of the program.
+ *
+ * Messages are printed on standard error and then on standard output, each
+ * behind "<program>: ", with a newline added when missing and the pending
+ * system error appended as "\nSystem error %d: %s".  A non-zero status ends
+ * the process inside the call.
+ */
+#include "runtime/report.h"
+
+#include <errno.h>
+#include <libgen.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+const char *report_progname = nullptr;
+
+static const size_t REPORT_BUF_SIZE = 4096;
+
+/* write_decorated - one stream: prefix, text, newline rule, flush */
+static void write_decorated(FILE *stream, const char *prefix, const char *text)
+{
+    size_t len = strlen(text);
+
+    if (prefix)
+        fprintf(stream, "%s: ", prefix);
+    fputs(text, stream);
+    if (len == 0 || text[len - 1] != '\n')
+        fputc('\n', stream);
+    fflush(stream);
+}
+
+int report_text(const char *text, int exit_status)
+{
+    const char *prefix = nullptr;
+    char *copy = nullptr;
+
+    if (report_progname) {
+        /* basename() may modify its argument: work on a copy. */
+        copy = strdup(report_progname);
+        if (copy) {
+            const char *base = basename(copy);
+            if (base && *base)
+                prefix = base;
+        }
+    }
+    write_decorated(stderr, prefix, text);
+    write_decorated(stdout, prefix, text);
+    free(copy);
+    if (exit_status != 0)
+        exit(exit_status);
+    return 0;
+}
+
+int report(int exit_status, const char *format, ...)
+{
+    int saved_errno = errno;
+    size_t size = REPORT_BUF_SIZE;
+    char *buf = static_cast<char *>(malloc(size));
+    va_list ap;
+    int n;
+
+    if (buf == nullptr) {
+        report_text("Can't allocate memory for error message", exit_status);
+        return 0;
+    }
+    va_start(ap, format);
+    n = vsnprintf(buf, size, format, ap);
+    va_end(ap);
+    if (n < 0) {
+        buf[0] = 0;
+    } else if (static_cast<size_t>(n) >= size) {
+        char *bigger = static_cast<char *>(realloc(buf, n + 1));
+        if (bigger) {
+            buf = bigger;
+            size = n + 1;
+            va_start(ap, format);
+            vsnprintf(buf, size, format, ap);
+            va_end(ap);
+        }
+        /* Without memory to grow, the text stays cut to the first buffer. */
+    }
+    errno = saved_errno;
+    if (saved_errno != 0) {
+        char suffix[512];
+        int slen = snprintf(suffix, sizeof(suffix), "\nSystem error %d: %s",
+                            saved_errno, strerror(saved_errno));
+        size_t used = strlen(buf);
+        if (slen > 0) {
+            size_t need = used + static_cast<size_t>(slen) + 1;
+            if (need > size) {
+                char *bigger = static_cast<char *>(realloc(buf, need));
+                if (bigger) {
+                    buf = bigger;
+                    size = need;
+                }
+            }
+            /* Cut the suffix to what fits when the buffer could not grow. */
+            snprintf(buf + used, size - used, "%s", suffix);
+        }
+    }
+    report_text(buf, exit_status);
+    free(buf);
+    return 0;
+}
+
+char *xasprintf(const char *format, ...)
+{
+    char *out = nullptr;
+    va_list ap;
+
+    va_start(ap, format);
+    int n = vasprintf(&out, format, ap);
+    va_end(ap);
+    if (n < 0)
+        report(1, "Cannot allocate memory: %s", strerror(errno));
+    return out;
+}
+
+void report_exit(int status)
+{
+    exit(status);
+}

@@ -1,0 +1,22 @@
+/* report - the one place every message of the program goes through.
+ *
+ * report() formats a message, adds the text of a pending system error,
+ * prints it on standard error and then on standard output behind the
+ * program's base name, and ends the process when given a non-zero status.
+ * report_text() prints a finished text the same way; xasprintf() allocates a
+ * formatted text or ends the process; report_exit() is the exit wrapper.
+ */
+#ifndef REBOX_RUNTIME_REPORT_H
+#define REBOX_RUNTIME_REPORT_H
+
+/* report_progname - the program path (argv[0]) used for the message prefix;
+ * null until main() stores it. */
+extern const char *report_progname;
+
+int report(int exit_status, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
+int report_text(const char *text, int exit_status);
+char *xasprintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
+[[noreturn]] void report_exit(int status);
+
+#endif

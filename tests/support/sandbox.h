@@ -1,0 +1,46 @@
+/* sandbox - helpers for tests that run inside tests/support/sandbox.
+ *
+ * REQUIRE_SANDBOX() skips a test that needs the sandbox (root, a private
+ * mount namespace, /etc/vdo and the system users) when it is not there.
+ * The other helpers build paths inside the sandbox, read and write files,
+ * and make stand-in programs that record how they were called.
+ */
+#ifndef REBOX_TESTS_SUPPORT_SANDBOX_H
+#define REBOX_TESTS_SUPPORT_SANDBOX_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+/* sandbox_skip_reason - why this process is not in a sandbox, or null */
+const char *sandbox_skip_reason(void);
+
+#define REQUIRE_SANDBOX()                                                  \
+    do {                                                                   \
+        if (const char *why_ = sandbox_skip_reason())                     \
+            GTEST_SKIP() << "needs the test sandbox: " << why_;            \
+    } while (0)
+
+std::string sandbox_root(void);
+std::string sandbox_path(const std::string &relative);
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &text);
+
+/* write_recording_stub - an executable script at path that appends each
+ * call's arguments (argv[1] on) to path + ".calls" and exits with
+ * exit_code */
+void write_recording_stub(const std::string &path, int exit_code);
+
+/* read_calls - the argument vectors recorded by a stub, oldest first */
+std::vector<std::vector<std::string>> read_calls(const std::string &stub_path);
+
+/* run_command - run a shell command line, capture both streams */
+struct CommandResult {
+    int status;           /* exit code, or -1 when killed by a signal */
+    std::string out;
+    std::string err;
+};
+CommandResult run_command(const std::string &command_line);
+
+#endif
