@@ -3,7 +3,8 @@
  * Messages are printed on standard error and then on standard output, each
  * behind "<program>: ", with a newline added when missing and the pending
  * system error appended as "\nSystem error %d: %s".  A non-zero status ends
- * the process inside the call.
+ * the process inside the call.  After report_syslog_start() every message
+ * is copied to syslog, since a detached process has no terminal to print on.
  */
 #include "runtime/report.h"
 
@@ -13,10 +14,61 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <syslog.h>
 
 const char *report_progname = nullptr;
 
 static const size_t REPORT_BUF_SIZE = 4096;
+
+/* Syslog copy of the messages: on after report_syslog_start(). */
+static int syslog_on = 0;
+static char syslog_ident[256];
+static const char *syslog_mode = "";
+
+/* syslog_copy - one message to syslog, without its trailing newlines */
+static void syslog_copy(int priority, const char *text)
+{
+    size_t len = strlen(text);
+
+    while (len > 0 && text[len - 1] == '\n')
+        len--;
+    syslog(priority, "%.*s", static_cast<int>(len), text);
+}
+
+void report_syslog_start(const char *run_mode)
+{
+    const char *base = report_progname ? strrchr(report_progname, '/') : nullptr;
+
+    base = base ? base + 1 : (report_progname ? report_progname : "rebox");
+    snprintf(syslog_ident, sizeof(syslog_ident), "%s", *base ? base : "rebox");
+    syslog_mode = run_mode;
+    openlog(syslog_ident, LOG_PID | LOG_NDELAY, LOG_MAIL);
+    syslog_on = 1;
+    syslog(LOG_INFO, "started: mode %s", syslog_mode);
+}
+
+void report_syslog_finish(int exit_status)
+{
+    if (!syslog_on)
+        return;
+    syslog(LOG_INFO, "finished: mode %s, exit status %d", syslog_mode, exit_status);
+    closelog();
+    syslog_on = 0;
+}
+
+void report_stderr(const char *format, ...)
+{
+    char text[REPORT_BUF_SIZE];
+    va_list ap;
+
+    va_start(ap, format);
+    vsnprintf(text, sizeof(text), format, ap);
+    va_end(ap);
+    fputs(text, stderr);
+    fflush(stderr);
+    if (syslog_on)
+        syslog_copy(LOG_ERR, text);
+}
 
 /* write_decorated - one stream: prefix, text, newline rule, flush */
 static void write_decorated(FILE *stream, const char *prefix, const char *text)
@@ -48,8 +100,10 @@ int report_text(const char *text, int exit_status)
     write_decorated(stderr, prefix, text);
     write_decorated(stdout, prefix, text);
     free(copy);
+    if (syslog_on)
+        syslog_copy(exit_status != 0 ? LOG_ERR : LOG_WARNING, text);
     if (exit_status != 0)
-        exit(exit_status);
+        report_exit(exit_status);
     return 0;
 }
 
@@ -120,5 +174,6 @@ char *xasprintf(const char *format, ...)
 
 void report_exit(int status)
 {
+    report_syslog_finish(status);
     exit(status);
 }

@@ -5,6 +5,12 @@
  * program's base name, and ends the process when given a non-zero status.
  * report_text() prints a finished text the same way; xasprintf() allocates a
  * formatted text or ends the process; report_exit() is the exit wrapper.
+ *
+ * Once the program has detached from its terminal, report_syslog_start()
+ * makes every message go to syslog as well (facility mail, warnings at
+ * LOG_WARNING, fatal messages at LOG_ERR) with a LOG_INFO line at the start
+ * and at the end of the run; report_stderr() is for the few low-level
+ * messages printed without the program prefix.
  */
 #ifndef REBOX_RUNTIME_REPORT_H
 #define REBOX_RUNTIME_REPORT_H
@@ -18,5 +24,9 @@ int report(int exit_status, const char *format, ...)
 int report_text(const char *text, int exit_status);
 char *xasprintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 [[noreturn]] void report_exit(int status);
+
+void report_syslog_start(const char *run_mode);
+void report_syslog_finish(int exit_status);
+void report_stderr(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 #endif
