@@ -1,0 +1,15 @@
+/* send_sig - signal running processes by their command name.
+ *
+ * kill_by_name() lists the processes with /bin/ps and signals, with
+ * /bin/kill, every one whose bare command name is exactly the given name
+ * (used to make the qmail processes re-read their control files).
+ */
+#ifndef REBOX_PROC_SEND_SIG_H
+#define REBOX_PROC_SEND_SIG_H
+
+/* kill_by_name - send sig to every process called name; returns the raw
+ * status of system().  name is an extended regular expression put into a
+ * shell command unquoted: pass fixed names only. */
+int kill_by_name(const char *name, int sig);
+
+#endif
