@@ -1,0 +1,19 @@
+/* spam - the spam-filter settings pass.
+ *
+ * restore_spam_settings() re-applies the server-wide spam-filter record and
+ * the record of every mailbox of every mail domain by running spamctl with
+ * command lines built from the panel database.  apply_spam_settings()
+ * applies one record by its full mail name ("*@*" for the server-wide one);
+ * the other two are its entry points for the server and for one mailbox.
+ */
+#ifndef REBOX_FILTERS_SPAM_H
+#define REBOX_FILTERS_SPAM_H
+
+#include <mysql.h>
+
+void restore_spam_settings(void);
+int apply_server_spam_settings(MYSQL *conn);
+int apply_mailbox_spam_settings(const char *local_part, const char *domain, MYSQL *conn);
+int apply_spam_settings(const char *name, MYSQL *conn);
+
+#endif
