@@ -1,0 +1,75 @@
+/* domain_alias - add, remove and rename a domain alias's lines in
+ * control/rcpthosts and control/virtualdomains (see domain_alias.h). */
+#include "mailconf/domain_alias.h"
+
+#include "fs/file_str.h"
+#include "mailconf/qmail_common.h"
+#include "proc/send_sig.h"
+#include "runtime/report.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+
+int add_domain_alias(const char *domain, const char *alias)
+{
+    char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
+
+    if (domain == nullptr || *domain == '\0' || alias == nullptr || *alias == '\0')
+        report(1, "empty domain or domain alias");
+    char *alias_ascii = domain_ascii(alias);
+    /* Fetched before the first edit, so that a missing identifier leaves
+     * neither of the alias's two lines half written. */
+    domain_id_required(domain, id, sizeof(id));
+
+    qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);
+    if (file_str(path, alias_ascii, FILE_STR_REMOVE, 1) != 0)
+        report(0, "Unable to remove domain record alias from rcpthosts file");
+    if (file_str(path, alias_ascii, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        free(alias_ascii);
+        remove_domain_alias(domain, alias);
+        report(1, "Unable to add domain record alias to rcpthosts.");
+    }
+
+    snprintf(line, sizeof(line), "%s:%s\n", alias_ascii, id);
+    free(alias_ascii);
+    qmail_file_path(path, sizeof(path), QMAIL_VIRTUALDOMAINS_FILE);
+    if (file_str(path, line, FILE_STR_REMOVE, 1) != 0)
+        report(0, "Unable to remove domain record alias from virtualdomains.");
+    if (file_str(path, line, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        remove_domain_alias(domain, alias);
+        report(1, "Unable to add domain record alias to virtualdomains.");
+    }
+
+    kill_by_name("qmail-se", 1);
+    return 0;
+}
+
+int remove_domain_alias(const char *domain, const char *alias)
+{
+    char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
+
+    if (domain == nullptr || *domain == '\0' || alias == nullptr || *alias == '\0')
+        report(1, "empty domain or domain alias");
+    char *alias_ascii = domain_ascii(alias);
+    domain_id_required(domain, id, sizeof(id));
+
+    qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);
+    if (file_str(path, alias_ascii, FILE_STR_REMOVE, 1) != 0)
+        report(0, "Unable to remove domain alias from rcpthosts file");
+
+    snprintf(line, sizeof(line), "%s:%s", alias_ascii, id);
+    qmail_file_path(path, sizeof(path), QMAIL_VIRTUALDOMAINS_FILE);
+    if (file_str(path, line, FILE_STR_REMOVE, 1) != 0)
+        report(1, "Unable to remove domain alias from virtualdomains file");
+
+    kill_by_name("qmail-se", 1);
+    free(alias_ascii);
+    return 0;
+}
+
+int rename_domain_alias(const char *domain, const char *old_alias, const char *new_alias)
+{
+    remove_domain_alias(domain, old_alias);
+    add_domain_alias(domain, new_alias);
+    return 0;
+}

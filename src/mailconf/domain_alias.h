@@ -1,0 +1,14 @@
+/* domain_alias - the qmail records of a domain alias.
+ *
+ * An alias is a second name of a hosted domain: its line in
+ * control/rcpthosts and a line in control/virtualdomains that maps it to
+ * the main domain's prefix (the main domain's database identifier).
+ */
+#ifndef REBOX_MAILCONF_DOMAIN_ALIAS_H
+#define REBOX_MAILCONF_DOMAIN_ALIAS_H
+
+int add_domain_alias(const char *domain, const char *alias);
+int remove_domain_alias(const char *domain, const char *alias);
+int rename_domain_alias(const char *domain, const char *old_alias, const char *new_alias);
+
+#endif

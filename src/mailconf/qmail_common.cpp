@@ -1,0 +1,80 @@
+/* qmail_common - paths, names, identifiers and popuser ids for the qmail
+ * writers (see qmail_common.h). */
+#include "mailconf/qmail_common.h"
+
+#include "db/get.h"
+#include "fs/users.h"
+#include "mailconf/idn.h"
+#include "runtime/config.h"
+#include "runtime/report.h"
+
+#include <stdio.h>
+#include <string.h>
+
+/* qmail_file_path - QMAIL_ROOT_D/name into buf */
+void qmail_file_path(char *buf, size_t size, const char *name)
+{
+    snprintf(buf, size, "%s/%s", panel_config.QMAIL_ROOT_D, name);
+}
+
+/* domain_ascii - the ASCII form of a domain name (caller frees); a name
+ * that does not convert ends the process */
+char *domain_ascii(const char *domain)
+{
+    char *ascii = idn_toascii(domain);
+
+    if (ascii == nullptr)
+        report(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
+    return ascii;
+}
+
+/* domain_id_required - copy the database identifier of a domain into buf.
+ *
+ * get_dom_id opens a connection of its own; when that connection fails it
+ * warns and gives no identifier.  A record written without it would carry
+ * an empty virtual-domain prefix, and a removal would look for a record
+ * that was never written and miss the real one.  So every writer fetches
+ * the identifier before its first edit of a qmail file and, without one,
+ * stops here: nothing is written, nothing is looked for.  A domain that
+ * has no row at all is already ended inside get_dom_id.  An identifier
+ * too long for buf (QMAIL_ID_SIZE) is no number and is refused the same
+ * way rather than cut.
+ */
+void domain_id_required(const char *domain, char *buf, size_t size)
+{
+    const char *id = get_dom_id(domain, nullptr);
+
+    if (id == nullptr || *id == '\0' || strlen(id) >= size)
+        report(1, "Unable to get the database ID of domain %s: "
+                  "its qmail records are left unchanged", domain);
+    memcpy(buf, id, strlen(id) + 1);
+}
+
+/* mail_name_valid - 1 when the name begins with an ASCII letter or digit,
+ * '_' or '-' (the rule for mailbox and alias names), else 0 */
+int mail_name_valid(const char *mail_name)
+{
+    if (mail_name == nullptr)
+        return 0;
+    unsigned char c = static_cast<unsigned char>(mail_name[0]);
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+           (c >= '0' && c <= '9') || c == '_' || c == '-';
+}
+
+/* popuser_lookup - look the ids of popuser up afresh; 1 when both are
+ * known (non-zero) */
+int popuser_lookup(PopuserIds *ids)
+{
+    ids->uid = lookup_user_ids("popuser", 0);
+    ids->gid = lookup_user_ids("popuser", 1);
+    return ids->uid != 0 && ids->gid != 0;
+}
+
+/* popuser_known - the ids kept in ids, looked up only while one of them is
+ * still unknown; 1 when both are known */
+int popuser_known(PopuserIds *ids)
+{
+    if (ids->uid != 0 && ids->gid != 0)
+        return 1;
+    return popuser_lookup(ids);
+}

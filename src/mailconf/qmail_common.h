@@ -1,0 +1,38 @@
+/* qmail_common - what the qmail writers share.
+ *
+ * The paths of qmail's shared control and user files (always built from
+ * QMAIL_ROOT_D, always edited through file_str), the domain name in ASCII
+ * form, the domain's database identifier, the mailbox-name test and the ids
+ * of the system user popuser.
+ */
+#ifndef REBOX_MAILCONF_QMAIL_COMMON_H
+#define REBOX_MAILCONF_QMAIL_COMMON_H
+
+#include <stddef.h>
+
+/* Shared qmail files, relative to QMAIL_ROOT_D. */
+#define QMAIL_ASSIGN_FILE "users/assign"
+#define QMAIL_POPPASSWD_FILE "users/poppasswd"
+#define QMAIL_RCPTHOSTS_FILE "control/rcpthosts"
+#define QMAIL_VIRTUALDOMAINS_FILE "control/virtualdomains"
+#define QMAIL_REJECTNONEXIST_FILE "control/rejectnonexist"
+
+/* Size of every path, record and line buffer of the writers. */
+#define QMAIL_BUF_SIZE 4096
+/* Size of a buffer holding a domain's database identifier (a number). */
+#define QMAIL_ID_SIZE 64
+
+/* The ids of popuser as one writer keeps them; 0 means not known. */
+struct PopuserIds {
+    unsigned uid;
+    unsigned gid;
+};
+
+void qmail_file_path(char *buf, size_t size, const char *name);
+char *domain_ascii(const char *domain);
+void domain_id_required(const char *domain, char *buf, size_t size);
+int mail_name_valid(const char *mail_name);
+int popuser_lookup(PopuserIds *ids);
+int popuser_known(PopuserIds *ids);
+
+#endif

@@ -1,0 +1,13 @@
+/* quota - mailbox and domain quota files.
+ *
+ * "@mbox.quota" in a mailbox home (or, for the whole domain, in the domain
+ * directory) holds the limit in kilobytes and a newline, owned by popuser
+ * with mode 0640.  Both operations hold the file's named lock.
+ */
+#ifndef REBOX_MAILCONF_QUOTA_H
+#define REBOX_MAILCONF_QUOTA_H
+
+int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes);
+int remove_mbox_quota(const char *domain, const char *mail_name);
+
+#endif
