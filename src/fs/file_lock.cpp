@@ -1,0 +1,160 @@
+/* file_lock - named advisory locks on lock files under the product root.
+ *
+ * Offers file_lock_open() and its blocking and non-blocking forms, the
+ * held/busy tests, file_unlock(), the lock file path of a data file, and
+ * md5_hex()/md5_hex_digest() which name the lock files.
+ */
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include "fs/file_lock.h"
+
+#include "runtime/config.h"
+#include "runtime/report.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <openssl/md5.h>
+
+static const size_t MD5_TEXT_SIZE = 4096;
+static const mode_t LOCK_FILE_MODE = 0644;
+
+/* Result buffer of md5_hex() and md5_hex_digest(). */
+static char md5_hex_buf[2 * MD5_DIGEST_LENGTH + 1];
+
+const char *md5_hex_digest(const unsigned char *digest)
+{
+    for (int i = 0; i < MD5_DIGEST_LENGTH; i++)
+        snprintf(md5_hex_buf + 2 * i, 3, "%02x", digest[i]);
+    return md5_hex_buf;
+}
+
+const char *md5_hex(const char *prefix, const char *text)
+{
+    char joined[MD5_TEXT_SIZE];
+    unsigned char digest[MD5_DIGEST_LENGTH];
+
+    snprintf(joined, sizeof(joined), "%s%s", prefix, text);
+    MD5(reinterpret_cast<const unsigned char *>(joined), strlen(joined), digest);
+    return md5_hex_digest(digest);
+}
+
+/* product_root - PRODUCT_ROOT_D, from the loaded configuration when it
+ * was loaded, else straight from the configuration file */
+static const char *product_root(void)
+{
+    if (panel_config.PRODUCT_ROOT_D)
+        return panel_config.PRODUCT_ROOT_D;
+    return conf_get("PRODUCT_ROOT_D");
+}
+
+/* build_lock_path - the lock file of path: the path itself, or with
+ * hashed set its hashed name in the lock directory.  Null when the product
+ * root is not configured: a lock file is then never guessed elsewhere. */
+static char *build_lock_path(const char *path, short hashed)
+{
+    const char *root;
+
+    if (!hashed)
+        return xasprintf("%s", path);
+    root = product_root();
+    if (!root || !*root)
+        return nullptr;
+    return xasprintf("%s/var/lock/files/%s", root, md5_hex("", path));
+}
+
+/* file_lock_path - the hashed lock file path of a data file, newly
+ * allocated; null when PRODUCT_ROOT_D is not configured */
+char *file_lock_path(const char *path)
+{
+    return build_lock_path(path, 1);
+}
+
+/* guard_descriptor_zero - descriptor 0 means "busy" in a handle, so a lock
+ * file must never get it: when standard input is closed, /dev/null is
+ * opened in its place for the rest of the process. */
+static void guard_descriptor_zero(void)
+{
+    int saved = errno;
+
+    if (fcntl(0, F_GETFD) == -1 && errno == EBADF) {
+        int fd = open("/dev/null", O_RDONLY);
+        if (fd > 0)
+            close(fd);
+    }
+    errno = saved;
+}
+
+FileLock *file_lock_open(const char *path, int open_flags, int operation, short hashed)
+{
+    FileLock *lock = static_cast<FileLock *>(calloc(1, sizeof(FileLock)));
+
+    if (!lock)
+        return nullptr;
+    lock->path = build_lock_path(path, hashed);
+    if (!lock->path) {
+        /* No lock directory to use: a handle that does not hold the lock,
+         * named after the hash alone for the caller's messages. */
+        lock->path = xasprintf("%s", md5_hex("", path));
+        lock->fd = -1;
+        report(0, "Error: PRODUCT_ROOT_D not defined\n");
+        return lock;
+    }
+    guard_descriptor_zero();
+    lock->fd = open(lock->path, open_flags, LOCK_FILE_MODE);
+    if (lock->fd < 0) {
+        report(0, "Unable to open file \"%s\": %s.", lock->path, strerror(errno));
+        return lock;
+    }
+    if (flock(lock->fd, operation) != 0) {
+        int err = errno;
+        close(lock->fd);
+        lock->fd = (err == EWOULDBLOCK) ? 0 : -1;
+        errno = err;
+    }
+    return lock;
+}
+
+FileLock *file_lock(const char *path, short hashed)
+{
+    return file_lock_open(path, O_RDWR | O_CREAT | O_TRUNC, LOCK_EX, hashed);
+}
+
+FileLock *file_trylock(const char *path, short hashed)
+{
+    return file_lock_open(path, O_RDWR | O_CREAT | O_TRUNC, LOCK_EX | LOCK_NB, hashed);
+}
+
+int file_lock_held(const FileLock *lock)
+{
+    return lock && lock->fd > 0;
+}
+
+int file_lock_busy(const FileLock *lock)
+{
+    return !lock || lock->fd == 0;
+}
+
+int file_unlock(FileLock *lock)
+{
+    int result = 0;
+
+    if (!lock)
+        return -1;
+    if (lock->fd > 0 && close(lock->fd) != 0) {
+        report(0, "An error occured during closing '%s' file: %s\n", lock->path, strerror(errno));
+        result = -1;
+    }
+    free(lock->path);
+    free(lock);
+    return result;
+}
+
+int file_lock_dispose(FileLock *lock)
+{
+    return file_unlock(lock);
+}

@@ -1,0 +1,264 @@
+/* file_str - locked editing of shared line-oriented files.
+ *
+ * Offers file_str() and file_str_list().  The file is read whole, edited in
+ * memory by line_edit_apply(), and written back: appends in place,
+ * everything else as "<path>.tmp" renamed over the file.  The named lock is
+ * held from before the file is examined until its owner and mode are back.
+ */
+#include "fs/file_str.h"
+
+#include "fs/file_lock.h"
+#include "runtime/report.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static const size_t PATH_BUF_SIZE = 4096;
+static const size_t READ_CHUNK = 4096;
+
+/* release - file_unlock with its message; 0, or 1 when it failed */
+static int release(FileLock *lock, const char *path)
+{
+    if (file_unlock(lock) != 0) {
+        report(0, "Error occurred while unlocking the file %s: %s\n", path, strerror(errno));
+        return 1;
+    }
+    return 0;
+}
+
+/* fail - release the lock after a failure; always 1 */
+static int fail(FileLock *lock, const char *path)
+{
+    release(lock, path);
+    return 1;
+}
+
+/* read_all - the whole stream into text; 0, or -1 on a read error */
+static int read_all(FILE *in, TextBuf *text)
+{
+    char chunk[READ_CHUNK];
+    size_t got;
+
+    while ((got = fread(chunk, 1, sizeof(chunk), in)) > 0)
+        if (text_buf_append(text, chunk, got) != 0) {
+            errno = ENOMEM;
+            return -1;
+        }
+    return ferror(in) ? -1 : 0;
+}
+
+/* close_reported - fclose with the close message; 0 or -1 */
+static int close_reported(FILE *stream, const char *name)
+{
+    if (fclose(stream) != 0) {
+        report(0, "Unable to close file %s: %s\n", name, strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+/* open_temporary - "<path>.tmp" for writing, or null after the message on
+ * standard error.  A path too long to leave room for ".tmp" in the
+ * 4096-byte name buffer is refused the same way (ENAMETOOLONG) rather than
+ * writing to a cut-off name. */
+static FILE *open_temporary(const char *path, char *tmp)
+{
+    FILE *out;
+
+    if (snprintf(tmp, PATH_BUF_SIZE, "%s.tmp", path) >= static_cast<int>(PATH_BUF_SIZE)) {
+        report_stderr("Unable to open file %s.tmp: %s\n", path, strerror(ENAMETOOLONG));
+        return nullptr;
+    }
+    out = fopen(tmp, "w");
+    if (!out)
+        report_stderr("Unable to open file %s: %s\n", tmp, strerror(errno));
+    return out;
+}
+
+/* write_all - the edited text to a stream; 0 or -1 */
+static int write_all(FILE *out, const TextBuf *text)
+{
+    if (text->len == 0)
+        return 0;
+    return fwrite(text->data, 1, text->len, out) == text->len ? 0 : -1;
+}
+
+/* edit_rewrite - the removals: read the file, edit, write the temporary
+ * file, rename it over the file.  0 or 1; the lock stays with the caller.
+ * A read error is reported and leaves the file untouched (a short read
+ * must not be taken for the whole file).  A write failure ends the process for both removals, as for a kept line
+ * that cannot be written: a half-written copy must not replace the file. */
+static int edit_rewrite(const char *path, const char *const *lines, int operation, int mode)
+{
+    char tmp[PATH_BUF_SIZE];
+    TextBuf text = {}, edited = {};
+    FILE *in, *out;
+    int bad = 0;
+
+    in = fopen(path, "r");
+    if (!in) {
+        report(0, "Unable to open file %s: %s\n", path, strerror(errno));
+        return 1;
+    }
+    if (read_all(in, &text) != 0) {
+        report(0, "Unable to read file %s: %s\n", path, strerror(errno));
+        fclose(in);
+        text_buf_free(&text);
+        return 1;
+    }
+    out = open_temporary(path, tmp);
+    if (!out) {
+        fclose(in);
+        text_buf_free(&text);
+        return 1;
+    }
+    if (line_edit_apply(text.data, text.len, lines, operation, mode, &edited) < 0)
+        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    if (write_all(out, &edited) != 0)
+        report(1, "cannot write a line to %s.tmp", path);
+    text_buf_free(&text);
+    text_buf_free(&edited);
+    bad |= close_reported(in, path);
+    bad |= close_reported(out, tmp);
+    if (bad)
+        return 1;
+    if (rename(tmp, path) != 0) {
+        if (operation == FILE_STR_REMOVE)
+            report(0, "Error while rename file %s: %s\n", path, strerror(errno));
+        else
+            report_stderr("Error while rename file %s: %s\n", tmp, strerror(errno));
+        return 1;
+    }
+    return 0;
+}
+
+/* edit_prepend - the entries, then the file's content, into the temporary
+ * file, renamed over the file.  The temporary file is opened first: when
+ * the file itself cannot be opened it is left holding the new lines. */
+static int edit_prepend(const char *path, const char *const *lines)
+{
+    char tmp[PATH_BUF_SIZE];
+    TextBuf text = {}, edited = {};
+    FILE *in, *out;
+    int bad = 0;
+
+    out = open_temporary(path, tmp);
+    if (!out)
+        return 1;
+    in = fopen(path, "r");
+    if (in && read_all(in, &text) != 0) {
+        report(0, "Unable to read file %s: %s\n", path, strerror(errno));
+        fclose(in);
+        fclose(out);
+        text_buf_free(&text);
+        return 1;
+    }
+    if (!in) {
+        int err = errno;
+        if (line_edit_apply("", 0, lines, FILE_STR_ADD, FILE_STR_AT_BEGIN, &edited) < 0)
+            report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+        write_all(out, &edited);
+        text_buf_free(&edited);
+        fclose(out);
+        errno = err;
+        report(0, "Unable to open file %s: %s\n", path, strerror(errno));
+        return 1;
+    }
+    if (line_edit_apply(text.data, text.len, lines, FILE_STR_ADD, FILE_STR_AT_BEGIN, &edited) < 0)
+        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    if (write_all(out, &edited) != 0) {
+        report(0, "Unable to fputs to file %s: %s\n", path, strerror(errno));
+        bad = -1;
+    }
+    text_buf_free(&text);
+    text_buf_free(&edited);
+    bad |= close_reported(in, path);
+    bad |= close_reported(out, tmp);
+    if (bad)
+        return 1;
+    if (rename(tmp, path) != 0) {
+        report_stderr("Unable to rename file %s: %s\n", tmp, strerror(errno));
+        return 1;
+    }
+    return 0;
+}
+
+/* edit_append - the entries appended in place; the file is created when
+ * missing */
+static int edit_append(const char *path, const char *const *lines)
+{
+    TextBuf edited = {};
+    FILE *out = fopen(path, "a");
+    int bad = 0;
+
+    if (!out) {
+        report(0, "Unable to open file %s: %s\n", path, strerror(errno));
+        return 1;
+    }
+    if (line_edit_apply("", 0, lines, FILE_STR_ADD, FILE_STR_AT_END, &edited) < 0)
+        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    if (write_all(out, &edited) != 0) {
+        report(0, "Unable to fputs to file %s: %s\n", path, strerror(errno));
+        bad = 1;
+    }
+    text_buf_free(&edited);
+    if (close_reported(out, path) != 0)
+        bad = 1;
+    return bad;
+}
+
+int file_str_list(const char *path, const char *const *lines, int operation, int mode)
+{
+    FileLock *lock = file_lock(path, 1);
+    struct stat st;
+    int missing = 0, result = 0;
+
+    if (!file_lock_held(lock)) {
+        report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
+        file_lock_dispose(lock);
+        return 1;
+    }
+    if (stat(path, &st) != 0) {
+        if (errno != ENOENT) {
+            report(0, "file_str: Unable to stat file %s: %s\n", path, strerror(errno));
+            return fail(lock, path);
+        }
+        missing = 1;
+    }
+
+    if (operation == FILE_STR_REMOVE) {
+        if (missing)
+            return fail(lock, path);
+        result = edit_rewrite(path, lines, operation, mode);
+    } else if (operation == FILE_STR_REMOVE_MATCHING) {
+        result = edit_rewrite(path, lines, operation, mode);
+    } else if (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN) {
+        result = edit_prepend(path, lines);
+    } else if (operation == FILE_STR_ADD && mode == FILE_STR_AT_END) {
+        result = edit_append(path, lines);
+    }
+    if (result != 0)
+        return fail(lock, path);
+
+    if (!missing) {
+        if (chown(path, st.st_uid, st.st_gid) != 0) {
+            report(0, "file_str: ERROR: Unable to chown file %s: %s", path, strerror(errno));
+            result = 1;
+        }
+        if (chmod(path, st.st_mode & 07777) != 0) {
+            report(0, "file_str: ERROR: Unable to chmod file %s: %s", path, strerror(errno));
+            result = 1;
+        }
+    }
+    return release(lock, path) | result;
+}
+
+int file_str(const char *path, const char *line, int operation, int mode)
+{
+    const char *lines[2] = {line, nullptr};
+
+    return file_str_list(path, lines, operation, mode);
+}

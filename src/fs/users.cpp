@@ -1,0 +1,126 @@
+/* users - system user and group lookups.
+ *
+ * Offers lookup_user_ids, group_name, user_name, user_uid,
+ * group_gid_if_exists, user_info, group_gid, is_all_digits and
+ * group_gid_from_text.  Failed lookups are warnings and give 0.
+ */
+#include "fs/users.h"
+
+#include "runtime/report.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <grp.h>
+#include <pwd.h>
+#include <stdio.h>
+#include <string.h>
+
+/* Result buffers of group_name() and user_name(). */
+static char group_name_buf[4096];
+static char user_name_buf[4096];
+
+unsigned int lookup_user_ids(const char *user, int selector)
+{
+    struct passwd *pw = getpwnam(user);
+
+    if (!pw) {
+        report(0, "Unable to getpwnam for user %s", user);
+        return 0;
+    }
+    return selector == 0 ? pw->pw_uid : pw->pw_gid;
+}
+
+const char *group_name(gid_t gid)
+{
+    struct group *gr = getgrgid(gid);
+
+    if (gr)
+        snprintf(group_name_buf, sizeof(group_name_buf), "%s", gr->gr_name);
+    else
+        snprintf(group_name_buf, sizeof(group_name_buf), "%u", static_cast<unsigned>(gid));
+    return group_name_buf;
+}
+
+const char *user_name(uid_t uid)
+{
+    struct passwd *pw = getpwuid(uid);
+
+    if (pw)
+        snprintf(user_name_buf, sizeof(user_name_buf), "%s", pw->pw_name);
+    else
+        snprintf(user_name_buf, sizeof(user_name_buf), "%u", static_cast<unsigned>(uid));
+    return user_name_buf;
+}
+
+uid_t user_uid(const char *name)
+{
+    struct passwd *pw = getpwnam(name);
+
+    if (!pw) {
+        report(0, "Unable to find uid for user %s: %s", name, strerror(errno));
+        return 0;
+    }
+    return pw->pw_uid;
+}
+
+gid_t group_gid_if_exists(gid_t gid)
+{
+    errno = 0;
+    if (!getgrgid(gid)) {
+        report(0, "getgrgid(%d): %s", static_cast<int>(gid), strerror(errno));
+        return 0;
+    }
+    return gid;
+}
+
+int user_info(const char *name, uid_t *uid, gid_t *gid, char **home)
+{
+    struct passwd *pw = getpwnam(name);
+
+    if (!pw) {
+        report(0, "Unable to getpwnam for user %s", name);
+        return -1;
+    }
+    if (uid)
+        *uid = pw->pw_uid;
+    if (gid)
+        *gid = pw->pw_gid;
+    if (home)
+        *home = xasprintf("%s", pw->pw_dir);
+    return 0;
+}
+
+gid_t group_gid(const char *name)
+{
+    struct group *gr;
+
+    errno = 0;
+    gr = getgrnam(name);
+    if (!gr) {
+        report(0, "getgrnam(%s): %s", name, strerror(errno));
+        return 0;
+    }
+    return gr->gr_gid;
+}
+
+int is_all_digits(const char *text)
+{
+    for (; *text; text++)
+        if (!isdigit(static_cast<unsigned char>(*text)))
+            return 0;
+    return 1;
+}
+
+/* group_gid_from_text - the empty text holds no number, so it is looked up
+ * as a (nonexistent) group name and reported as not found: reading it as
+ * a number would yield no value, never gid 0 or any other group. */
+gid_t group_gid_from_text(const char *text)
+{
+    int gid = 0;
+
+    errno = 0;
+    if (*text == '\0' || !is_all_digits(text))
+        return group_gid(text);
+    sscanf(text, "%d", &gid);
+    return group_gid_if_exists(static_cast<gid_t>(gid));
+}
