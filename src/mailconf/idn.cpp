@@ -204,7 +204,7 @@ const char *idn_url_toascii(const char *url)
 
     size_t host_len = match_length(m[3]);
     if (host_len >= sizeof(result)) {
-        report(0, "idn_url_toascii(): URL too long: %s", url);
+        report(0, "idn_url_toascii(): URL too long, over %zu bytes", sizeof(result) - 1);
         return nullptr;
     }
     memcpy(result, url + m[3].rm_so, host_len);
@@ -225,7 +225,7 @@ const char *idn_url_toascii(const char *url)
     size_t rest_len = match_length(m[4]), ascii_len = strlen(ascii);
     if (scheme_len + user_len + ascii_len + rest_len >= sizeof(result)) {
         free(ascii);
-        report(0, "idn_url_toascii(): URL too long: %s", url);
+        report(0, "idn_url_toascii(): URL too long, over %zu bytes", sizeof(result) - 1);
         return nullptr;
     }
     size_t used = 0;
