@@ -1,0 +1,404 @@
+/* tree - directory tree walks (remove, chmod, chown, rename by name),
+ * deferred removal of domain directories and the path helpers they use.
+ *
+ * A walk runs with the working directory set to the directory being read
+ * and addresses entries by their bare names; the previous working directory
+ * is kept as an open descriptor and restored afterwards.  Symbolic links are
+ * never followed: a link found in a tree is removed as a link or left alone.
+ */
+#include "fs/tree.h"
+
+#include "fs/file_util.h"
+#include "proc/exec.h"
+#include "runtime/config.h"
+#include "runtime/report.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static const size_t PATH_BUF_SIZE = 4096;
+static const char DEFERRED_PREFIX[] = "__deleted";
+
+/* The four walks share one traversal; WalkOp says what is done per entry. */
+enum WalkKind { WALK_REMOVE, WALK_CHMOD, WALK_CHOWN, WALK_RENAME };
+
+struct WalkOp {
+    WalkKind kind;
+    uid_t uid;
+    gid_t gid;
+    mode_t file_mode;
+    mode_t dir_mode;
+    const char *old_name;
+    const char *new_name;
+};
+
+/* top_entry - a top path that is not a directory */
+static void top_entry(const char *path, const struct stat &st, const WalkOp &op)
+{
+    switch (op.kind) {
+    case WALK_REMOVE:
+        if ((S_ISLNK(st.st_mode) || S_ISREG(st.st_mode)) && unlink(path) != 0 && errno != ENOENT)
+            report(1, "Unable to unlink entry %s: %s\n", path, strerror(errno));
+        break;
+    case WALK_CHMOD:
+        if (S_ISREG(st.st_mode) && chmod(path, op.file_mode) != 0)
+            report(1, "Unable to chmod entry %s: %s\n", path, strerror(errno));
+        break;
+    case WALK_CHOWN:
+        if (S_ISREG(st.st_mode) && lchown(path, op.uid, op.gid) != 0)
+            report(1, "Unable to chown directory entry %s: %s\n", path, strerror(errno));
+        break;
+    case WALK_RENAME:
+        if (S_ISREG(st.st_mode))
+            report(0, "It's a regulat entry(not directory): %s\n", path);
+        break;
+    }
+}
+
+/* inner_entry - an entry of a walked directory that is not a directory */
+static void inner_entry(const char *name, const struct stat &st, const WalkOp &op, int top)
+{
+    switch (op.kind) {
+    case WALK_REMOVE:
+        if (unlink(name) != 0 && errno != ENOENT)
+            report(1, "Unable to unlink directory entry %s: %s\n", name, strerror(errno));
+        break;
+    case WALK_CHMOD:
+        if (S_ISREG(st.st_mode) && chmod(name, op.file_mode) != 0)
+            report(1, "Unable to chmod directory entry %s: %s\n", name, strerror(errno));
+        break;
+    case WALK_CHOWN:
+        if (S_ISREG(st.st_mode) && lchown(name, op.uid, op.gid) != 0)
+            report(1, "Unable to chown directory entry %s: %s\n", name, strerror(errno));
+        break;
+    case WALK_RENAME:
+        if (top == 1 && S_ISREG(st.st_mode) && strcmp(name, op.old_name) == 0 &&
+            rename(op.old_name, op.new_name) != 0)
+            report(1, "Unable to rename directory entry %s to %s: %s\n", op.old_name,
+                   op.new_name, strerror(errno));
+        break;
+    }
+}
+
+/* finish_dir - the walked directory itself, once its entries are done */
+static void finish_dir(const char *path, const WalkOp &op)
+{
+    switch (op.kind) {
+    case WALK_REMOVE:
+        if (rmdir(path) != 0 && errno != ENOENT)
+            report(1, "Unable to remove dir %s: %s\n", path, strerror(errno));
+        break;
+    case WALK_CHMOD:
+        if (chmod(path, op.dir_mode) != 0)
+            report(1, "Unable to chmod dir %s: %s\n", path, strerror(errno));
+        break;
+    case WALK_CHOWN:
+        if (lchown(path, op.uid, op.gid) != 0)
+            report(1, "Unable to chown dir %s: %s\n", path, strerror(errno));
+        break;
+    case WALK_RENAME:
+        break;
+    }
+}
+
+/* walk - apply op to path and, for a directory, to everything below it */
+static void walk(const char *path, int top, const WalkOp &op)
+{
+    struct stat st;
+
+    /* Only remove_tree takes a missing path as done.  Any other lstat
+     * failure (a parent that is not a directory, a name too long, no
+     * permission) ends every walk, with the system's reason. */
+    if (lstat(path, &st) != 0) {
+        if (errno == ENOENT && op.kind == WALK_REMOVE)
+            return;
+        report(1, "Unable to get entry %s: %s\n", path, strerror(errno));
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        top_entry(path, st, op);
+        return;
+    }
+
+    int cwd_fd = open(".", O_RDONLY | O_NONBLOCK);
+    if (cwd_fd < 0)
+        report(1, "Unable to get file descriptor of current dir: %s\n", strerror(errno));
+    /* O_NOFOLLOW: a directory swapped for a link since the lstat above is
+     * refused instead of being walked. */
+    int dir_fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    DIR *dir = dir_fd < 0 ? nullptr : fdopendir(dir_fd);
+    if (dir == nullptr)
+        report(1, "Unable to open dir %s: %s\n", path, strerror(errno));
+    if (fchdir(dirfd(dir)) != 0)
+        report(1, "Unable to change dir %s: %s\n", path, strerror(errno));
+
+    struct dirent *ent;
+    while ((ent = readdir(dir)) != nullptr) {
+        const char *name = ent->d_name;
+        struct stat est;
+
+        if (lstat(name, &est) != 0) {
+            if (errno == ENOENT)
+                continue;
+            report(1, "Unable to check directory entry %s: %s\n", name, strerror(errno));
+        }
+        if (S_ISDIR(est.st_mode)) {
+            if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0)
+                walk(name, 1, op);
+        } else {
+            inner_entry(name, est, op, top);
+        }
+    }
+
+    if (fchdir(cwd_fd) != 0 || close(cwd_fd) != 0)
+        report(1, "Unable to restore & close current dir: %s\n", strerror(errno));
+    if (closedir(dir) != 0)
+        report(1, "Unable to close dir %s: %s\n", path, strerror(errno));
+    if (top == 1)
+        finish_dir(path, op);
+}
+
+void remove_tree(const char *path, int top)
+{
+    WalkOp op = {};
+    op.kind = WALK_REMOVE;
+    walk(path, top, op);
+}
+
+void chmod_tree(const char *path, mode_t file_mode, mode_t dir_mode, int top)
+{
+    WalkOp op = {};
+    op.kind = WALK_CHMOD;
+    op.file_mode = file_mode;
+    op.dir_mode = dir_mode;
+    walk(path, top, op);
+}
+
+void chown_tree(const char *path, uid_t uid, gid_t gid, int top)
+{
+    WalkOp op = {};
+    op.kind = WALK_CHOWN;
+    op.uid = uid;
+    op.gid = gid;
+    walk(path, top, op);
+}
+
+int chown_chmod_tree(const char *path, uid_t uid, gid_t gid, mode_t file_mode,
+                     mode_t dir_mode, int top)
+{
+    chown_tree(path, uid, gid, top);
+    chmod_tree(path, file_mode, dir_mode, top);
+    return 0;
+}
+
+void rename_in_tree(const char *path, const char *old_name, const char *new_name, int top)
+{
+    WalkOp op = {};
+    op.kind = WALK_RENAME;
+    op.old_name = old_name;
+    op.new_name = new_name;
+    walk(path, top, op);
+}
+
+/* deferred_bases - the directories whose subdirectories may be set aside */
+static void deferred_bases(const char *bases[3])
+{
+    bases[0] = panel_config.HTTPD_VHOSTS_D;
+    bases[1] = panel_config.QMAIL_MAILNAMES_D;
+    bases[2] = nullptr;
+}
+
+/* fill_unique_name - replace the trailing six X of templ with letters and
+ * digits so that no entry of that name exists yet; 0 on success, -1 */
+static int fill_unique_name(char *templ)
+{
+    static const char letters[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    size_t len = strlen(templ);
+    struct stat st;
+
+    if (len < 6 || strcmp(templ + len - 6, "XXXXXX") != 0)
+        return -1;
+    for (int attempt = 0; attempt < 100; attempt++) {
+        unsigned char rnd[6];
+        if (getrandom(rnd, sizeof(rnd), 0) != static_cast<ssize_t>(sizeof(rnd)))
+            return -1;
+        for (int i = 0; i < 6; i++)
+            templ[len - 6 + i] = letters[rnd[i] % (sizeof(letters) - 1)];
+        if (lstat(templ, &st) != 0 && errno == ENOENT)
+            return 0;
+        memcpy(templ + len - 6, "XXXXXX", 6);
+    }
+    return -1;
+}
+
+void deferred_remove(const char *dir)
+{
+    const char *bases[3];
+    const char *base = nullptr;
+    char deferred[PATH_BUF_SIZE];
+    struct stat st;
+
+    deferred_bases(bases);
+    for (int i = 0; bases[i] != nullptr; i++) {
+        if (is_subdir(dir, bases[i]) == 1) {
+            base = bases[i];
+            break;
+        }
+    }
+    if (base == nullptr) {
+        errno = 0; /* a refusal, not a system error */
+        report(1, "deferred_remove(): not supported directory for deferred remove: %s\n", dir);
+    }
+    if (stat(dir, &st) != 0)
+        report(1, "deferred_remove(): can't stat directory, skip it.\n");
+    int n = snprintf(deferred, sizeof(deferred), "%s/%sXXXXXX", base, DEFERRED_PREFIX);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(deferred) || fill_unique_name(deferred) != 0)
+        report(1, "deferred_remove(): Unable create filename for delete directory\n");
+    report(0, "deferred_remove(): rename dir %s to %s\n", dir, deferred);
+    if (rename_dir(dir, deferred) != 0)
+        report(1, "deferred_remove(): Unable to rename directory\n");
+}
+
+/* purge_base - delete the set-aside directories of one base directory;
+ * -1 when the base cannot be read, which stops the whole purge */
+static int purge_base(const char *base)
+{
+    DIR *dir = opendir(base);
+    struct dirent *ent;
+
+    if (dir == nullptr) {
+        report(0, "Unable to open dir %s: %s\n", base, strerror(errno));
+        return -1;
+    }
+    if (fchdir(dirfd(dir)) != 0) {
+        report(0, "Unable to change dir %s: %s\n", base, strerror(errno));
+        closedir(dir);
+        return -1;
+    }
+    while ((ent = readdir(dir)) != nullptr) {
+        const char *name = ent->d_name;
+        struct stat st;
+
+        if (stat(name, &st) != 0) {
+            report(0, "Unable to stat file %s, skipped\n", name);
+            continue;
+        }
+        if (!S_ISDIR(st.st_mode) || strncmp(name, DEFERRED_PREFIX, strlen(DEFERRED_PREFIX)) != 0)
+            continue;
+        if (exec_quiet("/bin/rm", "-rf", name, nullptr) != 0)
+            report(0, "Can't remove directory %s (will try in next time)\n", name);
+    }
+    closedir(dir);
+    return 0;
+}
+
+void purge_deleted_entries(void)
+{
+    const char *bases[3];
+    int cwd_fd = open(".", O_RDONLY | O_NONBLOCK);
+
+    if (cwd_fd < 0) {
+        report(0, "Unable to get file descriptor of current dir: %s\n", strerror(errno));
+        return;
+    }
+    deferred_bases(bases);
+    for (int i = 0; bases[i] != nullptr; i++) {
+        int rc = purge_base(bases[i]);
+        if (fchdir(cwd_fd) != 0)
+            report(1, "Unable to restore & close current dir: %s\n", strerror(errno));
+        if (rc != 0)
+            break;
+    }
+    close(cwd_fd);
+}
+
+/* resolve_dir - the absolute, link-free name of directory dir into out
+ * (PATH_BUF_SIZE bytes), going back to saved_cwd; 0 or -1 */
+static int resolve_dir(const char *dir, char *out, const char *saved_cwd)
+{
+    if (chdir(dir) != 0)
+        return -1;
+    int rc = getcwd(out, PATH_BUF_SIZE) == nullptr ? -1 : 0;
+    if (chdir(saved_cwd) != 0)
+        report(1, "Unable to change dir %s: %s\n", saved_cwd, strerror(errno));
+    return rc;
+}
+
+/* is_subdir - compares resolved names, so "a/../b" and links above the
+ * directories count for what they point to; the directories themselves
+ * must not be links.  The base itself is not inside itself. */
+int is_subdir(const char *path, const char *base)
+{
+    struct stat pst, bst;
+    char saved[PATH_BUF_SIZE], rpath[PATH_BUF_SIZE], rbase[PATH_BUF_SIZE];
+
+    if (lstat(path, &pst) != 0 || lstat(base, &bst) != 0)
+        return 0;
+    if (!S_ISDIR(pst.st_mode) || !S_ISDIR(bst.st_mode))
+        return 0;
+    if (getcwd(saved, sizeof(saved)) == nullptr)
+        return 0;
+    if (resolve_dir(path, rpath, saved) != 0 || resolve_dir(base, rbase, saved) != 0)
+        return 0;
+    size_t blen = strlen(rbase);
+    return strncmp(rpath, rbase, blen) == 0 && rpath[blen] == '/';
+}
+
+/* real_path - a directory is resolved as it is; anything else through its
+ * parent directory, with the last name appended unresolved.  A result that
+ * does not fit the buffer is refused rather than cut. */
+const char *real_path(const char *path)
+{
+    static char buf[PATH_BUF_SIZE];
+    char saved[PATH_BUF_SIZE], dir[PATH_BUF_SIZE];
+    const char *name = nullptr;
+    struct stat st;
+
+    if (getcwd(saved, sizeof(saved)) == nullptr) {
+        report(0, "Unable to save current path\n");
+        return nullptr;
+    }
+    if (stat(path, &st) != 0) {
+        report(0, "Such path '%s' does not exist\n", path);
+        return nullptr;
+    }
+    if (S_ISDIR(st.st_mode)) {
+        snprintf(dir, sizeof(dir), "%s", path);
+    } else {
+        const char *slash = strrchr(path, '/');
+        if (slash == nullptr) {
+            snprintf(dir, sizeof(dir), ".");
+            name = path;
+        } else {
+            /* "/name" lies in the root directory */
+            int dlen = slash == path ? 1 : static_cast<int>(slash - path);
+            snprintf(dir, sizeof(dir), "%.*s", dlen, path);
+            name = slash + 1;
+        }
+    }
+    if (resolve_dir(dir, buf, saved) != 0) {
+        report(0, "Unable to get real path information\n");
+        return nullptr;
+    }
+    if (name != nullptr) {
+        size_t used = strlen(buf);
+        const char *sep = used > 0 && buf[used - 1] == '/' ? "" : "/";
+        int n = snprintf(buf + used, sizeof(buf) - used, "%s%s", sep, name);
+        if (n < 0 || static_cast<size_t>(n) >= sizeof(buf) - used) {
+            report(0, "Unable to get real path information\n");
+            return nullptr;
+        }
+    }
+    return buf;
+}
+
+int is_empty_string(const char *text)
+{
+    return text == nullptr || text[0] == '\0';
+}
