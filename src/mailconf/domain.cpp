@@ -1,0 +1,144 @@
+/* domain - add and remove a mail domain's directory and qmail records
+ * (see domain.h). */
+#include "mailconf/domain.h"
+
+#include "fs/file_str.h"
+#include "fs/file_util.h"
+#include "fs/tree.h"
+#include "mailconf/qmail_common.h"
+#include "proc/send_sig.h"
+#include "runtime/config.h"
+#include "runtime/report.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+/* The popuser ids of add_mail_domain, looked up once per process. */
+static PopuserIds add_popuser;
+
+/* format_wildcard_record - the assign record "+id:popuser:uid:gid:dir:::" */
+static void format_wildcard_record(char *buf, const char *id, const PopuserIds *ids,
+                                   const char *ascii)
+{
+    snprintf(buf, QMAIL_BUF_SIZE, "+%s:popuser:%d:%d:%s/%s:::", id,
+             static_cast<int>(ids->uid), static_cast<int>(ids->gid),
+             panel_config.QMAIL_MAILNAMES_D, ascii);
+}
+
+int add_mail_domain(const char *name, int disabled)
+{
+    char dir[QMAIL_BUF_SIZE], record[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
+    char path[QMAIL_BUF_SIZE];
+
+    if (name == nullptr || *name == '\0')
+        report(1, "empty domain");
+    char *ascii = domain_ascii(name);
+    if (!popuser_known(&add_popuser))
+        report(1, "Unable to define UID or GID for user popuser");
+
+    snprintf(dir, sizeof(dir), "%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii);
+    if (make_dir(dir, add_popuser.uid, add_popuser.gid, 0700) != 0) {
+        /* make_dir has reported the cause. */
+        free(ascii);
+        remove_mail_domain(name);
+        report_exit(255);
+    }
+
+    domain_id_required(name, id, sizeof(id));
+    format_wildcard_record(record, id, &add_popuser, ascii);
+    qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
+    if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
+        report(0, "Unable to remove domain record from assign file");
+    /* At the beginning: above the closing "." line of the assign file. */
+    if (file_str(path, record, FILE_STR_ADD, FILE_STR_AT_BEGIN) != 0)
+        report(1, "Unable to add default string to assign file for mail domain");
+    chmod(path, 0600);
+
+    qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);
+    if (file_str(path, ascii, FILE_STR_REMOVE, 1) != 0)
+        report(0, "Unable to remove domain record from rcpthosts file");
+    if (!disabled && file_str(path, ascii, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        free(ascii);
+        remove_mail_domain(name);
+        report(1, "Unable to add domain record to rcpthosts.");
+    }
+
+    snprintf(record, sizeof(record), "%s:%s\n", ascii, id);
+    free(ascii);
+    qmail_file_path(path, sizeof(path), QMAIL_VIRTUALDOMAINS_FILE);
+    if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
+        report(0, "Unable to remove record from virtualdomains.");
+    if (!disabled && file_str(path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        remove_mail_domain(name);
+        report(1, "Unable to add record to virtualdomains.");
+    }
+
+    /* Let the running mail system reread its control files. */
+    kill_by_name("qmail-se", 1);
+    return 0;
+}
+
+int add_enabled_mail_domain(const char *name)
+{
+    return add_mail_domain(name, 0);
+}
+
+/* remove_domain_dir - remove the domain directory tree, deferred when the
+ * /dev/hdv1 marker asks for it.  An absent directory leaves nothing to set
+ * aside, so deferral is skipped for it (deferred_remove would refuse it as
+ * an unsupported directory and end the process). */
+static void remove_domain_dir(const char *dir)
+{
+    struct stat st;
+
+    if (hdv1_marker_present() == 1) {
+        if (lstat(dir, &st) == 0)
+            deferred_remove(dir);
+    } else {
+        remove_tree(dir, 1);
+    }
+}
+
+int remove_mail_domain(const char *name)
+{
+    char dir[QMAIL_BUF_SIZE], record[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
+    char path[QMAIL_BUF_SIZE];
+    PopuserIds ids;
+
+    if (name == nullptr || *name == '\0')
+        report(1, "empty maildomain");
+    char *ascii = domain_ascii(name);
+    /* No test: an unknown popuser gives 0 and 0, and its wildcard record
+     * is then simply not found. */
+    popuser_lookup(&ids);
+    domain_id_required(name, id, sizeof(id));
+
+    qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);
+    if (file_str(path, ascii, FILE_STR_REMOVE, 1) != 0)
+        report(0, "Unable to remove domain from rcpthosts file");
+
+    snprintf(record, sizeof(record), "%s:%s", ascii, id);
+    qmail_file_path(path, sizeof(path), QMAIL_VIRTUALDOMAINS_FILE);
+    if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
+        report(1, "Unable to remove domain from virtualdomains file");
+    kill_by_name("qmail-se", 1);
+
+    /* The closing slash keeps neighbours whose names merely begin with
+     * this domain's name (example.com.au for example.com). */
+    snprintf(dir, sizeof(dir), "%s/%s/", panel_config.QMAIL_MAILNAMES_D, ascii);
+    qmail_file_path(path, sizeof(path), QMAIL_POPPASSWD_FILE);
+    if (file_str(path, dir, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING) != 0)
+        report(1, "error while deleting from file poppasswd");
+    qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
+    if (file_str(path, dir, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING) != 0)
+        report(1, "error while deleting from file assign");
+
+    remove_domain_dir(dir);
+
+    format_wildcard_record(record, id, &ids, ascii);
+    if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
+        report(1, "Unable to remove domain mailbox record from assign file");
+    free(ascii);
+    return 0;
+}
