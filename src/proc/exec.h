@@ -1,0 +1,66 @@
+/* exec - running child programs.
+ *
+ * Programs are started with fork() and execv(), without a shell, with the
+ * child's standard descriptors chosen by the caller and every other
+ * descriptor closed.  The capturing engines read the child's standard output
+ * and error through non-blocking pipes in a select() loop that polls the
+ * child once a second, so a descendant that keeps the pipes open cannot hang
+ * the caller.
+ *
+ * Engines (exec.cpp): fork_execv_pipes, fork_execv_getouterr,
+ * fork_execv_getout, fork_exec_read_chunk and the list forms
+ * fork_execl_pipes, fork_execl_getouterr, fork_execl_getout.
+ * Runners that report failures (exec_run.cpp): util_execv, util_execl,
+ * util_exec, admin_util_exec, admin_util_execv, exec_quiet, util_exec_fd,
+ * popen_exec, popen_exec_report.
+ * Small helpers (exec_util.cpp): find_in_path, close_fds_from_3,
+ * redirect_fd, check_params_consumed, check_param_present, xmalloc.
+ *
+ * Run result of every function that waits: the child's exit code (0..255),
+ * or -1 when it was ended or stopped by a signal or could not be waited for.
+ * A child whose descriptor set-up or execv() fails prints a message on
+ * standard error and exits with 255.  Capture buffers are heap strings the
+ * caller frees; null when the child wrote nothing to that stream.
+ * admin_util_exec and admin_util_execv need load_panel_config() first.
+ */
+#ifndef REBOX_PROC_EXEC_H
+#define REBOX_PROC_EXEC_H
+
+#include <stddef.h>
+#include <sys/types.h>
+
+/* Descriptor choices of fork_execv_pipes: the stream's own number inherits
+ * the caller's descriptor, -1 is /dev/null, anything else is moved there. */
+pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path,
+                       char *const argv[]);
+int fork_execv_getouterr(char **out, char **err, const char *path,
+                         char *const argv[]);
+int fork_execv_getout(char **out, const char *path, char *const argv[]);
+void fork_exec_read_chunk(int *fd, char **buf, size_t *size, size_t *len);
+
+/* List forms: slot 0 of the vector is arg0; the list ends with a null. */
+pid_t fork_execl_pipes(int fd_in, int fd_out, int fd_err, const char *path,
+                       const char *arg0, ...);
+int fork_execl_getouterr(char **out, char **err, const char *path,
+                         const char *arg0, ...);
+int fork_execl_getout(char **out, const char *path, const char *arg0, ...);
+
+int util_execv(const char *path, char *const argv[], int quiet);
+int util_execv(const char *path, char *const argv[]);
+int util_execl(const char *path, const char *arg0, ...);
+int util_exec(const char *path, ...);
+int admin_util_exec(const char *name, ...);
+int admin_util_execv(const char *name, char *const argv[]);
+int exec_quiet(const char *path, ...);
+int util_exec_fd(int fd_in, int fd_out, const char *path, char *const argv[]);
+int popen_exec(char **out, const char *command);
+int popen_exec_report(const char *command);
+
+char *find_in_path(const char *name, const char *dirs, int executable);
+void close_fds_from_3(void);
+int redirect_fd(int fd, int target);
+void check_params_consumed(int expected, int consumed);
+void check_param_present(int required, const char *value, const char *name);
+void *xmalloc(size_t size);
+
+#endif

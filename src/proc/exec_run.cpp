@@ -1,0 +1,344 @@
+/* exec_run - runners that start a program, wait for it and report failures.
+ *
+ * util_execv and its list forms run a program with captured output and
+ * report a failed run with what the program printed; admin_util_exec and
+ * admin_util_execv run one of the panel's sibling utilities by bare name;
+ * exec_quiet runs a program with all standard streams on /dev/null;
+ * util_exec_fd runs one on given descriptors and relays its standard error;
+ * popen_exec and popen_exec_report run a shell command line.
+ */
+#include "proc/exec.h"
+
+#include "runtime/config.h"
+#include "runtime/report.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+/* Vector slots of util_exec and admin_util_exec: the path, at most 99
+ * arguments, the terminating null. */
+static const size_t UTIL_EXEC_SLOTS = 101;
+/* exec_quiet takes at most 98 arguments. */
+static const size_t EXEC_QUIET_SLOTS = 100;
+static const size_t PATH_BUF_SIZE = 4096;
+static const size_t POPEN_STEP = 4096;
+
+/* fill_vector - slot 0 the path, then the listed arguments up to their null
+ * while slots last (further ones are ignored), then a null */
+static void fill_vector(char **slots, size_t nslots, const char *path, va_list ap)
+{
+    size_t i = 0;
+    const char *arg;
+
+    slots[i++] = const_cast<char *>(path);
+    while (i < nslots - 1 && (arg = va_arg(ap, const char *)) != nullptr)
+        slots[i++] = const_cast<char *>(arg);
+    slots[i] = nullptr;
+}
+
+int util_execv(const char *path, char *const argv[], int quiet)
+{
+    char *out = nullptr;
+    char *err = nullptr;
+    int result = fork_execv_getouterr(&out, &err, path, argv);
+
+    if (result != 0 && !quiet) {
+        /* The program's own output goes out exactly as it was printed. */
+        if (out) {
+            fputs(out, stderr);
+            fflush(stderr);
+        }
+        if (err)
+            report(0, "%s execution failed:\n%s", path, err);
+        else
+            report(0, "%s execution failed (no output)", path);
+    }
+    free(out);
+    free(err);
+    return result;
+}
+
+int util_execv(const char *path, char *const argv[])
+{
+    return util_execv(path, argv, 0);
+}
+
+int util_execl(const char *path, const char *arg0, ...)
+{
+    va_list ap;
+    size_t count = 1;
+
+    va_start(ap, arg0);
+    if (arg0)
+        while (va_arg(ap, const char *) != nullptr)
+            count++;
+    va_end(ap);
+
+    char **argv = static_cast<char **>(malloc((count + 1) * sizeof(char *)));
+    if (argv == nullptr)
+        report(1, "malloc() failed: %s", strerror(errno));
+    argv[0] = const_cast<char *>(arg0);
+    va_start(ap, arg0);
+    for (size_t i = 1; i < count; i++)
+        argv[i] = const_cast<char *>(va_arg(ap, const char *));
+    va_end(ap);
+    argv[count] = nullptr;
+
+    int result = util_execv(path, argv, 0);
+    free(argv);
+    return result;
+}
+
+int util_exec(const char *path, ...)
+{
+    char *slots[UTIL_EXEC_SLOTS];
+    va_list ap;
+
+    va_start(ap, path);
+    fill_vector(slots, UTIL_EXEC_SLOTS, path, ap);
+    va_end(ap);
+    return util_execv(path, slots, 0);
+}
+
+/* admin_util_path - the full path of a sibling utility in admin/bin, or null
+ * (reported) when the name is not a bare file name */
+static const char *admin_util_path(const char *name, char *buf, size_t size)
+{
+    /* An empty name would name the directory itself: refused like a path. */
+    if (name == nullptr || *name == 0 || strchr(name, '/')) {
+        report(0, "Utility name '%s' is invalid. Use only utility name without path.",
+               name ? name : "");
+        return nullptr;
+    }
+    snprintf(buf, size, "%s/admin/bin/%s", panel_config.PRODUCT_ROOT_D, name);
+    return buf;
+}
+
+int admin_util_exec(const char *name, ...)
+{
+    char path_buf[PATH_BUF_SIZE];
+    const char *path = admin_util_path(name, path_buf, sizeof(path_buf));
+    char *slots[UTIL_EXEC_SLOTS];
+    va_list ap;
+
+    if (path == nullptr)
+        return -1;
+    va_start(ap, name);
+    fill_vector(slots, UTIL_EXEC_SLOTS, path, ap);
+    va_end(ap);
+    return util_execv(path, slots, 0);
+}
+
+int admin_util_execv(const char *name, char *const argv[])
+{
+    char path_buf[PATH_BUF_SIZE];
+    const char *path = admin_util_path(name, path_buf, sizeof(path_buf));
+
+    if (path == nullptr)
+        return -1;
+    return util_execv(path, argv, 0);
+}
+
+/* exec_quiet - returns 1 when the child was ended by a signal, else 0.
+ * A child that cannot be created, or cannot be waited for, did not run to
+ * its end either: that is reported and counts as failure (1), never as
+ * success. */
+int exec_quiet(const char *path, ...)
+{
+    char *slots[EXEC_QUIET_SLOTS];
+    va_list ap;
+
+    va_start(ap, path);
+    fill_vector(slots, EXEC_QUIET_SLOTS, path, ap);
+    va_end(ap);
+
+    pid_t pid = fork();
+    if (pid < 0) {
+        report(0, "exec_quiet: fork() failed: %s", strerror(errno));
+        return 1;
+    }
+    if (pid == 0) {
+        close(0);
+        close(1);
+        close(2);
+        int null_fd = open("/dev/null", O_RDWR);
+        if (null_fd >= 0) {
+            dup2(null_fd, 0);
+            dup2(null_fd, 1);
+            dup2(null_fd, 2);
+            if (null_fd > 2)
+                close(null_fd);
+        }
+        execv(path, slots);
+        _exit(255);
+    }
+
+    /* Only this child is waited for, so no other child's status is taken. */
+    int status = 0;
+    pid_t waited;
+    do
+        waited = waitpid(pid, &status, 0);
+    while (waited < 0 && errno == EINTR);
+    if (waited < 0) {
+        report(0, "exec_quiet: unable to wait for %s: %s", path, strerror(errno));
+        return 1;
+    }
+    return WIFSIGNALED(status) ? 1 : 0;
+}
+
+int util_exec_fd(int fd_in, int fd_out, const char *path, char *const argv[])
+{
+    int err_pipe[2];
+    pid_t pid = -1;
+
+    if ((fd_in >= 0 && fd_in <= 2) || (fd_out >= 0 && fd_out <= 2)) {
+        report(0, "values 0,1,2 not allowed for variables fd_in & fd_out\n");
+        return -1;
+    }
+    if (pipe(err_pipe) < 0 || (pid = fork()) < 0)
+        report(1, "Error occured during fork():\n%s", strerror(errno));
+
+    if (pid == 0) {
+        close(0);
+        close(1);
+        close(2);
+        close(err_pipe[0]);
+        dup2(fd_in, 0);
+        dup2(fd_out, 1);
+        dup2(err_pipe[1], 2);
+        close_fds_from_3();
+        execv(path, argv);
+        int saved = errno;
+        report_stderr("Error occured during execv():\n%s", strerror(saved));
+        if (saved == EFAULT)
+            report_stderr(", possible reason - NULL parameter is absent in "
+                          "util_exec(path, arg1, arg2, NULL) call.\n");
+        else
+            report_stderr(".\n");
+        fflush(stderr);
+        _exit(255);
+    }
+
+    close(err_pipe[1]);
+    char piece[4096];
+    for (;;) {
+        ssize_t n = read(err_pipe[0], piece, sizeof(piece) - 1);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        piece[n] = 0;
+        /* The child's text is no system error of ours. */
+        errno = 0;
+        report(0, "%s", piece);
+    }
+    close(err_pipe[0]);
+
+    int status = 0;
+    pid_t waited;
+    do
+        waited = waitpid(pid, &status, WUNTRACED);
+    while (waited < 0 && errno == EINTR);
+    if (waited < 0) {
+        report(0, "Error occured during waiting the child process with pid: %d: %s\n",
+               static_cast<int>(pid), strerror(errno));
+        return -1;
+    }
+    if (WIFEXITED(status))
+        return WEXITSTATUS(status);
+    if (WIFSIGNALED(status))
+        report(0, "The child process with pid %d killed by signal %i\n",
+               static_cast<int>(pid), WTERMSIG(status));
+    else if (WIFSTOPPED(status))
+        report(0, "The child process with pid %d stopped by signal %i\n",
+               static_cast<int>(pid), WSTOPSIG(status));
+    return -1;
+}
+
+/* popen_exec - run a shell command line and capture its standard output.
+ * A read error other than an interruption ends the capture early; the
+ * output is then incomplete, so it is reported and the run counts as failed
+ * (-1) even when the command itself exits 0.  What was read is still handed
+ * to the caller. */
+int popen_exec(char **out, const char *command)
+{
+    *out = nullptr;
+    FILE *pipe_stream = popen(command, "r");
+    if (pipe_stream == nullptr) {
+        report_stderr("popen_exec: failed to execute command: fork or pipe calls "
+                      "failed, or cannon allocate memory\n");
+        return -1;
+    }
+
+    size_t capacity = POPEN_STEP;
+    size_t len = 0;
+    int read_failed = 0;
+    int read_errno = 0;
+    char *buf = static_cast<char *>(malloc(capacity + 1));
+    if (buf == nullptr) {
+        report_stderr("popen_exec: failed to allocate memory\n");
+        pclose(pipe_stream);
+        return -1;
+    }
+
+    for (;;) {
+        int c = getc(pipe_stream);
+        if (c == EOF) {
+            if (!ferror(pipe_stream))
+                break;
+            if (errno == EINTR) {
+                clearerr(pipe_stream);
+                continue;
+            }
+            read_failed = 1;
+            read_errno = errno;
+            break;
+        }
+        if (len == capacity) {
+            char *bigger = static_cast<char *>(realloc(buf, capacity + POPEN_STEP + 1));
+            if (bigger == nullptr) {
+                report_stderr("popen_exec: warning: failed to allocate memory for "
+                              "command output buffer\n");
+                len = 0;
+                break;
+            }
+            buf = bigger;
+            capacity += POPEN_STEP;
+        }
+        buf[len++] = static_cast<char>(c);
+    }
+    buf[len] = 0;
+
+    if (read_failed)
+        report_stderr("popen_exec: failed to read command output: %s\n",
+                      strerror(read_errno));
+    int status = pclose(pipe_stream);
+    *out = buf;
+    if (read_failed) {
+        errno = read_errno;
+        return -1;
+    }
+    if (status == -1)
+        return -1;
+    return (status >> 8) & 0xff;
+}
+
+int popen_exec_report(const char *command)
+{
+    char *out = nullptr;
+    int result = popen_exec(&out, command);
+
+    if (result == -1)
+        report(0, "popen_exec: failed to execute command: %s\n", strerror(errno));
+    else if (result != 0)
+        report(0, "popen_exec: command failed code: %d , %s\n", result,
+               out && *out ? out : "error: none");
+    free(out);
+    return result;
+}

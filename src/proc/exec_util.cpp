@@ -1,0 +1,88 @@
+/* exec_util - small helpers around child processes and command strings.
+ *
+ * find_in_path looks a program up in a directory list; close_fds_from_3 and
+ * redirect_fd prepare a child's descriptors; check_params_consumed,
+ * check_param_present and xmalloc end the process on a broken command
+ * string or when memory runs out.
+ */
+#include "proc/exec.h"
+
+#include "runtime/report.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+char *find_in_path(const char *name, const char *dirs, int executable)
+{
+    const char *list = dirs ? dirs : getenv("PATH");
+
+    if (list == nullptr || *list == 0)
+        return nullptr;
+    for (const char *entry = list;;) {
+        const char *end = strchr(entry, ':');
+        int entry_len = static_cast<int>(end ? end - entry : strlen(entry));
+        char *path = xasprintf("%.*s/%s", entry_len, entry, name);
+        struct stat st;
+
+        if (stat(path, &st) == 0 && (!executable || (st.st_mode & 0111) == 0111))
+            return path;
+        free(path);
+        if (end == nullptr || end[1] == 0)
+            return nullptr;
+        entry = end + 1;
+    }
+}
+
+void close_fds_from_3(void)
+{
+    /* close_range() does in one call what the loop does one descriptor at a
+     * time; the loop remains for kernels without it. */
+    if (close_range(3, ~0U, 0) != 0) {
+        int table_size = getdtablesize();
+        for (int fd = 3; fd < table_size; fd++)
+            close(fd);
+    }
+    errno = 0;
+}
+
+int redirect_fd(int fd, int target)
+{
+    if (fd == target)
+        return target;
+    if (fd == -1) {
+        fd = open("/dev/null", O_RDWR);
+        if (fd < 0)
+            return -1;
+        if (fd == target)
+            return target;
+    }
+    int result = dup2(fd, target);
+    close(fd);
+    return result;
+}
+
+void check_params_consumed(int expected, int consumed)
+{
+    if (expected != consumed)
+        report(1, "Some parameters in command string leave unprocessed. "
+                  "Check parameters please.");
+}
+
+void check_param_present(int required, const char *value, const char *name)
+{
+    if (required && (value == nullptr || *value == 0))
+        report(1, "Miss parameter '%s' or previos parameter empty.\n", name);
+}
+
+void *xmalloc(size_t size)
+{
+    void *p = malloc(size);
+
+    if (p == nullptr)
+        report(1, "alloc(%d)", static_cast<int>(size));
+    return p;
+}
