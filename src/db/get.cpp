@@ -1,0 +1,442 @@
+/* get - the query family: small read-only questions to the panel database.
+ *
+ * Each text member owns a 4096-byte static buffer: the query is formatted in
+ * it and the answer copied over it.  A member handed no connection opens a
+ * session of its own and closes it before every return.
+ *
+ * Values go between quotes unescaped.  A value holding a backslash or a
+ * quote is a fault of the caller: the member reports it (naming itself), sends
+ * nothing and fails the call as it fails on a refused query.  Only
+ * get_dom_id without the quiet flag ends the process instead, since its
+ * callers rely on getting an id whenever it returns.
+ */
+#include "db/get.h"
+
+#include "db/connect.h"
+#include "mailconf/idn.h"
+#include "runtime/report.h"
+
+#include <ctype.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+static const size_t GET_BUF_SIZE = 4096;
+static const size_t GET_ERR_SIZE = 4097;
+static const char CONNECT_MSG[] = "Unable to connect to the mysql database\n";
+
+static char query_value_buf[GET_BUF_SIZE];
+
+/* open_own - a session for a member handed no connection; a failure is
+ * reported as the connect reason followed by connect_msg */
+static MYSQL *open_own(const char *connect_msg)
+{
+    char err[GET_ERR_SIZE];
+    MYSQL *conn;
+
+    err[0] = '\0';
+    conn = db_open_session(err, sizeof(err));
+    if (conn == nullptr) {
+        report(0, "%s", err);
+        report(0, "%s", connect_msg);
+    }
+    return conn;
+}
+
+/* close_own - close conn when the member opened it itself */
+static void close_own(MYSQL *conn, MYSQL *given)
+{
+    if (given == nullptr && conn != nullptr)
+        mysql_close(conn);
+}
+
+/* run_first_value - send query (often held in buf itself) and copy column
+ * of its first row into buf (at most 4095 bytes; "" for no row or NULL); -1
+ * when the server refused the query, buf then unchanged */
+static int run_first_value(const char *query, char *buf, MYSQL *conn, unsigned column)
+{
+    MYSQL_RES *res;
+    MYSQL_ROW row;
+
+    if (mysql_real_query(conn, query, strlen(query)) != 0)
+        return -1;
+    buf[0] = '\0';
+    res = mysql_store_result(conn);
+    if (res == nullptr)
+        return 0;
+    row = mysql_fetch_row(res);
+    if (row != nullptr && column < mysql_num_fields(res) && row[column] != nullptr) {
+        size_t len = mysql_fetch_lengths(res)[column];
+        if (len > GET_BUF_SIZE - 1)
+            len = GET_BUF_SIZE - 1;
+        memcpy(buf, row[column], len);
+        buf[len] = '\0';
+    }
+    mysql_free_result(res);
+    return 0;
+}
+
+/* ask_text - the family's pattern once the values are checked: open a
+ * session if none is given, run query and answer in buf; on a refused query
+ * report fail_format (with fail_name, when given, before the error text) and
+ * answer null */
+static const char *ask_text(const char *query, char *buf, MYSQL *conn, unsigned column,
+                            const char *connect_msg, const char *fail_format, const char *fail_name)
+{
+    MYSQL *c = conn != nullptr ? conn : open_own(connect_msg);
+
+    if (c == nullptr)
+        return nullptr;
+    if (run_first_value(query, buf, c, column) < 0) {
+        if (fail_name != nullptr)
+            report(0, fail_format, fail_name, mysql_error(c));
+        else
+            report(0, fail_format, mysql_error(c));
+        close_own(c, conn);
+        return nullptr;
+    }
+    close_own(c, conn);
+    return buf;
+}
+
+/* starts_true - flag rule: the stored value begins with "true" */
+static int starts_true(const char *value)
+{
+    return value != nullptr && strncmp(value, "true", 4) == 0;
+}
+
+int get_dom_status(const char *dom_id, unsigned *status, MYSQL *conn)
+{
+    static const char fail[] = "Unable to get status for domain with id=\"%s\": %s";
+    char query[GET_BUF_SIZE];
+    MYSQL_RES *res;
+    MYSQL_ROW row;
+    int parsed;
+
+    if (!db_check_plain(__func__, dom_id, 0))
+        return -1;
+    if (conn == nullptr) {
+        report(0, fail, dom_id, "no database connection");
+        return -1;
+    }
+    snprintf(query, sizeof(query), "select status from domains where id=\"%s\"", dom_id);
+    if (mysql_real_query(conn, query, strlen(query)) != 0) {
+        report(0, fail, dom_id, mysql_error(conn));
+        return -1;
+    }
+    res = mysql_store_result(conn);
+    row = res != nullptr ? mysql_fetch_row(res) : nullptr;
+    if (row == nullptr) {
+        if (res != nullptr)
+            mysql_free_result(res);
+        report(0, "Unable to get status for domain with id=\"%s\": such domain is not exist.", dom_id);
+        return -2;
+    }
+    parsed = row[0] != nullptr && sscanf(row[0], "%u", status) == 1;
+    mysql_free_result(res);
+    if (!parsed) {
+        report(0, "Unable to get status for domain with id=\"%s\": error translate status value "
+                  "from char to unsigned int.", dom_id);
+        return -3;
+    }
+    return 0;
+}
+
+int get_client_id_by_domain(const char *dom_id, MYSQL *conn)
+{
+    static const char fail[] = "Unable to define client's ID: %s\n";
+    char buf[GET_BUF_SIZE];
+    int id = 0;
+
+    if (!db_check_plain(__func__, dom_id, 0))
+        return 0;
+    if (conn == nullptr) {
+        report(0, fail, "no database connection");
+        return 0;
+    }
+    snprintf(buf, sizeof(buf), "select c.id from domains d, clients c \t\t\t\t\t\t\t\t\t"
+             "where d.cl_id=c.id and d.id='%s'", dom_id);
+    if (ask_text(buf, buf, conn, 0, CONNECT_MSG, fail, nullptr) == nullptr)
+        return 0;
+    if (sscanf(buf, "%d", &id) != 1)
+        return 0;
+    return id;
+}
+
+int get_next_id(const char *table, MYSQL *conn)
+{
+    char buf[GET_BUF_SIZE];
+    int max_id;
+
+    snprintf(buf, sizeof(buf), "SELECT max(id) FROM %s", table);
+    if (ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to define max id: %s", nullptr) == nullptr)
+        return 0;
+    /* An empty table has a NULL maximum: the first id is 1. */
+    if (sscanf(buf, "%d", &max_id) != 1)
+        return 1;
+    return max_id + 1;
+}
+
+const char *get_dns_zone_id(const char *dom_id, MYSQL *conn)
+{
+    static char buf[GET_BUF_SIZE];
+
+    if (!db_check_plain(__func__, dom_id, 0))
+        return nullptr;
+    snprintf(buf, sizeof(buf), "select dns_zone_id from domains where id='%s'", dom_id);
+    return ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to query dns_zone_id: %s\n", nullptr);
+}
+
+const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
+{
+    static char buf[GET_BUF_SIZE];
+    MYSQL *c;
+    char *ascii;
+
+    if (!db_check_plain(quiet ? "get_dom_id_noerr" : "get_dom_id", name, quiet ? 0 : 1))
+        return nullptr;
+    c = conn != nullptr ? conn : open_own(CONNECT_MSG);
+    if (c == nullptr)
+        return nullptr;
+    ascii = idn_toascii(name);
+    if (ascii == nullptr)
+        report(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
+    snprintf(buf, sizeof(buf), "select id from domains where name='%s'", ascii);
+    free(ascii);
+    if (run_first_value(buf, buf, c, 0) < 0)
+        report(1, "Unable to query domain ID: %s\n", mysql_error(c));
+    close_own(c, conn);
+    if (buf[0] == '\0') {
+        if (quiet)
+            return nullptr;
+        report(1, "get_dom_id(): domains record not found in DB for '%s'\n", name);
+    }
+    return buf;
+}
+
+const char *get_dom_id(const char *name, MYSQL *conn)
+{
+    return get_dom_id_noerr(name, conn, 0);
+}
+
+const char *get_exist_case_dom_name(const char *name)
+{
+    static char buf[GET_BUF_SIZE];
+    static char lower[GET_BUF_SIZE];
+    char err[GET_ERR_SIZE];
+    MYSQL *conn;
+    size_t i;
+
+    if (!db_check_plain(__func__, name, 0))
+        return nullptr;
+    err[0] = '\0';
+    conn = db_open_session(err, sizeof(err));
+    if (conn == nullptr) {
+        report(0, "%s", err);
+        report(1, "%s", CONNECT_MSG);
+    }
+    snprintf(buf, sizeof(buf), "select name from domains where name='%s'", name);
+    if (run_first_value(buf, buf, conn, 0) < 0)
+        report(1, "Unable to query domain name: %s\n", mysql_error(conn));
+    mysql_close(conn);
+    /* Stored names are never empty: "" is no row or a NULL name. */
+    if (buf[0] == '\0')
+        return nullptr;
+    for (i = 0; buf[i] != '\0'; i++)
+        lower[i] = (char)tolower((unsigned char)buf[i]);
+    lower[i] = '\0';
+    return lower;
+}
+
+int get_frontpage(const char *name, int ssl, MYSQL *conn)
+{
+    char buf[GET_BUF_SIZE];
+
+    if (!db_check_plain(__func__, name, 0))
+        return 0;
+    snprintf(buf, sizeof(buf), "select h.%s from domains d, hosting h \t\t\t\t\t\t\t\t\t"
+             "where d.name='%s' and h.dom_id=d.id", ssl ? "fp_ssl" : "fp", name);
+    return starts_true(ask_text(buf, buf, conn, 0, CONNECT_MSG,
+                                "Unable to query frontpage status: %s\n", nullptr));
+}
+
+int get_anon_ftp(const char *dom_id, MYSQL *conn)
+{
+    char buf[GET_BUF_SIZE];
+
+    if (!db_check_plain(__func__, dom_id, 0))
+        return 0;
+    snprintf(buf, sizeof(buf), "select a.status from domains d, anon_ftp a \t\t\t\t\t\t\t\t\t"
+             "where d.id='%s' and a.dom_id=d.id", dom_id);
+    return starts_true(ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to query anon_ftp: %s\n", nullptr));
+}
+
+/* has_rows - send query and tell whether it has rows: 1, 0, or -1 after
+ * reporting fail_format when it is refused or gives no result set */
+static int has_rows(MYSQL *conn, const char *query, const char *fail_format)
+{
+    MYSQL_RES *res;
+    int found;
+
+    if (mysql_real_query(conn, query, strlen(query)) != 0 ||
+        (res = mysql_store_result(conn)) == nullptr) {
+        report(0, fail_format, mysql_error(conn));
+        return -1;
+    }
+    found = mysql_fetch_row(res) != nullptr;
+    mysql_free_result(res);
+    return found;
+}
+
+int get_www_prefix(const char *dom_id, MYSQL *conn)
+{
+    char query[GET_BUF_SIZE];
+    MYSQL *c;
+    int found;
+
+    if (!db_check_plain(__func__, dom_id, 0))
+        return -1;
+    c = conn != nullptr ? conn : open_own(CONNECT_MSG);
+    if (c == nullptr)
+        return -1;
+    snprintf(query, sizeof(query), "select * from domains d, dns_zone z, dns_recs r \t\t"
+             "where d.id='%s' and d.dns_zone_id=z.id and r.dns_zone_id=z.id \t\t"
+             "and ((r.type='A') or (r.type='CNAME')) \t\tand left(r.host,4)='www.'", dom_id);
+    found = has_rows(c, query, "Unable to query www prefix: %s\n");
+    if (found == 1) {
+        /* A www record counts only when no subdomain takes the name. */
+        snprintf(query, sizeof(query), "select * from subdomains \t\t\twhere dom_id='%s' and name='www'",
+                 dom_id);
+        found = has_rows(c, query, "Unable to query www subdomain: %s\n");
+        if (found >= 0)
+            found = !found;
+    }
+    close_own(c, conn);
+    return found;
+}
+
+const char *get_dom_Limit(const char *dom_id, const char *limit_name, MYSQL *conn)
+{
+    static char buf[GET_BUF_SIZE];
+
+    if (!db_check_plain(__func__, dom_id, 0) || !db_check_plain(__func__, limit_name, 0))
+        return nullptr;
+    snprintf(buf, sizeof(buf), "select l.value from domains d, Limits l \t\t\t\t "
+             "where d.id='%s' and d.limits_id=l.id  and l.limit_name='%s'", dom_id, limit_name);
+    return ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to query domain limit %s: %s\n", limit_name);
+}
+
+const char *get_DomainService_Parameter(const char *dom_id, const char *type,
+                                        const char *parameter, MYSQL *conn)
+{
+    static char buf[GET_BUF_SIZE];
+
+    if (!db_check_plain(__func__, dom_id, 0) || !db_check_plain(__func__, type, 0) ||
+        !db_check_plain(__func__, parameter, 0))
+        return nullptr;
+    snprintf(buf, sizeof(buf), "select r.value from DomainServices s, Parameters r \t\t\t\t "
+             "where s.dom_id='%s' and s.type='%s' and s.parameters_id=r.id  and r.parameter='%s'",
+             dom_id, type, parameter);
+    return ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to query domain parameter %s: %s\n", parameter);
+}
+
+const char *get_dom_Parameter(const char *dom_id, const char *parameter, MYSQL *conn)
+{
+    static char buf[GET_BUF_SIZE];
+
+    if (!db_check_plain(__func__, dom_id, 0) || !db_check_plain(__func__, parameter, 0))
+        return nullptr;
+    snprintf(buf, sizeof(buf), "select r.value from domains d, Parameters r \t\t"
+             "where d.id='%s' and d.params_id=r.id and r.parameter='%s'", dom_id, parameter);
+    return ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to query domain parameter %s: %s\n", parameter);
+}
+
+const char *get_dom_param(const char *dom_id, const char *param, MYSQL *conn)
+{
+    static char buf[GET_BUF_SIZE];
+
+    if (!db_check_plain(__func__, dom_id, 0) || !db_check_plain(__func__, param, 0))
+        return nullptr;
+    snprintf(buf, sizeof(buf), "select val from dom_param where dom_id='%s' and param='%s'",
+             dom_id, param);
+    return ask_text(buf, buf, conn, 0, "Unable to connect to mysql database\n",
+                    "Unable to query domain parameter %s: %s\n", param);
+}
+
+const char *get_ip_address(const char *dom_id, MYSQL *conn)
+{
+    static char buf[GET_BUF_SIZE];
+
+    if (!db_check_plain(__func__, dom_id, 0))
+        return nullptr;
+    snprintf(buf, sizeof(buf), "select ipa.ip_address from domains d, hosting h, IP_Addresses ipa "
+             "where d.id='%s' and d.id=h.dom_id and h.ip_address_id=ipa.id", dom_id);
+    return ask_text(buf, buf, conn, 0, "get_ip_address: Unable to connect to the mysql database",
+                    "Unable to query IP address: %s\n", nullptr);
+}
+
+const char *get_query_value(const char *query, MYSQL *conn, int column)
+{
+    /* The query is sent as given, whatever its length; only the answer
+     * goes into the shared buffer. */
+    if (column < 0)
+        return nullptr;
+    return ask_text(query, query_value_buf, conn, (unsigned)column, CONNECT_MSG,
+                    "Unable to query parameter by query %s: %s\n", query);
+}
+
+const char *get_param_simple(const char *value, const char *table, const char *key_column,
+                             const char *value_column, MYSQL *conn)
+{
+    char query[GET_BUF_SIZE];
+
+    /* The table and column names are checked as well: they go into the
+     * statement as unescaped as the value. */
+    if (!db_check_plain(__func__, value, 0) || !db_check_plain(__func__, table, 0) ||
+        !db_check_plain(__func__, key_column, 0) || !db_check_plain(__func__, value_column, 0))
+        return nullptr;
+    snprintf(query, sizeof(query), "select %s from %s where %s='%s'",
+             value_column, table, key_column, value);
+    return get_query_value(query, conn, 0);
+}
+
+const char *get_misc_param(const char *name, MYSQL *conn)
+{
+    return get_param_simple(name, "misc", "param", "val", conn);
+}
+
+const char *get_dom_htype(const char *dom_id, MYSQL *conn)
+{
+    return get_param_simple(dom_id, "domains", "id", "htype", conn);
+}
+
+const char *get_client_email(const char *dom_id, MYSQL *conn)
+{
+    static char buf[GET_BUF_SIZE];
+    const char *admin_email;
+    MYSQL *c;
+
+    if (!db_check_plain(__func__, dom_id, 0))
+        return nullptr;
+    c = conn != nullptr ? conn : open_own(CONNECT_MSG);
+    if (c == nullptr)
+        return nullptr;
+    snprintf(buf, sizeof(buf), "select c.email from domains d, clients c \t\t\t\t\t\t\t\t\t"
+             "where d.cl_id=c.id and d.id='%s'", dom_id);
+    if (ask_text(buf, buf, c, 0, CONNECT_MSG, "Unable to define clients email: %s\n", nullptr) == nullptr) {
+        close_own(c, conn);
+        return nullptr;
+    }
+    if (buf[0] == '\0') {
+        /* The client has no e-mail of its own: the panel administrator's. */
+        admin_email = get_param_simple("admin_email", "misc", "param", "val", c);
+        if (admin_email == nullptr || admin_email[0] == '\0') {
+            report(0, "Unable to define admin email\n");
+            close_own(c, conn);
+            return nullptr;
+        }
+        snprintf(buf, sizeof(buf), "%s", admin_email);
+    }
+    close_own(c, conn);
+    return buf;
+}
