@@ -214,13 +214,12 @@ int util_exec_fd(int fd_in, int fd_out, const char *path, char *const argv[])
         dup2(err_pipe[1], 2);
         close_fds_from_3();
         execv(path, argv);
+        /* One write, so that the parent relays the message in one piece. */
         int saved = errno;
-        report_stderr("Error occured during execv():\n%s", strerror(saved));
-        if (saved == EFAULT)
-            report_stderr(", possible reason - NULL parameter is absent in "
-                          "util_exec(path, arg1, arg2, NULL) call.\n");
-        else
-            report_stderr(".\n");
+        report_stderr("Error occured during execv():\n%s%s", strerror(saved),
+                      saved == EFAULT ? ", possible reason - NULL parameter is absent in "
+                                        "util_exec(path, arg1, arg2, NULL) call.\n"
+                                      : ".\n");
         fflush(stderr);
         _exit(255);
     }
