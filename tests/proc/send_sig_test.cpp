@@ -1,5 +1,5 @@
-/* Tests of signalling by command name with real processes started from
- * copies of /bin/sleep named after the qmail processes. */
+/* Tests of signalling by command name with real processes: copies of
+ * /bin/sleep named after the qmail processes. */
 #include "proc/send_sig.h"
 
 #include "support/sandbox.h"
@@ -12,14 +12,11 @@
 
 #include <string>
 
-namespace {
-
 /* start_named - run a copy of /bin/sleep whose command name is name */
-pid_t start_named(const std::string &name)
+static pid_t start_named(const std::string &name)
 {
     std::string path = sandbox_path(name);
-    if (access(path.c_str(), X_OK) != 0 &&
-        run_command("cp /bin/sleep '" + path + "'").status != 0)
+    if (run_command("test -x " + path + " || cp /bin/sleep " + path).status != 0)
         return -1;
     pid_t pid = fork();
     if (pid == 0) {
@@ -29,54 +26,38 @@ pid_t start_named(const std::string &name)
     return pid;
 }
 
-/* end_signal - the signal that ended pid within five seconds, 0 when it is
- * still running (it is then killed and reaped) */
-int end_signal(pid_t pid)
+/* end_signal - the signal that ended pid within five seconds, or 0 when it
+ * still runs (it is then killed and reaped) */
+static int end_signal(pid_t pid)
 {
     int status = 0;
-    for (int i = 0; i < 50; i++) {
+    for (int i = 0; i < 50; i++, usleep(100000))
         if (waitpid(pid, &status, WNOHANG) == pid)
             return WIFSIGNALED(status) ? WTERMSIG(status) : -1;
-        usleep(100000);
-    }
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
     return 0;
 }
 
-/* others_named - how many processes called name run outside this test */
-int others_named(const char *name)
-{
-    CommandResult r = run_command(std::string("ps axc -opid,command | grep -cE '[0-9] ") + name + "$'");
-    return std::stoi(r.out);
-}
-
-} // namespace
-
 TEST(SendSig, SignalsExactCommandNamesOnly)
 {
     REQUIRE_SANDBOX();
-    /* the name is matched system-wide: never touch a running mail system */
-    if (others_named("qmail-se") != 0 || others_named("xqmail-se") != 0)
+    /* names are matched system-wide: never touch a running mail system */
+    if (run_command("ps axc -opid,command | grep -qE '[0-9] x?qmail-se$'").status == 0)
         GTEST_SKIP() << "processes named qmail-se already run on this host";
 
-    /* nothing to signal: the pipeline runs and finds nobody */
-    EXPECT_EQ(kill_by_name("qmail-se", 1), 0);
+    EXPECT_EQ(kill_by_name("qmail-se", 1), 0); /* nobody to signal */
 
-    pid_t first = start_named("qmail-se");
-    pid_t second = start_named("qmail-se");
+    pid_t first = start_named("qmail-se"), second = start_named("qmail-se");
     pid_t other = start_named("xqmail-se");
-    ASSERT_GT(first, 0);
-    ASSERT_GT(second, 0);
-    ASSERT_GT(other, 0);
-    usleep(200000); /* let the children reach exec and take their names */
+    ASSERT_TRUE(first > 0 && second > 0 && other > 0);
+    usleep(200000); /* let the children take their names */
 
     kill_by_name("qmail-se", 1);
     EXPECT_EQ(end_signal(first), SIGHUP);
     EXPECT_EQ(end_signal(second), SIGHUP);
-
-    int status = 0;
-    EXPECT_EQ(waitpid(other, &status, WNOHANG), 0) << "xqmail-se must not be signalled";
+    int status;
+    EXPECT_EQ(waitpid(other, &status, WNOHANG), 0) << "xqmail-se was signalled";
     kill_by_name("xqmail-se", SIGUSR1);
     EXPECT_EQ(end_signal(other), SIGUSR1);
 }
