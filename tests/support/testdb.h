@@ -9,8 +9,9 @@
  * /etc/vdo/.vdo.shadow.  They talk to the server directly; the code under
  * test still connects the way it does on a panel server.
  *
- * Usage: call testdb_reset() first in every test that touches the database,
- * then load exactly the rows the test needs:
+ * Usage: call testdb_reset() first in every test that touches the database
+ * (the code's own sessions read table misc as they open, so they fail on a
+ * database without tables), then load exactly the rows the test needs:
  *
  *     testdb_reset();
  *     testdb_exec("INSERT INTO domains (id, name) VALUES (7, 'example.com');"
