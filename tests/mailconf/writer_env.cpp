@@ -6,14 +6,18 @@
 #include "support/testdb.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-void writers_setup(void)
+void writers_setup(std::initializer_list<const char *> domain_rows)
 {
     load_panel_config();
     testdb_reset();
+    for (const char *row : domain_rows) {
+        std::string r = row, sp = r.substr(0, r.find(' '));
+        testdb_exec(("INSERT INTO domains (id, name, cl_id) VALUES (" + sp + ", '" +
+                     r.substr(sp.size() + 1) + "', 5)").c_str());
+    }
     mkdir(panel_config.QMAIL_MAILNAMES_D, 0755);
     write_file(qmail_path("users/assign"), ".\n");
     for (const char *name : {"users/poppasswd", "control/rcpthosts", "control/virtualdomains"})
@@ -30,13 +34,6 @@ std::string mailnames_path(const std::string &relative)
     return sandbox_path("qmail/mailnames/" + relative);
 }
 
-void add_domain_row(int id, const char *name)
-{
-    std::string sql = "INSERT INTO domains (id, name) VALUES (" + std::to_string(id) + ", '" +
-                      name + "')";
-    testdb_exec(sql.c_str());
-}
-
 std::string ownership(const std::string &path)
 {
     struct stat st;
@@ -44,8 +41,8 @@ std::string ownership(const std::string &path)
 
     if (lstat(path.c_str(), &st) != 0)
         return "";
-    snprintf(buf, sizeof(buf), "%u:%u:%o", static_cast<unsigned>(st.st_uid),
-             static_cast<unsigned>(st.st_gid), static_cast<unsigned>(st.st_mode & 07777));
+    snprintf(buf, sizeof(buf), "%u:%u:%o", (unsigned)st.st_uid, (unsigned)st.st_gid,
+             (unsigned)(st.st_mode & 07777));
     return buf;
 }
 
@@ -53,8 +50,7 @@ std::string popuser_owned(unsigned mode)
 {
     char buf[64];
 
-    snprintf(buf, sizeof(buf), "%s:%s:%o", getenv("REBOX_POPUSER_UID"),
-             getenv("REBOX_POPUSER_GID"), mode);
+    snprintf(buf, sizeof(buf), "7781:7781:%o", mode);
     return buf;
 }
 
