@@ -1,0 +1,241 @@
+/* rebuild - the pass that rebuilds qmail's whole configuration.
+ *
+ * The pass empties control/rcpthosts, control/virtualdomains, users/assign
+ * (left holding the closing ".") and users/poppasswd, prepares the mail
+ * names directory, then walks the domains with mail service and, for each,
+ * calls the writers in a fixed order: the domain, its unknown-recipient
+ * policy, its quota, its aliases, then every mailbox with its postbox,
+ * forwards, autoresponder, quota and aliases.  Any failed query of the pass
+ * is fatal; the writers handle their own file failures.
+ */
+#include "restore/rebuild.h"
+
+#include "db/component.h"
+#include "db/connect.h"
+#include "db/get.h"
+#include "filters/antivirus.h"
+#include "fs/file_str.h"
+#include "fs/file_util.h"
+#include "fs/users.h"
+#include "mailconf/delivery.h"
+#include "mailconf/domain.h"
+#include "mailconf/domain_alias.h"
+#include "mailconf/mailbox.h"
+#include "mailconf/nonexist_policy.h"
+#include "mailconf/quota.h"
+#include "proc/service.h"
+#include "runtime/config.h"
+#include "runtime/report.h"
+
+#include <crypt.h>
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+static const size_t QUERY_SIZE = 4096;
+
+/* The salt of this run: "$1$", eight characters, a terminating zero. */
+static char run_salt[12];
+
+/* db_flag_on - a flag column is on unless it says "false"; a NULL (which
+ * the panel never stores there) is taken as off rather than compared */
+static int db_flag_on(const char *value)
+{
+    return value != nullptr && strcmp(value, "false") != 0;
+}
+
+void make_salt(char *buf, int n)
+{
+    for (int i = 0; i < n; i++) {
+        int k = static_cast<int>(rand() * 64.0 * 4.656612873077393e-10);
+        buf[i] = SALT_ALPHABET[(k + 1) % 64];
+    }
+}
+
+int short_pop3_names_allowed(MYSQL *conn)
+{
+    const char *value = get_misc_param("allow_short_pop3_names", conn);
+
+    return !(value != nullptr && strcmp(value, "disabled") == 0);
+}
+
+/* apply_quota - write or remove a domain (mail_name null) or mailbox quota */
+static void apply_quota(const char *domain, const char *mail_name, const char *value)
+{
+    long limit = -1;
+
+    if (value == nullptr || sscanf(value, "%ld", &limit) != 1 || limit < 0) {
+        remove_mbox_quota(domain, mail_name);
+        return;
+    }
+    if (write_mbox_quota(domain, mail_name, limit >> 10) == 0)
+        report(0, "Warning: unable to write mailbox quota\n");
+}
+
+/* run_query - send a query of the pass and store its result, or end */
+static MYSQL_RES *run_query(MYSQL *conn, const char *query, const char *failure)
+{
+    MYSQL_RES *res;
+
+    if (mysql_query(conn, query) != 0 || (res = mysql_store_result(conn)) == nullptr)
+        report(1, failure, mysql_error(conn));
+    return res;
+}
+
+/* empty_qmail_files - truncate the domain data, assign keeping its "." */
+static void empty_qmail_files(void)
+{
+    char path[QUERY_SIZE];
+
+    snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/control/rcpthosts");
+    truncate_file(path);
+    snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/control/virtualdomains");
+    truncate_file(path);
+    snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/users/assign");
+    truncate_file(path);
+    file_str(path, ".\n", FILE_STR_ADD, FILE_STR_AT_END);
+    snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/users/poppasswd");
+    truncate_file(path);
+}
+
+/* prepare_mailnames_dir - make the mailbox root, owned by root:gid, 0755 */
+static void prepare_mailnames_dir(unsigned gid)
+{
+    const char *dir = panel_config.QMAIL_MAILNAMES_D;
+    struct stat st;
+
+    if (stat(dir, &st) != 0) {
+        if (errno != ENOENT)
+            report(1, "ERROR: Unable to stat for mailnames dir: %s", strerror(errno));
+        if (mkdir(dir, 0755) != 0)
+            report(1, "ERROR: Unable to mkdir for mailnames dir: %s", strerror(errno));
+    }
+    if (chown(dir, 0, gid) != 0)
+        report(1, "ERROR: Unable to chown for mailnames dir: %s", strerror(errno));
+    if (chmod(dir, 0755) != 0)
+        report(1, "ERROR: Unable to chmod for mailnames dir: %s", strerror(errno));
+    if (chdir(dir) != 0)
+        report(1, "WARNING: Unable to chdir to mailnames dir: %s", strerror(errno));
+}
+
+/* restore_mailbox - one mailbox row of a domain, all its records */
+static void restore_mailbox(MYSQL *conn, MYSQL_ROW m, const char *domain, int disabled,
+                            int full_names_required)
+{
+    char query[QUERY_SIZE];
+    const char *mail_name = m[1];
+
+    add_mailbox(mail_name, domain);
+    if (db_flag_on(m[2])) {
+        const char *hash;
+        if (m[3] != nullptr && strcmp(m[3], "crypt") == 0)
+            hash = m[4];
+        else
+            hash = crypt(m[4] ? m[4] : "", run_salt);
+        add_postbox(mail_name, domain, hash, disabled, full_names_required);
+    }
+    if (db_flag_on(m[5]) && m[6] != nullptr && m[6][0] != 0)
+        add_forward_address(mail_name, domain, m[6]);
+    if (db_flag_on(m[7])) {
+        snprintf(query, sizeof(query), "SELECT address FROM mail_redir WHERE mn_id=%s", m[0]);
+        MYSQL_RES *res = run_query(conn, query, "Unable to query mailgroup members: %s");
+        while (MYSQL_ROW r = mysql_fetch_row(res))
+            add_forward_address(mail_name, domain, r[0]);
+        mysql_free_result(res);
+    }
+    if (db_flag_on(m[8]))
+        add_autoresponder(mail_name, domain);
+    apply_quota(domain, mail_name, m[9]);
+    snprintf(query, sizeof(query), "SELECT alias FROM mail_aliases WHERE mn_id=%s", m[0]);
+    MYSQL_RES *res = run_query(conn, query, "Unable to query alias for mail: %s");
+    while (MYSQL_ROW r = mysql_fetch_row(res))
+        add_mail_alias(mail_name, domain, r[0]);
+    mysql_free_result(res);
+}
+
+/* restore_domain - one domain row: domain, policy, quota, aliases, mailboxes */
+static void restore_domain(MYSQL *conn, MYSQL_ROW d, int full_names_required)
+{
+    char query[QUERY_SIZE];
+    const char *id = d[0];
+    const char *name = d[1];
+    int disabled = (d[2] && atoi(d[2]) != 0) || (d[3] && atoi(d[3]) != 0);
+
+    add_mail_domain(name, disabled);
+    restore_nonexist_policy(name, id, conn);
+    apply_quota(name, nullptr, get_dom_Limit(id, "mbox_quota", conn));
+
+    snprintf(query, sizeof(query),
+             "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'", id, 0u);
+    MYSQL_RES *res = run_query(conn, query, "Unable to query domain aliases: %s");
+    while (MYSQL_ROW a = mysql_fetch_row(res)) {
+        add_domain_alias(name, a[0]);
+        const char *policy = get_DomainService_Parameter(id, "mail", "nonexist_mail", conn);
+        if (policy != nullptr && strcmp(policy, "reject") == 0)
+            add_reject(a[0]);
+    }
+    mysql_free_result(res);
+
+    snprintf(query, sizeof(query),
+             "SELECT m.id, m.mail_name, m.postbox, a.type, a.password, m.redirect, m.redir_addr, "
+             "m.mail_group, m.autoresponder, m.mbox_quota FROM mail m LEFT JOIN accounts a ON "
+             "a.id = m.account_id WHERE dom_id=%s",
+             id);
+    res = run_query(conn, query, "Unable to query mailnames: %s");
+    while (MYSQL_ROW m = mysql_fetch_row(res))
+        restore_mailbox(conn, m, name, disabled, full_names_required);
+    mysql_free_result(res);
+}
+
+void rebuild_mail_configuration(void)
+{
+    unsigned gid = lookup_user_ids("qmails", 1);
+
+    if (chdir(panel_config.QMAIL_ROOT_D) != 0)
+        report(1, "ERROR: Unable to chdir to qmail dir: %s", strerror(errno));
+    empty_qmail_files();
+    prepare_mailnames_dir(gid);
+
+    MYSQL *conn = panel_db_open();
+    if (conn == nullptr)
+        report(1, "Unable to connect to the mysql database");
+    int full_names_required = short_pop3_names_allowed(conn) == 0;
+
+    MYSQL_RES *domains = run_query(conn,
+        "SELECT d.id, d.name, d.status, s.status FROM domains d LEFT JOIN DomainServices s "
+        "ON d.id=s.dom_id WHERE s.type='mail'",
+        "Unable to query domains: %s");
+
+    srand(time(nullptr));
+    memcpy(run_salt, "$1$", 3);
+    make_salt(run_salt + 3, 8);
+    run_salt[11] = 0;
+
+    while (MYSQL_ROW d = mysql_fetch_row(domains))
+        restore_domain(conn, d, full_names_required);
+    mysql_free_result(domains);
+
+    if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
+        restore_antivirus_settings(conn);
+    mysql_close(conn);
+}
+
+int run_qmail_newu(void)
+{
+    char command[QUERY_SIZE];
+
+    snprintf(command, sizeof(command), "%s%s", panel_config.QMAIL_ROOT_D, "/bin/qmail-newu");
+    int status = system(command);
+    return (status >> 8) & 0xff;
+}
+
+int restart_qmail(int really)
+{
+    if (really == 0)
+        return 0;
+    return service_control("qmail", "restart");
+}
