@@ -1,0 +1,187 @@
+/* antivirus - rebuild of the antivirus per-address file users.conf.
+ *
+ * The file starts with the head (the template users.conf.in when there is
+ * one, else the line "[version=2]") followed by one record
+ * "allow <direction> regex ^<address>$" per address.  Each record replaces
+ * every earlier record form of its address, so an address appears once,
+ * with the direction of the last row that named it.
+ */
+#include "filters/antivirus.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "fs/file_str.h"
+#include "fs/file_util.h"
+#include "proc/exec.h"
+#include "runtime/config.h"
+#include "runtime/report.h"
+
+static const size_t AV_BUF_SIZE = 4096;
+
+/* The four row sources of the file, in the order their records are
+ * written, each with the message for its failure. */
+static const struct {
+    const char *query;
+    const char *failure;
+} av_queries[] = {
+    {"SELECT m.virusfilter, m.mail_name, d.name FROM mail m LEFT JOIN domains d ON m.dom_id=d.id "
+     "WHERE m.virusfilter!='none'",
+     "Unable to query drweb mailnames: %s"},
+    {"SELECT m.virusfilter, m.mail_name, da.name FROM mail m LEFT JOIN domainaliases da ON "
+     "m.dom_id=da.dom_id WHERE m.virusfilter!='none' AND da.mail='true' AND da.status='0'",
+     "Unable to query drweb mailnames on domain aliases: %s"},
+    {"SELECT mn.virusfilter, ma.alias, d.name FROM mail mn, domains d, mail_aliases ma WHERE "
+     "ma.mn_id=mn.id AND mn.dom_id=d.id AND mn.virusfilter!='none'",
+     "Unable to query drweb mail aliases: %s"},
+    {"SELECT mn.virusfilter, ma.alias, da.name FROM mail mn, domains d, mail_aliases ma, "
+     "domainaliases da WHERE mn.dom_id=da.dom_id AND ma.mn_id=mn.id AND mn.dom_id=d.id AND "
+     "mn.virusfilter!='none'",
+     "Unable to query drweb mail aliases on domain aliases: %s"},
+};
+
+/* users_conf_path - the file's path; the directory and the name are joined
+ * with "%s/%s" and the name carries its own slash, so the text holds "//".
+ * The named lock is derived from this exact text, as the other panel
+ * utilities derive it. */
+static void users_conf_path(char *buf, size_t size)
+{
+    snprintf(buf, size, "%s/%s", panel_config.DRWEB_ETC_D, "/users.conf");
+}
+
+int reset_users_conf(void)
+{
+    char path[AV_BUF_SIZE];
+    char tmpl[AV_BUF_SIZE];
+    struct stat st;
+    FILE *f;
+
+    users_conf_path(path, sizeof path);
+    /* A template name cut by the buffer would name another file: then there
+     * is no usable template. */
+    if (snprintf(tmpl, sizeof tmpl, "%s.in", path) < static_cast<int>(sizeof tmpl)
+        && stat(tmpl, &st) == 0 && copy_file_locked(tmpl, path) == 0)
+        return 0;
+
+    f = fopen(path, "w");
+    if (f == nullptr) {
+        report(0, "Unable to open %s file for writing: %s\n", path, strerror(errno));
+        return -1;
+    }
+    fputs("[version=2]\n", f);
+    if (fclose(f) != 0) {
+        report(0, "An error occured during writing the file %s: %s\n", path, strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int remove_antivirus_records(const char *domain, const char *local_part)
+{
+    char path[AV_BUF_SIZE];
+    char address[AV_BUF_SIZE];
+
+    users_conf_path(path, sizeof path);
+    snprintf(address, sizeof address, "%s@%s", local_part, domain);
+
+    char *forms[] = {
+        xasprintf("allow\tfrom\tregex\t^%s$", address),
+        xasprintf("allow\tto\tregex\t^%s$", address),
+        xasprintf("allow\tany\tregex\t^%s$", address),
+        xasprintf("allow\tfrom\texact\t%s", address),
+        xasprintf("allow\tto\texact\t%s", address),
+        xasprintf("allow\tany\texact\t%s", address),
+        nullptr,
+    };
+
+    /* A missing file has nothing to remove: the result is not an error. */
+    file_str_list(path, forms, FILE_STR_REMOVE, FILE_STR_AT_END);
+    set_owner_mode(path, 0, 0, 0644);
+    for (char **form = forms; *form; form++)
+        free(*form);
+    return 0;
+}
+
+int add_antivirus_record(const char *domain, const char *local_part, const char *virusfilter)
+{
+    char path[AV_BUF_SIZE];
+    char address[AV_BUF_SIZE];
+    char record[AV_BUF_SIZE];
+    const char *direction = virusfilter;
+
+    remove_antivirus_records(domain, local_part);
+
+    if (strncmp(direction, "outgoing", 8) == 0)
+        direction = "from";
+    if (strncmp(direction, "incoming", 8) == 0)
+        direction = "to";
+
+    users_conf_path(path, sizeof path);
+    snprintf(address, sizeof address, "%s@%s", local_part, domain);
+    /* A record cut by the buffer would lose the pattern's end: not written. */
+    if (snprintf(record, sizeof record, "allow\t%s\tregex\t^%s$", direction, address)
+            >= static_cast<int>(sizeof record)
+        || file_str(path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        report(0, "Unable to add record for '%s' to '%s' file", address, path);
+        return -1;
+    }
+    set_owner_mode(path, 0, 0, 0644);
+    return 0;
+}
+
+/* av_row_usable - whether a row (virusfilter, local part, domain) can make
+ * a record.  Query 1 joins the domains with LEFT JOIN, so a mailbox whose
+ * domain row is gone comes with a NULL domain name; such a row, or any row
+ * with a NULL column, is skipped with a warning rather than formatted. */
+static int av_row_usable(MYSQL_ROW row)
+{
+    if (row[0] && row[1] && row[2])
+        return 1;
+    if (row[1] && !row[2])
+        report(0, "Skipping antivirus record for '%s': no domain name", row[1]);
+    else
+        report(0, "Skipping antivirus record: incomplete database row");
+    return 0;
+}
+
+/* av_run_query - one row source: a record per usable row; 0, or -1 after
+ * the failure was reported */
+static int av_run_query(MYSQL *conn, const char *query, const char *failure)
+{
+    MYSQL_RES *res;
+    MYSQL_ROW row;
+
+    if (mysql_real_query(conn, query, strlen(query)) != 0
+        || (res = mysql_store_result(conn)) == nullptr) {
+        report(0, failure, mysql_error(conn));
+        return -1;
+    }
+    while ((row = mysql_fetch_row(res)) != nullptr) {
+        if (av_row_usable(row))
+            add_antivirus_record(row[2], row[1], row[0]);
+    }
+    mysql_free_result(res);
+    return 0;
+}
+
+void restore_antivirus_settings(MYSQL *conn)
+{
+    char path[AV_BUF_SIZE];
+
+    reset_users_conf();
+    /* The file gets root ownership and mode 0644 right after the reset, not
+     * only after a record: a file reset to its head (a fresh one from the
+     * umask, or an old one truncated in place) must not keep another owner
+     * or mode when no mailbox has checking on. */
+    users_conf_path(path, sizeof path);
+    set_owner_mode(path, 0, 0, 0644);
+
+    for (const auto &q : av_queries) {
+        if (av_run_query(conn, q.query, q.failure) != 0)
+            return;
+    }
+    admin_util_exec("virusctl", "-r", nullptr);
+}

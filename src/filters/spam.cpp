@@ -1,0 +1,383 @@
+/* spam - turns spam-filter records of the panel database into spamctl runs.
+ *
+ * A record's command line is assembled in a fixed ArgVec: the prefix
+ * (spamctl, and for a mailbox "--mailname" and its name), then the switch
+ * or server entries, the preference entries and one pair per black or white
+ * list entry.  When the list does not fit, the vector is run as far as it
+ * holds whole pairs and the rest follows in further runs of the prefix and
+ * pairs only.
+ */
+#include "filters/spam.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "db/component.h"
+#include "db/connect.h"
+#include "db/get.h"
+#include "filters/argvec.h"
+#include "proc/exec.h"
+#include "runtime/config.h"
+#include "runtime/report.h"
+
+static const size_t SPAM_BUF_SIZE = 4096;
+static const unsigned SPAM_DEFAULT_MAX_CHILDREN = 5;
+
+/* spam_query - send a query and store its whole result; null on failure */
+static MYSQL_RES *spam_query(MYSQL *conn, const char *query)
+{
+    if (mysql_real_query(conn, query, strlen(query)) != 0)
+        return nullptr;
+    return mysql_store_result(conn);
+}
+
+/* settings_failed - the report for any failed query of one record */
+static int settings_failed(const char *name, MYSQL *conn)
+{
+    report(0, "Unable to get spamassassin settings for '%s': %s", name, mysql_error(conn));
+    return -1;
+}
+
+/* starts_with_true - a panel flag that is on */
+static int starts_with_true(const char *value)
+{
+    return value != nullptr && strncmp(value, "true", 4) == 0;
+}
+
+/* add_server_entries - "start", the enable options and the child limit of
+ * the server-wide record */
+static void add_server_entries(ArgVec *vec, MYSQL *conn)
+{
+    char number[SPAM_BUF_SIZE];
+    unsigned max_children = SPAM_DEFAULT_MAX_CHILDREN;
+    const char *value;
+
+    argv_add(vec, "start");
+    /* get_misc_param answers in one shared buffer: each value is used
+     * before the next call. */
+    if (starts_with_true(get_misc_param("spamfilter_enabled", conn))) {
+        argv_add(vec, "--enable-server-configs");
+        if (starts_with_true(get_misc_param("spamfilter_use_mailuser_prefs", conn)))
+            argv_add(vec, "--enable-user-configs");
+    }
+    value = get_misc_param("spamfilter_max_children", conn);
+    if (value == nullptr || sscanf(value, "%u", &max_children) != 1)
+        max_children = SPAM_DEFAULT_MAX_CHILDREN;
+    argv_add(vec, "--max-children");
+    snprintf(number, sizeof number, "%u", max_children);
+    argv_add(vec, number);
+}
+
+/* add_mailbox_switch - the mailbox's own on/off switch; nothing when no
+ * mailbox has this full mail name */
+static int add_mailbox_switch(ArgVec *vec, MYSQL *conn, const char *name, const char *escaped,
+                              const char *action)
+{
+    char query[SPAM_BUF_SIZE];
+    MYSQL_RES *res;
+    MYSQL_ROW row;
+
+    snprintf(query, sizeof query,
+             "SELECT spamfilter FROM mail m, domains d WHERE m.dom_id = d.id AND "
+             "CONCAT(m.mail_name, '@', d.name) = '%s'",
+             escaped);
+    if ((res = spam_query(conn, query)) == nullptr)
+        return settings_failed(name, conn);
+    if ((row = mysql_fetch_row(res)) != nullptr) {
+        if (starts_with_true(row[0])) {
+            argv_add(vec, "--enable-mailname");
+            argv_add(vec, "--action");
+            argv_add(vec, action);
+        } else {
+            argv_add(vec, "--disable-mailname");
+        }
+    }
+    mysql_free_result(res);
+    return 0;
+}
+
+/* add_sensitivity - the first score threshold of the record.  A NULL or
+ * empty score would send "--sensitivity" without its value, so both
+ * entries are left out then. */
+static int add_sensitivity(ArgVec *vec, MYSQL *conn, const char *name, const char *id)
+{
+    char query[SPAM_BUF_SIZE];
+    MYSQL_RES *res;
+    MYSQL_ROW row;
+
+    snprintf(query, sizeof query,
+             "SELECT value FROM spamfilter_preferences WHERE spamfilter_id = %s AND "
+             "preference = 'required_score' ORDER BY prefid",
+             id);
+    if ((res = spam_query(conn, query)) == nullptr)
+        return settings_failed(name, conn);
+    if ((row = mysql_fetch_row(res)) != nullptr && row[0] != nullptr && row[0][0] != '\0') {
+        argv_add(vec, "--sensitivity");
+        argv_add(vec, row[0]);
+    }
+    mysql_free_result(res);
+    return 0;
+}
+
+/* add_header_rewrite - the first subject rewriting choice of the record */
+static int add_header_rewrite(ArgVec *vec, MYSQL *conn, const char *name, const char *id)
+{
+    char query[SPAM_BUF_SIZE];
+    MYSQL_RES *res;
+    MYSQL_ROW row;
+
+    snprintf(query, sizeof query,
+             "SELECT TRIM(TRIM(LEADING 'subject' FROM value)) FROM spamfilter_preferences WHERE "
+             "spamfilter_id = %s AND preference = 'rewrite_header' AND value LIKE 'subject%%' "
+             "ORDER BY prefid",
+             id);
+    if ((res = spam_query(conn, query)) == nullptr)
+        return settings_failed(name, conn);
+    if ((row = mysql_fetch_row(res)) != nullptr) {
+        if (row[0] == nullptr || row[0][0] == '\0') {
+            argv_add(vec, "--not-modify-header");
+        } else {
+            argv_add(vec, "--modify-header");
+            argv_add(vec, row[0]);
+        }
+    }
+    mysql_free_result(res);
+    return 0;
+}
+
+/* pair_fits_alone - whether option and value fit behind the prefix of an
+ * otherwise empty vector (two slots, two copies with their terminators) */
+static int pair_fits_alone(int32_t prefix_count, size_t prefix_used, const char *option,
+                           const char *value)
+{
+    size_t need = strlen(option) + 1 + strlen(value) + 1;
+
+    return prefix_count + 2 <= ARGVEC_MAX_ENTRIES && need <= ARGVEC_AREA - prefix_used;
+}
+
+/* list_row_usable - whether a list row (list name, entry) can be sent as a
+ * whole pair.  An empty or NULL entry cannot be an argument, and an entry
+ * too long for a run of its own can never be sent; such rows are skipped
+ * with a warning, sending neither the option nor half a pair and running
+ * no extra batch for them. */
+static int list_row_usable(MYSQL_ROW row, const char *option, int32_t prefix_count,
+                           size_t prefix_used, const char *name)
+{
+    if (row[0] == nullptr || row[1] == nullptr || row[1][0] == '\0') {
+        report(0, "Skipping empty %s entry of the spam filter settings for '%s'",
+               row[0] ? row[0] : "list", name);
+        return 0;
+    }
+    if (!pair_fits_alone(prefix_count, prefix_used, option, row[1])) {
+        report(0, "Skipping %s entry of the spam filter settings for '%s': too long", row[0],
+               name);
+        return 0;
+    }
+    return 1;
+}
+
+/* add_list_pair - append one option and its value; 0 when the vector is
+ * full, in which case it is rolled back to its state before the pair */
+static int add_list_pair(ArgVec *vec, const char *option, const char *value)
+{
+    int32_t count = vec->count;
+    size_t used = vec->used;
+
+    if (argv_add(vec, option) && argv_add(vec, value))
+        return 1;
+    argv_cut(vec, count, used);
+    return 0;
+}
+
+/* add_lists_and_run - the black and white list pairs of the record, run in
+ * as many batches as they need, the last batch included; 0, or -1 when a
+ * query or a run failed */
+static int add_lists_and_run(ArgVec *vec, MYSQL *conn, const char *name, const char *id,
+                             int32_t prefix_count, size_t prefix_used)
+{
+    char query[SPAM_BUF_SIZE];
+    MYSQL_RES *res;
+    MYSQL_ROW row;
+    int result = 0;
+
+    snprintf(query, sizeof query,
+             "SELECT TRIM(TRAILING '_from' FROM preference), value FROM spamfilter_preferences "
+             "WHERE spamfilter_id = %s AND preference IN ('blacklist_from', 'whitelist_from', "
+             "'unblacklist_from', 'unwhitelist_from') ORDER BY prefid",
+             id);
+    if ((res = spam_query(conn, query)) == nullptr)
+        return settings_failed(name, conn);
+
+    while (result == 0 && (row = mysql_fetch_row(res)) != nullptr) {
+        char option[SPAM_BUF_SIZE];
+
+        snprintf(option, sizeof option, "--add-to-%s", row[0] ? row[0] : "");
+        if (!list_row_usable(row, option, prefix_count, prefix_used, name))
+            continue;
+        if (add_list_pair(vec, option, row[1]))
+            continue;
+        /* Full: send what holds whole pairs, start again from the prefix. */
+        if (admin_util_execv("spamctl", vec->slots) != 0) {
+            result = -1;
+            break;
+        }
+        argv_cut(vec, prefix_count, prefix_used);
+        add_list_pair(vec, option, row[1]);
+    }
+    mysql_free_result(res);
+
+    if (result == 0 && admin_util_execv("spamctl", vec->slots) != 0)
+        result = -1;
+    return result;
+}
+
+/* apply_record - apply one record on an open connection */
+static int apply_record(ArgVec *vec, const char *name, MYSQL *conn, int server_wide)
+{
+    char query[SPAM_BUF_SIZE];
+    char id[SPAM_BUF_SIZE];
+    char action[SPAM_BUF_SIZE];
+    MYSQL_RES *res;
+    MYSQL_ROW row;
+    int32_t prefix_count;
+    size_t prefix_used;
+    char *escaped;
+
+    argv_add(vec, "spamctl");
+    if (!server_wide) {
+        argv_add(vec, "--mailname");
+        argv_add(vec, name);
+    }
+    prefix_count = vec->count;
+    prefix_used = vec->used;
+
+    escaped = db_escape(conn, name);
+    snprintf(query, sizeof query,
+             "SELECT id, IF(reject_spam = 'true', 'delete', 'save') FROM spamfilter WHERE "
+             "username = '%s'",
+             escaped);
+    if ((res = spam_query(conn, query)) == nullptr) {
+        free(escaped);
+        return settings_failed(name, conn);
+    }
+    if ((row = mysql_fetch_row(res)) == nullptr) {
+        mysql_free_result(res);
+        free(escaped);
+        return 0;
+    }
+    snprintf(id, sizeof id, "%s", row[0] ? row[0] : "");
+    snprintf(action, sizeof action, "%s", row[1] ? row[1] : "");
+    mysql_free_result(res);
+
+    if (server_wide) {
+        add_server_entries(vec, conn);
+    } else if (add_mailbox_switch(vec, conn, name, escaped, action) != 0) {
+        free(escaped);
+        return -1;
+    }
+    free(escaped);
+
+    if (add_sensitivity(vec, conn, name, id) != 0 || add_header_rewrite(vec, conn, name, id) != 0)
+        return -1;
+    return add_lists_and_run(vec, conn, name, id, prefix_count, prefix_used);
+}
+
+int apply_spam_settings(const char *name, MYSQL *conn)
+{
+    ArgVec vec;
+    char path[SPAM_BUF_SIZE];
+    struct stat st;
+    MYSQL *own = nullptr;
+    int result;
+
+    argv_init(&vec);
+    if (!is_component_installed("vdo-spamassassin"))
+        return 0;
+
+    snprintf(path, sizeof path, "%s/admin/sbin/spamctl", panel_config.PRODUCT_ROOT_D);
+    if (stat(path, &st) != 0) {
+        report(0, "vdo-spamassassin package is installed but '%s' does not exist", path);
+        return -1;
+    }
+    if (name == nullptr || name[0] == '\0') {
+        report(0, "empty full mailname");
+        return -1;
+    }
+    if (conn == nullptr) {
+        own = panel_db_open();
+        if (own == nullptr) {
+            report(0, "Unable to connect to mysql database\n");
+            return -1;
+        }
+        conn = own;
+    }
+    result = apply_record(&vec, name, conn, strncmp(name, "*@*", 3) == 0);
+    if (own != nullptr)
+        mysql_close(own);
+    return result;
+}
+
+int apply_server_spam_settings(MYSQL *conn)
+{
+    return apply_spam_settings("*@*", conn);
+}
+
+int apply_mailbox_spam_settings(const char *local_part, const char *domain, MYSQL *conn)
+{
+    char name[SPAM_BUF_SIZE];
+
+    if (local_part == nullptr || local_part[0] == '\0' || domain == nullptr
+        || domain[0] == '\0') {
+        report(0, "empty mailname or maildomain");
+        return -1;
+    }
+    snprintf(name, sizeof name, "%s@%s", local_part, domain);
+    return apply_spam_settings(name, conn);
+}
+
+/* domain_row_usable - whether a domain row (id, name) can be walked: its id
+ * goes into the mailbox query unquoted, so a NULL id is skipped */
+static int domain_row_usable(MYSQL_ROW row)
+{
+    if (row[0] != nullptr)
+        return 1;
+    report(0, "Skipping spam filter settings of domain '%s': no domain id",
+           row[1] ? row[1] : "(null)");
+    return 0;
+}
+
+void restore_spam_settings(void)
+{
+    static const char domains_query[] =
+        "SELECT d.id, d.name FROM domains d LEFT JOIN DomainServices s ON d.id=s.dom_id "
+        "WHERE s.type='mail'";
+    char query[SPAM_BUF_SIZE];
+    MYSQL_RES *domains;
+    MYSQL_RES *mailboxes;
+    MYSQL_ROW dom;
+    MYSQL_ROW box;
+    MYSQL *conn;
+
+    conn = panel_db_open();
+    if (conn == nullptr)
+        report(1, "Unable to connect to the mysql database");
+
+    apply_server_spam_settings(conn);
+
+    if ((domains = spam_query(conn, domains_query)) == nullptr)
+        report(1, "Unable to query domains: %s", mysql_error(conn));
+    while ((dom = mysql_fetch_row(domains)) != nullptr) {
+        if (!domain_row_usable(dom))
+            continue;
+        snprintf(query, sizeof query, "SELECT mail_name FROM mail WHERE dom_id=%s", dom[0]);
+        if ((mailboxes = spam_query(conn, query)) == nullptr)
+            report(1, "Unable to query mailnames: %s", mysql_error(conn));
+        while ((box = mysql_fetch_row(mailboxes)) != nullptr)
+            apply_mailbox_spam_settings(box[0], dom[1], conn);
+        mysql_free_result(mailboxes);
+    }
+    mysql_free_result(domains);
+    mysql_close(conn);
+}
