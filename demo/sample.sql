@@ -4,9 +4,11 @@
 -- domains
 --   1 example.com       bounce policy with a two-line message, 100 MB domain
 --                       quota, alias example.net (mail) and example.org (no mail)
---   2 bücher.example    internationalised: written as xn--bcher-kva.example;
---                       catch-all to anna@bücher.example; IDN alias
---                       büchershop.example; no quota (-1)
+--   2 bücher.example    internationalised: the panel keeps a domain's name in
+--                       its ASCII form (xn--bcher-kva.example, the form the
+--                       domain is looked up by) and shows displayName;
+--                       catch-all to anna@bücher.example; alias
+--                       büchershop.example, stored as typed; no quota (-1)
 --   3 shop.test         reject policy, active alias shop-alias.test (rejects
 --                       too) and a suspended alias (left out)
 --   4 old.example       suspended domain: no rcpthosts/virtualdomains line,
@@ -25,7 +27,7 @@ INSERT INTO clients (id, login, pname, email) VALUES
 
 INSERT INTO domains (id, name, displayName, status, htype, cl_id, limits_id, params_id) VALUES
   (1, 'example.com', 'example.com', 0, 'vrt_hst', 1, 1, NULL),
-  (2, 'bücher.example', 'bücher.example', 0, 'vrt_hst', 2, 2, NULL),
+  (2, 'xn--bcher-kva.example', 'bücher.example', 0, 'vrt_hst', 2, 2, NULL),
   (3, 'shop.test', 'shop.test', 0, 'vrt_hst', 1, NULL, NULL),
   (4, 'old.example', 'old.example', 16, 'vrt_hst', 1, NULL, NULL),
   (5, 'quiet.example', 'quiet.example', 0, 'vrt_hst', 2, NULL, NULL),
@@ -104,7 +106,7 @@ INSERT INTO misc (param, val) VALUES
 INSERT INTO spamfilter (id, username, reject_spam) VALUES
   (1, '*@*', 'false'),
   (2, 'info@example.com', 'true'),
-  (3, 'anna@bücher.example', 'false');
+  (3, 'anna@xn--bcher-kva.example', 'false');
 
 INSERT INTO spamfilter_preferences (spamfilter_id, preference, value) VALUES
   (1, 'required_score', '5'),
