@@ -112,6 +112,7 @@ static const char *admin_util_path(const char *name, char *buf, size_t size)
 {
     /* An empty name would name the directory itself: refused like a path. */
     if (name == nullptr || *name == 0 || strchr(name, '/')) {
+        errno = 0;
         report(0, "Utility name '%s' is invalid. Use only utility name without path.",
                name ? name : "");
         return nullptr;

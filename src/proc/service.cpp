@@ -74,6 +74,7 @@ static int control_app_server(const char *name, const char *action)
     const char *instance = get_misc_param("cf_instance_path", conn);
     mysql_close(conn);
     if (instance == nullptr || strlen(instance) < 2) {
+        errno = 0;
         report(0, "CF not configured in Vardo.\n");
         return -1;
     }
@@ -177,6 +178,7 @@ int service_control(const char *name, const char *action)
     if (conf_get("NO_RESTART_DAEMON"))
         return 0;
     if (name == nullptr || !is_known_service(name)) {
+        errno = 0;
         report(0, "Unknown service: %s\n", name ? name : "");
         return -1;
     }
@@ -246,6 +248,7 @@ int run_init_script(const char *path, const char *name, const char *action,
                     int report_failure)
 {
     if (action == nullptr) {
+        errno = 0;
         report(0, "No action given for service %s\n", name);
         return -1;
     }
