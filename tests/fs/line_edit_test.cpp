@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-/* edit - apply one operation to text, returning the result (and the
- * number of removed pieces through removed) */
+/* edit - one operation on text; the number of removed pieces in removed */
 static std::string edit(const std::string &text, std::vector<const char *> entries,
                         int operation, int mode, int *removed = nullptr)
 {
@@ -23,27 +22,20 @@ static std::string edit(const std::string &text, std::vector<const char *> entri
     return result;
 }
 
-TEST(LineEdit, AddAtBeginAndEnd)
+TEST(LineEdit, AddAndRemoveExactLines)
 {
     EXPECT_EQ(edit("x\n", {"a", ".\n", ""}, FILE_STR_ADD, FILE_STR_AT_BEGIN), "a\n.\n\nx\n");
     EXPECT_EQ(edit("x", {"a", "b\n"}, FILE_STR_ADD, FILE_STR_AT_END), "xa\nb\n");
-    EXPECT_EQ(edit("", {"."}, FILE_STR_ADD, FILE_STR_AT_END), ".\n");
-    /* Unknown mode or operation: the text comes back unchanged. */
     EXPECT_EQ(edit("x\n", {"a"}, FILE_STR_ADD, 7), "x\n");
     EXPECT_EQ(edit("x\n", {"x"}, 3, 0), "x\n");
-}
 
-TEST(LineEdit, RemoveExactLines)
-{
     const std::string text = "abc\nabcd\nab\nzz\nabc";
     int removed = 0;
-
     EXPECT_EQ(edit(text, {"abc"}, FILE_STR_REMOVE, 1, &removed), "abcd\nab\nzz\n");
     EXPECT_EQ(removed, 2);
     EXPECT_EQ(edit(text, {"abc\n"}, FILE_STR_REMOVE, 1), "abcd\nab\nzz\n");
     EXPECT_EQ(edit(text, {"zz", "ab", "nothing"}, FILE_STR_REMOVE, 1), "abc\nabcd\nabc");
     EXPECT_EQ(edit("a\n\nb\n", {""}, FILE_STR_REMOVE, 1), "a\nb\n");
-    EXPECT_EQ(edit(text, {}, FILE_STR_REMOVE, 1), text);
 }
 
 TEST(LineEdit, RemoveMatchingByRule)
@@ -56,12 +48,10 @@ TEST(LineEdit, RemoveMatchingByRule)
     /* The substring rule sees the newline; the others see the content. */
     EXPECT_EQ(edit(text, {"c\n"}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING), "b.c.d\n");
     EXPECT_EQ(edit(text, {"c\n"}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX), text);
-    /* Two entries: either matches, every other line stays exactly once. */
     EXPECT_EQ(edit(text, {"b.c.", "a.b"}, FILE_STR_REMOVE_MATCHING, FILE_STR_PREFIX), "b.c\nb.a.c\n");
     EXPECT_EQ(edit(text, {"x"}, FILE_STR_REMOVE_MATCHING, 9), text);
     EXPECT_EQ(edit(text, {}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING), text);
-    /* The empty entry: no line under prefix or suffix, every line as a
-     * substring. */
+    /* The empty entry: no line under prefix or suffix, all as a substring. */
     EXPECT_EQ(edit(text, {""}, FILE_STR_REMOVE_MATCHING, FILE_STR_PREFIX), text);
     EXPECT_EQ(edit(text, {""}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX), text);
     EXPECT_EQ(edit(text, {""}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING), "");
@@ -69,46 +59,35 @@ TEST(LineEdit, RemoveMatchingByRule)
 
 TEST(LineEdit, LongLinesAreMatchedPieceByPiece)
 {
-    const std::string fits(4093, 'x');        /* with its newline: one piece */
-    const std::string head(4094, 'y');        /* a full piece without newline */
-    const std::string text = fits + "\n" + head + "tail\n" + "keep\n";
+    const std::string fits(4093, 'x');  /* with its newline: one piece */
+    const std::string head(4094, 'y');  /* a full piece without newline */
+    const std::string text = fits + "\n" + head + "tail\nkeep\n";
 
     EXPECT_EQ(edit(text, {fits.c_str()}, FILE_STR_REMOVE, 1), head + "tail\nkeep\n");
-    /* The 4094-byte piece and its "tail\n" rest are separate lines. */
     EXPECT_EQ(edit(text, {"tail"}, FILE_STR_REMOVE, 1), fits + "\n" + head + "keep\n");
     EXPECT_EQ(edit(text, {head.c_str()}, FILE_STR_REMOVE, 1), fits + "\ntail\nkeep\n");
     EXPECT_EQ(edit(text, {"yyt"}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING), text);
-    EXPECT_EQ(edit(text, {"ta"}, FILE_STR_REMOVE_MATCHING, FILE_STR_PREFIX), fits + "\n" + head + "keep\n");
 }
 
 TEST(LineEdit, LinearInTextSize)
 {
-    std::string text;
-    for (int i = 0; i < 400000; i++)
-        text += "domain" + std::to_string(i) + ".example:" + std::to_string(i) + "\n";
-    std::vector<std::string> keep;
+    std::string text, expected;
+    std::vector<std::string> gone;
+    for (int i = 0; i < 400000; i++) {
+        std::string line = "domain" + std::to_string(i) + ":" + std::to_string(i);
+        text += line + "\n";
+        if (i % 200 == 0)
+            gone.push_back(line);
+        else
+            expected += line + "\n";
+    }
     std::vector<const char *> entries;
-    for (int i = 0; i < 2000; i++)
-        keep.push_back("domain" + std::to_string(i * 100) + ".example:" + std::to_string(i * 100));
-    for (auto &k : keep)
-        entries.push_back(k.c_str());
+    for (auto &g : gone)
+        entries.push_back(g.c_str());
 
     auto start = std::chrono::steady_clock::now();
-    int removed = 0;
-    std::string out = edit(text, entries, FILE_STR_REMOVE, 1, &removed);
-    std::string prefixed = edit(text, {"domain3999"}, FILE_STR_REMOVE_MATCHING, FILE_STR_PREFIX);
+    EXPECT_EQ(edit(text, entries, FILE_STR_REMOVE, 1), expected);
+    EXPECT_EQ(edit(text, {"nowhere"}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX).size(), text.size());
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-
-    size_t removed_bytes = 0, prefixed_bytes = 0;
-    for (auto &k : keep)
-        removed_bytes += k.size() + 1;
-    for (int i = 0; i < 400000; i++)
-        if (std::to_string(i).rfind("3999", 0) == 0)
-            prefixed_bytes += ("domain" + std::to_string(i) + ".example:" + std::to_string(i) + "\n").size();
-    EXPECT_EQ(removed, 2000);
-    EXPECT_EQ(out.size(), text.size() - removed_bytes);
-    EXPECT_EQ(out.find("\ndomain100.example:100\n"), std::string::npos);
-    EXPECT_NE(out.find("\ndomain101.example:101\n"), std::string::npos);
-    EXPECT_EQ(prefixed.size(), text.size() - prefixed_bytes);
-    EXPECT_LT(seconds, 5.0) << "a 10 MB edit should take well under a second";
+    EXPECT_LT(seconds, 5.0) << "2000 entries over 6 MB should take well under a second";
 }

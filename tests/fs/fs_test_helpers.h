@@ -1,0 +1,40 @@
+/* Helpers shared by the fs tests: output capture and owner/mode checks. */
+#ifndef REBOX_TESTS_FS_HELPERS_H
+#define REBOX_TESTS_FS_HELPERS_H
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <string>
+
+static const uid_t POPUSER = 7781;
+static const gid_t QMAIL_GID = 7780;
+
+/* captured - run f, return what it printed on standard error */
+template <typename F> std::string captured(F f)
+{
+    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
+    f();
+    testing::internal::GetCapturedStdout();
+    return testing::internal::GetCapturedStderr();
+}
+
+/* has - whether text contains part */
+inline bool has(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+/* expect_owner_mode - the path's uid, gid and all mode bits */
+inline void expect_owner_mode(const std::string &path, uid_t uid, gid_t gid, mode_t mode)
+{
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0) << path;
+    EXPECT_EQ(st.st_uid, uid) << path;
+    EXPECT_EQ(st.st_gid, gid) << path;
+    EXPECT_EQ(st.st_mode & 07777, mode) << path;
+}
+
+#endif
