@@ -23,6 +23,10 @@ int get_next_id(const char *table, MYSQL *conn);
 const char *get_dns_zone_id(const char *dom_id, MYSQL *conn);
 const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet);
 const char *get_dom_id(const char *name, MYSQL *conn);
+/* get_dom_id_share - while conn is set, get_dom_id and get_dom_id_noerr
+ * handed no connection use conn instead of one of their own and answer a
+ * repeated name from memory; null ends the sharing */
+void get_dom_id_share(MYSQL *conn);
 const char *get_exist_case_dom_name(const char *name);
 int get_frontpage(const char *name, int ssl, MYSQL *conn);
 int get_anon_ftp(const char *dom_id, MYSQL *conn);

@@ -4,10 +4,12 @@
  * memory by line_edit_apply(), and written back: appends in place,
  * everything else as "<path>.tmp" renamed over the file.  The named lock is
  * held from before the file is examined until its owner and mode are back.
+ * Edits of a file held in memory (held_file) are applied to that copy.
  */
 #include "fs/file_str.h"
 
 #include "fs/file_lock.h"
+#include "fs/held_file.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -212,9 +214,16 @@ static int edit_append(const char *path, const char *const *lines)
 
 int file_str_list(const char *path, const char *const *lines, int operation, int mode)
 {
-    FileLock *lock = file_lock(path, 1);
+    FileLock *lock;
     struct stat st;
     int missing = 0, result = 0;
+
+    /* A file held in memory for a batch takes the edit there. */
+    result = held_file_edit(path, lines, operation, mode);
+    if (result >= 0)
+        return result;
+    result = 0;
+    lock = file_lock(path, 1);
 
     if (!file_lock_held(lock)) {
         report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));

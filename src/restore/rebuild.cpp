@@ -7,6 +7,14 @@
  * policy, its quota, its aliases, then every mailbox with its postbox,
  * forwards, autoresponder, quota and aliases.  Any failed query of the pass
  * is fatal; the writers handle their own file failures.
+ *
+ * Batched (the default), the pass takes the named locks of the five shared
+ * qmail files once, in a fixed order, and keeps them to its end: every
+ * file_str edit of them goes to an in-memory copy, and each file is
+ * written once, through a temporary file and a rename, when the domains are
+ * done, or when a fatal error ends the process halfway (so the files are
+ * then exactly as far as the edits went).  qmail-send is signalled once,
+ * after the files are written.
  */
 #include "restore/rebuild.h"
 
@@ -16,6 +24,7 @@
 #include "filters/antivirus.h"
 #include "fs/file_str.h"
 #include "fs/file_util.h"
+#include "fs/held_file.h"
 #include "fs/users.h"
 #include "mailconf/delivery.h"
 #include "mailconf/domain.h"
@@ -23,6 +32,7 @@
 #include "mailconf/mailbox.h"
 #include "mailconf/nonexist_policy.h"
 #include "mailconf/quota.h"
+#include "proc/send_sig.h"
 #include "proc/service.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
@@ -37,6 +47,14 @@
 #include <unistd.h>
 
 static const size_t QUERY_SIZE = 4096;
+
+int rebuild_batched = 1;
+
+/* The shared qmail files a batched pass holds, in the order of locking. */
+static const char *const SHARED_FILES[] = {
+    "/control/rcpthosts", "/control/virtualdomains", "/users/assign", "/users/poppasswd",
+    "/control/rejectnonexist",
+};
 
 /* The salt of this run: "$1$", eight characters, a terminating zero. */
 static char run_salt[12];
@@ -122,6 +140,29 @@ static void prepare_mailnames_dir(unsigned gid)
         report(1, "WARNING: Unable to chdir to mailnames dir: %s", strerror(errno));
 }
 
+/* batch_end - write the held files, release their locks, signal once */
+static void batch_end(void)
+{
+    held_files_release();
+    get_dom_id_share(nullptr);
+    kill_by_name_defer(0);
+}
+
+/* batch_begin - lock and hold the shared files for the whole pass */
+static void batch_begin(void)
+{
+    char path[QUERY_SIZE];
+
+    for (const char *name : SHARED_FILES) {
+        snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, name);
+        if (held_file_take(path) != 0)
+            report(1, "Unable to lock %s for the rebuild", path);
+    }
+    kill_by_name_defer(1);
+    /* Whatever ends the process from here writes what has been applied. */
+    report_on_fatal(batch_end);
+}
+
 /* restore_mailbox - one mailbox row of a domain, all its records */
 static void restore_mailbox(MYSQL *conn, MYSQL_ROW m, const char *domain, int disabled,
                             int full_names_required)
@@ -197,12 +238,16 @@ void rebuild_mail_configuration(void)
 
     if (chdir(panel_config.QMAIL_ROOT_D) != 0)
         report(1, "ERROR: Unable to chdir to qmail dir: %s", strerror(errno));
+    if (rebuild_batched)
+        batch_begin();
     empty_qmail_files();
     prepare_mailnames_dir(gid);
 
     MYSQL *conn = panel_db_open();
     if (conn == nullptr)
         report(1, "Unable to connect to the mysql database");
+    if (rebuild_batched)
+        get_dom_id_share(conn);
     int full_names_required = short_pop3_names_allowed(conn) == 0;
 
     MYSQL_RES *domains = run_query(conn,
@@ -218,6 +263,10 @@ void rebuild_mail_configuration(void)
     while (MYSQL_ROW d = mysql_fetch_row(domains))
         restore_domain(conn, d, full_names_required);
     mysql_free_result(domains);
+    if (rebuild_batched) {
+        report_on_fatal(nullptr);
+        batch_end();
+    }
 
     if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
         restore_antivirus_settings(conn);

@@ -20,6 +20,9 @@ const char *report_progname = nullptr;
 
 static const size_t REPORT_BUF_SIZE = 4096;
 
+/* Run once before a fatal exit, to leave shared files consistent. */
+static void (*fatal_hook)(void) = nullptr;
+
 /* Syslog copy of the messages: on after report_syslog_start(). */
 static int syslog_on = 0;
 static char syslog_ident[256];
@@ -172,8 +175,19 @@ char *xasprintf(const char *format, ...)
     return out;
 }
 
+void report_on_fatal(void (*fn)(void))
+{
+    fatal_hook = fn;
+}
+
 void report_exit(int status)
 {
+    void (*hook)(void) = fatal_hook;
+
+    /* Cleared first: a report from inside the hook must not run it again. */
+    fatal_hook = nullptr;
+    if (hook && status != 0)
+        hook();
     report_syslog_finish(status);
     exit(status);
 }

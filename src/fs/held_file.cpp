@@ -1,0 +1,216 @@
+/* held_file - in-memory copies of shared files for the length of a batch.
+ *
+ * Each held file keeps its lock handle, its text and two flags: whether the
+ * copy has been read from disk yet and whether the file exists as far as
+ * the edits know.  The edit replays the decisions of file_str_list on the
+ * copy (what a missing file means for each operation, the same messages),
+ * so the file written at the end is the one the edits would have left.
+ */
+#include "fs/held_file.h"
+
+#include "fs/file_lock.h"
+#include "fs/line_edit.h"
+#include "runtime/report.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+/* At most this many files are held at once. */
+#define HELD_MAX 8
+
+struct HeldFile {
+    char *path;
+    FileLock *lock;
+    TextBuf text;
+    int loaded;   /* the copy has been read from disk */
+    int exists;   /* the file exists, as far as the edits know */
+    int dirty;    /* the copy differs from the file on disk */
+};
+
+static HeldFile held[HELD_MAX];
+static int held_count;
+static pid_t held_owner;        /* only the process that took the locks writes */
+
+static const size_t PATH_BUF_SIZE = 4096;
+
+/* find_held - the held file of a path as spelled, or null */
+static HeldFile *find_held(const char *path)
+{
+    if (held_count == 0 || getpid() != held_owner)
+        return nullptr;
+    for (int i = 0; i < held_count; i++)
+        if (strcmp(held[i].path, path) == 0)
+            return &held[i];
+    return nullptr;
+}
+
+int held_file_take(const char *path)
+{
+    FileLock *lock;
+
+    if (find_held(path))
+        return 0;
+    if (held_count == HELD_MAX) {
+        report(0, "Unable to hold %s: too many files held\n", path);
+        return 1;
+    }
+    lock = file_lock(path, 1);
+    if (!file_lock_held(lock)) {
+        report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
+        file_lock_dispose(lock);
+        return 1;
+    }
+    if (held_count == 0)
+        held_owner = getpid();
+    held[held_count++] = HeldFile{strdup(path), lock, TextBuf{}, 0, 0, 0};
+    return 0;
+}
+
+/* load - read the copy from disk at its first edit; 0 or 1 */
+static int load(HeldFile *h)
+{
+    struct stat st;
+    char chunk[4096];
+    size_t got;
+
+    if (h->loaded)
+        return 0;
+    if (stat(h->path, &st) != 0) {
+        if (errno != ENOENT) {
+            report(0, "file_str: Unable to stat file %s: %s\n", h->path, strerror(errno));
+            return 1;
+        }
+        h->loaded = 1;
+        h->exists = 0;
+        return 0;
+    }
+    FILE *in = fopen(h->path, "r");
+    if (!in) {
+        report(0, "Unable to open file %s: %s\n", h->path, strerror(errno));
+        return 1;
+    }
+    while ((got = fread(chunk, 1, sizeof(chunk), in)) > 0)
+        if (text_buf_append(&h->text, chunk, got) != 0)
+            report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    if (ferror(in)) {
+        report(0, "Unable to read file %s: %s\n", h->path, strerror(errno));
+        fclose(in);
+        text_buf_free(&h->text);
+        return 1;
+    }
+    fclose(in);
+    h->loaded = 1;
+    h->exists = 1;
+    return 0;
+}
+
+int held_file_edit(const char *path, const char *const *lines, int operation, int mode)
+{
+    HeldFile *h = find_held(path);
+    TextBuf edited = {};
+
+    if (h == nullptr)
+        return -1;
+    if (load(h) != 0)
+        return 1;
+    if (!h->exists) {
+        /* What each operation makes of a missing file, as on disk. */
+        if (operation == FILE_STR_REMOVE)
+            return 1;
+        if (operation == FILE_STR_REMOVE_MATCHING
+            || (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
+            errno = ENOENT;
+            report(0, "Unable to open file %s: %s\n", path, strerror(ENOENT));
+            return 1;
+        }
+        if (operation != FILE_STR_ADD || mode != FILE_STR_AT_END)
+            return 0;
+        h->exists = 1;
+        h->dirty = 1;
+    }
+    if (line_edit_apply(h->text.data, h->text.len, lines, operation, mode, &edited) < 0)
+        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    if (edited.len != h->text.len || (edited.len && memcmp(edited.data, h->text.data, edited.len) != 0))
+        h->dirty = 1;
+    text_buf_free(&h->text);
+    h->text = edited;
+    return 0;
+}
+
+/* write_one - the copy through "<path>.tmp" and a rename; 0 or 1.  The
+ * file keeps the owner, group and mode it has on disk; a file the edits
+ * created gets those of a newly created file. */
+static int write_one(HeldFile *h)
+{
+    char tmp[PATH_BUF_SIZE];
+    struct stat st;
+    int have_st = stat(h->path, &st) == 0;
+
+    if (snprintf(tmp, sizeof(tmp), "%s.tmp", h->path) >= static_cast<int>(sizeof(tmp))) {
+        report(0, "Unable to open file %s.tmp: %s\n", h->path, strerror(ENAMETOOLONG));
+        return 1;
+    }
+    FILE *out = fopen(tmp, "w");
+    if (!out) {
+        report(0, "Unable to open file %s: %s\n", tmp, strerror(errno));
+        return 1;
+    }
+    /* Written, flushed to the disk and given its owner and mode before the
+     * rename, so the file is always either the old or the whole new text. */
+    int err = 0;
+    if (h->text.len && fwrite(h->text.data, 1, h->text.len, out) != h->text.len)
+        err = errno;
+    if (!err && (fflush(out) != 0 || fsync(fileno(out)) != 0))
+        err = errno;
+    if (!err && have_st
+        && (fchown(fileno(out), st.st_uid, st.st_gid) != 0 || fchmod(fileno(out), st.st_mode & 07777) != 0))
+        err = errno;
+    if (fclose(out) != 0 && !err)
+        err = errno;
+    if (err) {
+        report(0, "Unable to write file %s: %s\n", tmp, strerror(err));
+        unlink(tmp);
+        return 1;
+    }
+    if (rename(tmp, h->path) != 0) {
+        report(0, "Unable to rename file %s: %s\n", tmp, strerror(errno));
+        unlink(tmp);
+        return 1;
+    }
+    h->dirty = 0;
+    return 0;
+}
+
+int held_files_write(void)
+{
+    int result = 0;
+
+    if (held_count == 0 || getpid() != held_owner)
+        return 0;
+    for (int i = 0; i < held_count; i++)
+        if (held[i].loaded && held[i].dirty)
+            result |= write_one(&held[i]);
+    return result;
+}
+
+int held_files_release(void)
+{
+    if (held_count == 0 || getpid() != held_owner)
+        return 0;
+    int result = held_files_write();
+    /* Unlock in the reverse order of taking. */
+    while (held_count > 0) {
+        HeldFile *h = &held[--held_count];
+        if (file_unlock(h->lock) != 0) {
+            report(0, "Error occurred while unlocking the file %s: %s\n", h->path, strerror(errno));
+            result = 1;
+        }
+        text_buf_free(&h->text);
+        free(h->path);
+    }
+    return result;
+}

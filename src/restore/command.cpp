@@ -1,0 +1,97 @@
+/* command - the rebox command: run modes, detaching, the passes in order.
+ *
+ * usage: rebox --without-spam|--with-spam|--spam-only [--daemon-mode]
+ *
+ * rebox_main() takes root privileges, reads the run mode, optionally
+ * detaches, loads the product configuration, then runs the rebuild pass,
+ * the spam-filter pass and the finishing steps (qmail-newu, qmail restart)
+ * as the mode asks.  Its result, the exit status, is that of qmail-newu
+ * ORed with that of the restart.
+ */
+#include "restore/command.h"
+
+#include "db/component.h"
+#include "filters/spam.h"
+#include "restore/rebuild.h"
+#include "runtime/config.h"
+#include "runtime/report.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+/* usage - print the usage text and end with status 0 */
+[[noreturn]] static void usage(void)
+{
+    puts("Usage: rebox [OPTION]\n  Restore settings for all mailboxes.\n\n"
+         "  --without-spam [--daemon-mode]\n"
+         "         restore all settings except for SpamAssassin configuration\n"
+         "  --with-spam [--daemon-mode]\n"
+         "         restore all settings\n"
+         "  --spam-only [--daemon-mode]\n"
+         "         restore only SpamAssassin settings");
+    exit(0);
+}
+
+/* parse_mode - the run flags for the first argument and the name of the
+ * mode for the log; null when the argument is unknown */
+static const char *parse_mode(const char *arg, int *with_spam, int *spam_only)
+{
+    static const struct {
+        const char *name;
+        const char *mode;
+        int with_spam;
+        int spam_only;
+    } modes[] = {
+        {"with-spam", "with-spam", 1, 0},       {"--with-spam", "with-spam", 1, 0},
+        {"without-spam", "without-spam", 0, 0}, {"--without-spam", "without-spam", 0, 0},
+        {"-v", "with-spam", 1, 0},              {"spam-only", "spam-only", 1, 1},
+        {"--spam-only", "spam-only", 1, 1},
+    };
+
+    for (const auto &m : modes) {
+        if (strcmp(arg, m.name) == 0) {
+            *with_spam = m.with_spam;
+            *spam_only = m.spam_only;
+            return m.mode;
+        }
+    }
+    return nullptr;
+}
+
+int rebox_main(int argc, char **argv)
+{
+    int with_spam = 0;
+    int spam_only = 0;
+
+    report_progname = argv[0];
+    if (setuid(0) != 0 || setgid(0) != 0)
+        report(1, "Unable to set UID or GID: %s\n", strerror(errno));
+    if (argc != 2 && argc != 3)
+        usage();
+    const char *mode = parse_mode(argv[1], &with_spam, &spam_only);
+    if (mode == nullptr)
+        usage();
+    if (argc == 3) {
+        if (strcmp(argv[2], "daemon-mode") != 0 && strcmp(argv[2], "--daemon-mode") != 0)
+            usage();
+        /* Detached, the terminal is gone: messages go to syslog as well. */
+        (void)!daemon(0, 0);
+        report_syslog_start(mode);
+    }
+    load_panel_config();
+    if (!spam_only)
+        rebuild_mail_configuration();
+    if (with_spam && is_component_installed("vdo-spamassassin"))
+        restore_spam_settings();
+    int status = 0;
+    if (!spam_only) {
+        int newu = run_qmail_newu();
+        int restart = restart_qmail(1);
+        status = newu | restart;
+    }
+    report_syslog_finish(status & 0xff);
+    return status;
+}
