@@ -29,6 +29,7 @@ struct HeldFile {
     int loaded;   /* the copy has been read from disk */
     int exists;   /* the file exists, as far as the edits know */
     int dirty;    /* the copy differs from the file on disk */
+    int in_place; /* rewritten where it is, not through a temporary file */
 };
 
 static HeldFile held[HELD_MAX];
@@ -48,7 +49,7 @@ static HeldFile *find_held(const char *path)
     return nullptr;
 }
 
-int held_file_take(const char *path)
+int held_file_take(const char *path, int in_place)
 {
     FileLock *lock;
 
@@ -66,7 +67,7 @@ int held_file_take(const char *path)
     }
     if (held_count == 0)
         held_owner = getpid();
-    held[held_count++] = HeldFile{strdup(path), lock, TextBuf{}, 0, 0, 0};
+    held[held_count++] = HeldFile{strdup(path), lock, TextBuf{}, 0, 0, 0, in_place};
     return 0;
 }
 
@@ -141,11 +142,36 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
     return 0;
 }
 
+/* write_in_place - the copy over the file's content; 0 or 1 */
+static int write_in_place(HeldFile *h)
+{
+    FILE *out = fopen(h->path, "w");
+    int err = 0;
+
+    if (!out) {
+        report(0, "Unable to open file %s: %s\n", h->path, strerror(errno));
+        return 1;
+    }
+    if (h->text.len && fwrite(h->text.data, 1, h->text.len, out) != h->text.len)
+        err = errno;
+    if (fclose(out) != 0 && !err)
+        err = errno;
+    if (err) {
+        report(0, "Unable to write file %s: %s\n", h->path, strerror(err));
+        return 1;
+    }
+    h->dirty = 0;
+    return 0;
+}
+
 /* write_one - the copy through "<path>.tmp" and a rename; 0 or 1.  The
  * file keeps the owner, group and mode it has on disk; a file the edits
  * created gets those of a newly created file. */
 static int write_one(HeldFile *h)
 {
+    if (h->in_place)
+        return write_in_place(h);
+
     char tmp[PATH_BUF_SIZE];
     struct stat st;
     int have_st = stat(h->path, &st) == 0;
@@ -197,20 +223,39 @@ int held_files_write(void)
     return result;
 }
 
+/* drop - unlock and forget the held file at index i; 0 or 1 */
+static int drop(int i)
+{
+    HeldFile *h = &held[i];
+    int result = 0;
+
+    if (file_unlock(h->lock) != 0) {
+        report(0, "Error occurred while unlocking the file %s: %s\n", h->path, strerror(errno));
+        result = 1;
+    }
+    text_buf_free(&h->text);
+    free(h->path);
+    held[i] = held[--held_count];
+    return result;
+}
+
+int held_file_release(const char *path)
+{
+    HeldFile *h = find_held(path);
+
+    if (h == nullptr)
+        return 0;
+    int result = h->loaded && h->dirty ? write_one(h) : 0;
+    return drop(static_cast<int>(h - held)) | result;
+}
+
 int held_files_release(void)
 {
     if (held_count == 0 || getpid() != held_owner)
         return 0;
     int result = held_files_write();
     /* Unlock in the reverse order of taking. */
-    while (held_count > 0) {
-        HeldFile *h = &held[--held_count];
-        if (file_unlock(h->lock) != 0) {
-            report(0, "Error occurred while unlocking the file %s: %s\n", h->path, strerror(errno));
-            result = 1;
-        }
-        text_buf_free(&h->text);
-        free(h->path);
-    }
+    while (held_count > 0)
+        result |= drop(held_count - 1);
     return result;
 }

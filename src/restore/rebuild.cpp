@@ -29,6 +29,7 @@
 #include "mailconf/delivery.h"
 #include "mailconf/domain.h"
 #include "mailconf/domain_alias.h"
+#include "mailconf/idn.h"
 #include "mailconf/mailbox.h"
 #include "mailconf/nonexist_policy.h"
 #include "mailconf/quota.h"
@@ -155,7 +156,7 @@ static void batch_begin(void)
 
     for (const char *name : SHARED_FILES) {
         snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, name);
-        if (held_file_take(path) != 0)
+        if (held_file_take(path, 0) != 0)
             report(1, "Unable to lock %s for the rebuild", path);
     }
     kill_by_name_defer(1);
@@ -163,14 +164,21 @@ static void batch_begin(void)
     report_on_fatal(batch_end);
 }
 
-/* restore_mailbox - one mailbox row of a domain, all its records */
-static void restore_mailbox(MYSQL *conn, MYSQL_ROW m, const char *domain, int disabled,
-                            int full_names_required)
+/* restore_mailbox - one mailbox row of a domain, all its records; batched,
+ * its delivery file is held in memory from add_mailbox to the end */
+static void restore_mailbox(MYSQL *conn, MYSQL_ROW m, const char *domain, const char *ascii,
+                            int disabled, int full_names_required)
 {
     char query[QUERY_SIZE];
+    char qmail[QUERY_SIZE];
     const char *mail_name = m[1];
 
     add_mailbox(mail_name, domain);
+    if (rebuild_batched) {
+        snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
+        if (held_file_take(qmail, 1) != 0)
+            report(1, "Unable to lock %s for the rebuild", qmail);
+    }
     if (db_flag_on(m[2])) {
         const char *hash;
         if (m[3] != nullptr && strcmp(m[3], "crypt") == 0)
@@ -196,6 +204,8 @@ static void restore_mailbox(MYSQL *conn, MYSQL_ROW m, const char *domain, int di
     while (MYSQL_ROW r = mysql_fetch_row(res))
         add_mail_alias(mail_name, domain, r[0]);
     mysql_free_result(res);
+    if (rebuild_batched)
+        held_file_release(qmail);
 }
 
 /* restore_domain - one domain row: domain, policy, quota, aliases, mailboxes */
@@ -207,6 +217,8 @@ static void restore_domain(MYSQL *conn, MYSQL_ROW d, int full_names_required)
     int disabled = (d[2] && atoi(d[2]) != 0) || (d[3] && atoi(d[3]) != 0);
 
     add_mail_domain(name, disabled);
+    /* add_mail_domain has ended the process if the name does not convert. */
+    char *ascii = idn_toascii(name);
     restore_nonexist_policy(name, id, conn);
     apply_quota(name, nullptr, get_dom_Limit(id, "mbox_quota", conn));
 
@@ -228,8 +240,9 @@ static void restore_domain(MYSQL *conn, MYSQL_ROW d, int full_names_required)
              id);
     res = run_query(conn, query, "Unable to query mailnames: %s");
     while (MYSQL_ROW m = mysql_fetch_row(res))
-        restore_mailbox(conn, m, name, disabled, full_names_required);
+        restore_mailbox(conn, m, name, ascii, disabled, full_names_required);
     mysql_free_result(res);
+    free(ascii);
 }
 
 void rebuild_mail_configuration(void)
