@@ -10,6 +10,7 @@
 
 #include "fs/file_lock.h"
 #include "fs/line_edit.h"
+#include "fs/line_store.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -25,7 +26,7 @@
 struct HeldFile {
     char *path;
     FileLock *lock;
-    TextBuf text;
+    LineStore *store;
     int loaded;   /* the copy has been read from disk */
     int exists;   /* the file exists, as far as the edits know */
     int dirty;    /* the copy differs from the file on disk */
@@ -41,11 +42,9 @@ static const size_t PATH_BUF_SIZE = 4096;
 /* find_held - the held file of a path as spelled, or null */
 static HeldFile *find_held(const char *path)
 {
-    if (held_count == 0 || getpid() != held_owner)
-        return nullptr;
     for (int i = 0; i < held_count; i++)
         if (strcmp(held[i].path, path) == 0)
-            return &held[i];
+            return getpid() == held_owner ? &held[i] : nullptr;
     return nullptr;
 }
 
@@ -67,7 +66,7 @@ int held_file_take(const char *path, int in_place)
     }
     if (held_count == 0)
         held_owner = getpid();
-    held[held_count++] = HeldFile{strdup(path), lock, TextBuf{}, 0, 0, 0, in_place};
+    held[held_count++] = HeldFile{strdup(path), lock, nullptr, 0, 0, 0, in_place};
     return 0;
 }
 
@@ -77,6 +76,7 @@ static int load(HeldFile *h)
     struct stat st;
     char chunk[4096];
     size_t got;
+    TextBuf text = {};
 
     if (h->loaded)
         return 0;
@@ -85,34 +85,36 @@ static int load(HeldFile *h)
             report(0, "file_str: Unable to stat file %s: %s\n", h->path, strerror(errno));
             return 1;
         }
-        h->loaded = 1;
         h->exists = 0;
-        return 0;
-    }
-    FILE *in = fopen(h->path, "r");
-    if (!in) {
-        report(0, "Unable to open file %s: %s\n", h->path, strerror(errno));
-        return 1;
-    }
-    while ((got = fread(chunk, 1, sizeof(chunk), in)) > 0)
-        if (text_buf_append(&h->text, chunk, got) != 0)
-            report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    if (ferror(in)) {
-        report(0, "Unable to read file %s: %s\n", h->path, strerror(errno));
+    } else {
+        FILE *in = fopen(h->path, "r");
+        if (!in) {
+            report(0, "Unable to open file %s: %s\n", h->path, strerror(errno));
+            return 1;
+        }
+        while ((got = fread(chunk, 1, sizeof(chunk), in)) > 0)
+            if (text_buf_append(&text, chunk, got) != 0)
+                report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+        if (ferror(in)) {
+            report(0, "Unable to read file %s: %s\n", h->path, strerror(errno));
+            fclose(in);
+            text_buf_free(&text);
+            return 1;
+        }
         fclose(in);
-        text_buf_free(&h->text);
-        return 1;
+        h->exists = 1;
     }
-    fclose(in);
+    h->store = line_store_new(text.data, text.len);
+    text_buf_free(&text);
+    if (!h->store)
+        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
     h->loaded = 1;
-    h->exists = 1;
     return 0;
 }
 
 int held_file_edit(const char *path, const char *const *lines, int operation, int mode)
 {
     HeldFile *h = find_held(path);
-    TextBuf edited = {};
 
     if (h == nullptr)
         return -1;
@@ -133,17 +135,16 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
         h->exists = 1;
         h->dirty = 1;
     }
-    if (line_edit_apply(h->text.data, h->text.len, lines, operation, mode, &edited) < 0)
+    int removed = line_store_apply(h->store, lines, operation, mode);
+    if (removed < 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    if (edited.len != h->text.len || (edited.len && memcmp(edited.data, h->text.data, edited.len) != 0))
+    if (removed > 0 || operation == FILE_STR_ADD)
         h->dirty = 1;
-    text_buf_free(&h->text);
-    h->text = edited;
     return 0;
 }
 
 /* write_in_place - the copy over the file's content; 0 or 1 */
-static int write_in_place(HeldFile *h)
+static int write_in_place(HeldFile *h, const TextBuf *text)
 {
     FILE *out = fopen(h->path, "w");
     int err = 0;
@@ -152,7 +153,7 @@ static int write_in_place(HeldFile *h)
         report(0, "Unable to open file %s: %s\n", h->path, strerror(errno));
         return 1;
     }
-    if (h->text.len && fwrite(h->text.data, 1, h->text.len, out) != h->text.len)
+    if (text->len && fwrite(text->data, 1, text->len, out) != text->len)
         err = errno;
     if (fclose(out) != 0 && !err)
         err = errno;
@@ -160,18 +161,14 @@ static int write_in_place(HeldFile *h)
         report(0, "Unable to write file %s: %s\n", h->path, strerror(err));
         return 1;
     }
-    h->dirty = 0;
     return 0;
 }
 
 /* write_one - the copy through "<path>.tmp" and a rename; 0 or 1.  The
  * file keeps the owner, group and mode it has on disk; a file the edits
  * created gets those of a newly created file. */
-static int write_one(HeldFile *h)
+static int write_through_tmp(HeldFile *h, const TextBuf *text)
 {
-    if (h->in_place)
-        return write_in_place(h);
-
     char tmp[PATH_BUF_SIZE];
     struct stat st;
     int have_st = stat(h->path, &st) == 0;
@@ -188,7 +185,7 @@ static int write_one(HeldFile *h)
     /* Written, flushed to the disk and given its owner and mode before the
      * rename, so the file is always either the old or the whole new text. */
     int err = 0;
-    if (h->text.len && fwrite(h->text.data, 1, h->text.len, out) != h->text.len)
+    if (text->len && fwrite(text->data, 1, text->len, out) != text->len)
         err = errno;
     if (!err && (fflush(out) != 0 || fsync(fileno(out)) != 0))
         err = errno;
@@ -207,8 +204,21 @@ static int write_one(HeldFile *h)
         unlink(tmp);
         return 1;
     }
-    h->dirty = 0;
     return 0;
+}
+
+/* write_one - the copy to disk, in place or through a temporary file */
+static int write_one(HeldFile *h)
+{
+    TextBuf text = {};
+
+    if (line_store_text(h->store, &text) != 0)
+        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    int result = h->in_place ? write_in_place(h, &text) : write_through_tmp(h, &text);
+    text_buf_free(&text);
+    if (result == 0)
+        h->dirty = 0;
+    return result;
 }
 
 int held_files_write(void)
@@ -233,7 +243,7 @@ static int drop(int i)
         report(0, "Error occurred while unlocking the file %s: %s\n", h->path, strerror(errno));
         result = 1;
     }
-    text_buf_free(&h->text);
+    line_store_free(h->store);
     free(h->path);
     held[i] = held[--held_count];
     return result;
