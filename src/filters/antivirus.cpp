@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 
 #include "fs/file_str.h"
+#include "fs/held_file.h"
 #include "fs/file_util.h"
 #include "proc/exec.h"
 #include "runtime/config.h"
@@ -179,9 +180,19 @@ void restore_antivirus_settings(MYSQL *conn)
     users_conf_path(path, sizeof path);
     set_owner_mode(path, 0, 0, 0644);
 
+    /* A record is added by removing its old forms and appending it, once per
+     * mailbox and alias: the file is held in memory under its lock for the
+     * queries and written once, before virusctl reads it. */
+    int held = held_file_take(path, 0) == 0;
+    int failed = 0;
     for (const auto &q : av_queries) {
-        if (av_run_query(conn, q.query, q.failure) != 0)
-            return;
+        if (av_run_query(conn, q.query, q.failure) != 0) {
+            failed = 1;
+            break;
+        }
     }
-    admin_util_exec("virusctl", "-r", nullptr);
+    if (held)
+        held_file_release(path);
+    if (!failed)
+        admin_util_exec("virusctl", "-r", nullptr);
 }
