@@ -6,6 +6,7 @@
 
 #include <mysql.h>
 #include <stdio.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -38,6 +39,10 @@ void get_component_version(const char *name, char *out, size_t size)
     if (res == nullptr)
         report(1, "Error during mysql_store_result: %s", mysql_error(conn));
     rows = mysql_num_rows(res);
+    /* What the table holds is no system failure: no stale system error
+     * text behind these messages. */
+    if (rows != 1)
+        errno = 0;
     if (rows > 1)
         report(1, "Duplicate record in Components table for package %s", name);
     if (rows == 0)
@@ -45,8 +50,10 @@ void get_component_version(const char *name, char *out, size_t size)
     row = mysql_fetch_row(res);
     if (row == nullptr)
         report(1, "Error during mysql_fetch_row: %s", mysql_error(conn));
-    if (row[0] == nullptr)
+    if (row[0] == nullptr) {
+        errno = 0;
         report(1, "NULL version for package '%s' in database", name);
+    }
     if (size > 0) {
         strncpy(out, row[0], size - 1);
         out[size - 1] = '\0';

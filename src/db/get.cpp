@@ -18,6 +18,7 @@
 
 #include <ctype.h>
 #include <stdio.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -228,6 +229,7 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
     if (buf[0] == '\0') {
         if (quiet)
             return nullptr;
+        errno = 0; /* an absent row is no system failure */
         report(1, "get_dom_id(): domains record not found in DB for '%s'\n", name);
     }
     if (conn == nullptr && dom_id_conn != nullptr) {
