@@ -14,6 +14,7 @@
 #include "runtime/report.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -145,19 +146,24 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
     return 0;
 }
 
-/* write_in_place - the copy over the file's content; 0 or 1 */
+/* write_in_place - the copy over the file's content; 0 or 1.  The file is
+ * overwritten and then cut to length rather than emptied first: emptying a
+ * file with content makes the file system force its new blocks to disk at
+ * the close. */
 static int write_in_place(HeldFile *h, const TextBuf *text)
 {
-    FILE *out = fopen(h->path, "w");
+    int fd = open(h->path, O_WRONLY | O_CREAT, 0666);
     int err = 0;
 
-    if (!out) {
+    if (fd < 0) {
         report(0, "Unable to open file %s: %s\n", h->path, strerror(errno));
         return 1;
     }
-    if (text->len && fwrite(text->data, 1, text->len, out) != text->len)
+    if (text->len && pwrite(fd, text->data, text->len, 0) != static_cast<ssize_t>(text->len))
+        err = errno ? errno : EIO;
+    if (!err && ftruncate(fd, static_cast<off_t>(text->len)) != 0)
         err = errno;
-    if (fclose(out) != 0 && !err)
+    if (close(fd) != 0 && !err)
         err = errno;
     if (err) {
         report(0, "Unable to write file %s: %s\n", h->path, strerror(err));
@@ -166,7 +172,7 @@ static int write_in_place(HeldFile *h, const TextBuf *text)
     return 0;
 }
 
-/* write_one - the copy through "<path>.tmp" and a rename; 0 or 1.  The
+/* write_through_tmp - the copy through "<path>.tmp" and a rename; 0 or 1.  The
  * file keeps the owner, group and mode it has on disk; a file the edits
  * created gets those of a newly created file. */
 static int write_through_tmp(HeldFile *h, const TextBuf *text)

@@ -111,7 +111,10 @@ int add_mailbox(const char *mail_name, const char *domain)
         report(1, "Unable to chown .qmail file: %s", strerror(errno));
     if (chmod(".qmail", 0600) != 0)
         report(1, "Unable to chmod .qmail file: %s", strerror(errno));
-    if (file_str(".qmail", "| true", FILE_STR_ADD, FILE_STR_AT_END) != 0)
+    /* Edited by its full path, as the delivery writers spell it: its named
+     * lock is then the one they and the panel's other tools take. */
+    if (snprintf(path, sizeof(path), "%s/.qmail", home) >= static_cast<int>(sizeof(path))
+        || file_str(path, "| true", FILE_STR_ADD, FILE_STR_AT_END) != 0)
         report(1, "Unable to add string to .qmail file\n");
 
     for (int i = 0; mailbox_subdirs[i] != nullptr; i++) {

@@ -173,12 +173,12 @@ static void restore_mailbox(MYSQL *conn, MYSQL_ROW m, const char *domain, const 
     char qmail[QUERY_SIZE];
     const char *mail_name = m[1];
 
-    add_mailbox(mail_name, domain);
     if (rebuild_batched) {
         snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
         if (held_file_take(qmail, 1) != 0)
             report(1, "Unable to lock %s for the rebuild", qmail);
     }
+    add_mailbox(mail_name, domain);
     if (db_flag_on(m[2])) {
         const char *hash;
         if (m[3] != nullptr && strcmp(m[3], "crypt") == 0)
