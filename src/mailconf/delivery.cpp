@@ -6,6 +6,7 @@
 #include "mailconf/idn.h"
 #include "mailconf/pop3.h"
 #include "mailconf/qmail_common.h"
+#include "mailconf/value_check.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -21,7 +22,11 @@ static PopuserIds postbox_popuser;
 static PopuserIds forward_popuser;
 static PopuserIds alias_popuser;
 
-/* names_valid - the name test of the delivery writers */
+/* The invalid-name message of every writer here but add_mail_alias. */
+static const char BAD_NAMES[] = "empty mailname or maildomain";
+
+/* names_valid - the name test of the delivery writers (the domain's ASCII
+ * form is tested where it is made, in delivery_file_path) */
 static int names_valid(const char *mail_name, const char *domain)
 {
     return mail_name_valid(mail_name) && domain != nullptr && *domain != '\0';
@@ -30,7 +35,7 @@ static int names_valid(const char *mail_name, const char *domain)
 /* delivery_file_path - QMAIL_MAILNAMES_D/ascii/mail_name/.qmail */
 static void delivery_file_path(char *buf, const char *domain, const char *mail_name)
 {
-    char *ascii = domain_ascii(domain);
+    char *ascii = domain_ascii_valid(domain, BAD_NAMES);
 
     snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D,
              ascii, mail_name);
@@ -62,7 +67,7 @@ int add_postbox(const char *mail_name, const char *domain, const char *password,
     char path[QMAIL_BUF_SIZE];
 
     if (!names_valid(mail_name, domain))
-        report(1, "empty mailname or maildomain");
+        value_refused(BAD_NAMES);
     add_pop3_password(mail_name, domain, password, disabled, full_names_required);
     delivery_file_path(path, domain, mail_name);
     if (put_qmail_line(path, "./Maildir/") != 0) {
@@ -78,8 +83,8 @@ int remove_postbox(const char *mail_name, const char *domain)
     char path[QMAIL_BUF_SIZE], ending[QMAIL_BUF_SIZE];
 
     if (!names_valid(mail_name, domain))
-        report(1, "empty mailname or maildomain");
-    char *ascii = domain_ascii(domain);
+        value_refused(BAD_NAMES);
+    char *ascii = domain_ascii_valid(domain, BAD_NAMES);
     snprintf(ending, sizeof(ending), "/%s/%s", ascii, mail_name);
     free(ascii);
 
@@ -99,7 +104,7 @@ int add_forward_address(const char *mail_name, const char *domain, const char *a
     /* A null address (no value in the database) is refused like a bad
      * name: there is nothing to forward to. */
     if (!names_valid(mail_name, domain) || address == nullptr)
-        report(1, "empty mailname or maildomain");
+        value_refused(BAD_NAMES);
     delivery_file_path(path, domain, mail_name);
     if (!popuser_known(&forward_popuser))
         report(1, "Unable to define UID or GID for user popuser");
@@ -107,6 +112,14 @@ int add_forward_address(const char *mail_name, const char *domain, const char *a
     char *converted = idn_email_toascii(address);
     if (converted == nullptr)
         report(1, "idn_email_toascii() failed: %s", idn_error_text(idn_last_error));
+    /* An address that would make the line a program, a file, a special
+     * instruction or no address at all is refused with the message of an
+     * address that does not convert, naming the rule it breaks. */
+    if (const char *why = check_forward_address(converted)) {
+        free(converted);
+        errno = 0;
+        report(1, "idn_email_toascii() failed: %s", why);
+    }
     snprintf(line, sizeof(line), "&%s", converted);
     free(converted);
     if (put_qmail_line(path, line) != 0)
@@ -119,8 +132,8 @@ int add_autoresponder(const char *mail_name, const char *domain)
 {
     char path[QMAIL_BUF_SIZE];
 
-    if (mail_name == nullptr || *mail_name == '\0' || domain == nullptr || *domain == '\0')
-        report(1, "empty mailname or maildomain");
+    if (!names_valid(mail_name, domain))
+        value_refused(BAD_NAMES);
     delivery_file_path(path, domain, mail_name);
     if (put_qmail_line(path, "|autoresponder") != 0)
         report(1, "Unable to add string to %s file", path);
@@ -133,7 +146,7 @@ int add_mail_alias(const char *mail_name, const char *domain, const char *alias)
 
     if (!names_valid(mail_name, domain) || !mail_name_valid(alias))
         report(1, "empty mailname, maildomainor or mailalias");
-    char *ascii = domain_ascii(domain);
+    char *ascii = domain_ascii_valid(domain, "empty mailname, maildomainor or mailalias");
     if (!popuser_known(&alias_popuser))
         report(1, "Unable to define UID or GID for user popuser");
 

@@ -33,7 +33,7 @@ int add_mail_domain(const char *name, int disabled)
 
     if (name == nullptr || *name == '\0')
         report(1, "empty domain");
-    char *ascii = domain_ascii(name);
+    char *ascii = domain_ascii_valid(name, "empty domain");
     if (!popuser_known(&add_popuser))
         report(1, "Unable to define UID or GID for user popuser");
 
@@ -108,7 +108,7 @@ int remove_mail_domain(const char *name)
 
     if (name == nullptr || *name == '\0')
         report(1, "empty maildomain");
-    char *ascii = domain_ascii(name);
+    char *ascii = domain_ascii_valid(name, "empty maildomain");
     /* No test: an unknown popuser gives 0 and 0, and its wildcard record
      * is then simply not found. */
     popuser_lookup(&ids);

@@ -16,7 +16,7 @@ int add_domain_alias(const char *domain, const char *alias)
 
     if (domain == nullptr || *domain == '\0' || alias == nullptr || *alias == '\0')
         report(1, "empty domain or domain alias");
-    char *alias_ascii = domain_ascii(alias);
+    char *alias_ascii = domain_ascii_valid(alias, "empty domain or domain alias");
     /* Fetched before the first edit, so that a missing identifier leaves
      * neither of the alias's two lines half written. */
     domain_id_required(domain, id, sizeof(id));
@@ -50,7 +50,7 @@ int remove_domain_alias(const char *domain, const char *alias)
 
     if (domain == nullptr || *domain == '\0' || alias == nullptr || *alias == '\0')
         report(1, "empty domain or domain alias");
-    char *alias_ascii = domain_ascii(alias);
+    char *alias_ascii = domain_ascii_valid(alias, "empty domain or domain alias");
     domain_id_required(domain, id, sizeof(id));
 
     qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);

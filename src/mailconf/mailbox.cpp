@@ -7,6 +7,7 @@
 #include "fs/tree.h"
 #include "mailconf/idn.h"
 #include "mailconf/qmail_common.h"
+#include "mailconf/value_check.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -72,6 +73,10 @@ int add_mailbox(const char *mail_name, const char *domain)
     if (!mail_name_valid(mail_name) || domain == nullptr || *domain == '\0')
         report(1, "invalid mailname or domain name.");
     char *ascii = idn_toascii_safe(domain);
+    if (check_domain_ascii(ascii) != nullptr) {
+        free(ascii);
+        value_refused("invalid mailname or domain name.");
+    }
     if (!popuser_known(&add_popuser))
         report(1, "Unable to define UID or GID for user popuser");
 
@@ -140,7 +145,7 @@ int remove_mailbox(const char *mail_name, const char *domain)
 
     if (!mail_name_valid(mail_name) || domain == nullptr || *domain == '\0')
         report(1, "empty mailname or maildomain");
-    char *ascii = domain_ascii(domain);
+    char *ascii = domain_ascii_valid(domain, "empty mailname or maildomain");
     if (!popuser_lookup(&ids))
         report(1, "Unable to get popuser uid or gid\n");
 

@@ -7,6 +7,7 @@
 #include "fs/file_util.h"
 #include "mailconf/idn.h"
 #include "mailconf/qmail_common.h"
+#include "mailconf/value_check.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -33,6 +34,86 @@ static const char *mail_parameter(const char *domain_id, const char *name, MYSQL
     return buf;
 }
 
+/* catch_address - the address a "catch" domain delivers to, into buf: its
+ * catch_addr, else its client's e-mail, else root at the domain */
+static void catch_address(const char *domain, const char *domain_id, MYSQL *conn, char *buf)
+{
+    mail_parameter(domain_id, "catch_addr", conn, buf);
+    if (*buf != '\0')
+        return;
+    const char *email = get_client_email(domain_id, conn);
+    if (email != nullptr && *email != '\0')
+        snprintf(buf, QMAIL_BUF_SIZE, "%s", email);
+    else
+        snprintf(buf, QMAIL_BUF_SIZE, "root@%s", domain);
+}
+
+/* catch_line - the catch-all line "&" and the converted address, into line;
+ * null, or why the address cannot make it: the conversion's error text, or
+ * the rule of check_forward_address it breaks */
+static const char *catch_line(const char *address, char *line)
+{
+    char *converted = idn_email_toascii(address);
+
+    if (converted == nullptr)
+        return idn_error_text(idn_last_error);
+    const char *why = check_forward_address(converted);
+    /* At most 4095 bytes, like every line of the writers (an address that
+     * passes the rule is far shorter). */
+    if (why == nullptr)
+        snprintf(line, QMAIL_BUF_SIZE, "&%s", converted);
+    free(converted);
+    return why;
+}
+
+/* policy_has_nul - 1 when one of the domain's policy parameters holds a
+ * NUL byte, which the parameter lookups would silently cut the value at */
+static int policy_has_nul(const char *domain_id, MYSQL *conn)
+{
+    char query[QMAIL_BUF_SIZE];
+
+    snprintf(query, sizeof(query),
+             "SELECT COUNT(*) FROM DomainServices s, Parameters r WHERE s.dom_id='%s' AND "
+             "s.type='mail' AND s.parameters_id=r.id AND r.parameter IN ('nonexist_mail', "
+             "'catch_addr', 'bounce_mess') AND INSTR(r.value, CHAR(0)) > 0",
+             domain_id);
+    if (mysql_query(conn, query) != 0)
+        return 0;
+    MYSQL_RES *res = mysql_store_result(conn);
+    MYSQL_ROW row = res != nullptr ? mysql_fetch_row(res) : nullptr;
+    int found = row != nullptr && row[0] != nullptr && strcmp(row[0], "0") != 0;
+    if (res != nullptr)
+        mysql_free_result(res);
+    return found;
+}
+
+/* nonexist_policy_refused - null when restore_nonexist_policy can apply the
+ * domain's policy, else why not (a static text): the domain name breaks a
+ * rule, a policy value holds a NUL byte, or the catch-all address is
+ * refused.  A bounce text always makes a line (its line breaks become
+ * spaces and shell_escape quotes the rest). */
+const char *nonexist_policy_refused(const char *domain, const char *domain_id, MYSQL *conn)
+{
+    static char reason[QMAIL_BUF_SIZE];
+    char policy[QMAIL_BUF_SIZE], address[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
+    char shown[VALUE_PRINTABLE_SIZE];
+
+    if (const char *why = check_domain_name(domain))
+        return why;
+    if (conn != nullptr && strpbrk(domain_id, "'\\") == nullptr && policy_has_nul(domain_id, conn))
+        return "a policy value must not contain a NUL byte";
+    mail_parameter(domain_id, "nonexist_mail", conn, policy);
+    if (strcmp(policy, "catch") != 0)
+        return nullptr;
+    catch_address(domain, domain_id, conn, address);
+    const char *why = catch_line(address, line);
+    if (why == nullptr)
+        return nullptr;
+    snprintf(reason, sizeof(reason), "catch-all address '%s': %s",
+             value_printable(address, shown, sizeof(shown)), why);
+    return reason;
+}
+
 int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *conn)
 {
     char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE];
@@ -43,14 +124,7 @@ int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *co
     if (*policy == '\0') {
         set_bounce_message(domain, default_text);
     } else if (strcmp(policy, "catch") == 0) {
-        mail_parameter(domain_id, "catch_addr", conn, value);
-        if (*value == '\0') {
-            const char *email = get_client_email(domain_id, conn);
-            if (email != nullptr && *email != '\0')
-                snprintf(value, sizeof(value), "%s", email);
-            else
-                snprintf(value, sizeof(value), "root@%s", domain);
-        }
+        catch_address(domain, domain_id, conn, value);
         set_catch_all(domain, value);
     } else if (strcmp(policy, "bounce") == 0) {
         mail_parameter(domain_id, "bounce_mess", conn, value);
@@ -69,7 +143,7 @@ int set_reject(const char *domain, int on)
 
     if (domain == nullptr || *domain == '\0')
         report(1, "set_reject: empty domain");
-    char *ascii = domain_ascii(domain);
+    char *ascii = domain_ascii_valid(domain, "set_reject: empty domain");
     qmail_file_path(path, sizeof(path), QMAIL_REJECTNONEXIST_FILE);
     if (create_file(path) != 0)
         report(1, "set_reject: Unable to create %s file.", path);
@@ -100,9 +174,11 @@ int add_bounce(const char *domain, const char *line)
 {
     char path[QMAIL_BUF_SIZE];
 
-    if (domain == nullptr || *domain == '\0')
-        report(1, "add_bounce: empty domain");
-    char *ascii = domain_ascii(domain);
+    /* A line that would break in two is refused like a bad domain name:
+     * the file holds exactly one line. */
+    if (domain == nullptr || *domain == '\0' || check_line_breaks(line) != nullptr)
+        value_refused("add_bounce: empty domain");
+    char *ascii = domain_ascii_valid(domain, "add_bounce: empty domain");
     if (!popuser_known(&bounce_popuser))
         report(1, "add_bounce: Unable to define UID or GID for user popuser");
     snprintf(path, sizeof(path), "%s/%s/.qmail-default", panel_config.QMAIL_MAILNAMES_D,
@@ -124,8 +200,10 @@ int set_bounce_message(const char *domain, const char *text)
     /* A null text bounces with an empty message rather than crashing. */
     std::string copy = text ? text : "";
 
+    /* The text becomes one line: a carriage return (a text typed with
+     * CR LF line ends) goes the way of the newline. */
     for (char &c : copy)
-        if (c == '\n')
+        if (c == '\n' || c == '\r')
             c = ' ';
     std::string line = "|bouncesaying " + shell_escape(copy);
     set_reject(domain, 0);
@@ -134,12 +212,16 @@ int set_bounce_message(const char *domain, const char *text)
 
 int set_catch_all(const char *domain, const char *address)
 {
-    char line[QMAIL_BUF_SIZE];
-    char *converted = idn_email_toascii_safe(address);
+    char line[QMAIL_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
 
-    /* At most 4095 bytes, like every line of the writers. */
-    snprintf(line, sizeof(line), "&%s", converted);
-    free(converted);
+    /* An address that does not convert, or that would make the line a
+     * program, a file or a special instruction, ends the process with the
+     * conversion's message, before anything is touched. */
+    if (const char *why = catch_line(address, line)) {
+        errno = 0;
+        report(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
+               value_printable(address, shown, sizeof(shown)), why);
+    }
     set_reject(domain, 0);
     return add_bounce(domain, line);
 }

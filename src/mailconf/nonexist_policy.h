@@ -3,7 +3,8 @@
  * Reject: the domain's ASCII name in control/rejectnonexist.  Bounce or
  * catch-all: the one line of the domain's .qmail-default ("|bouncesaying
  * text" or "&address").  restore_nonexist_policy() applies the choice kept
- * in the domain's mail-service parameters.
+ * in the domain's mail-service parameters; nonexist_policy_refused() tells
+ * beforehand whether it would meet a value the writers refuse.
  */
 #ifndef REBOX_MAILCONF_NONEXIST_POLICY_H
 #define REBOX_MAILCONF_NONEXIST_POLICY_H
@@ -14,6 +15,7 @@
 #define DEFAULT_BOUNCE_TEXT "This address no longer accepts mail."
 
 int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *conn);
+const char *nonexist_policy_refused(const char *domain, const char *domain_id, MYSQL *conn);
 int set_reject(const char *domain, int on);
 int add_reject(const char *domain);
 int remove_reject(const char *domain);

@@ -3,6 +3,7 @@
 
 #include "fs/file_str.h"
 #include "mailconf/qmail_common.h"
+#include "mailconf/value_check.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -14,9 +15,12 @@ int add_pop3_password(const char *mail_name, const char *domain, const char *pas
 {
     char path[QMAIL_BUF_SIZE], ending[QMAIL_BUF_SIZE], record[QMAIL_BUF_SIZE];
 
-    if (mail_name == nullptr || *mail_name == '\0' || domain == nullptr || *domain == '\0')
-        report(1, "empty mailname or maildomain");
-    char *ascii = domain_ascii(domain);
+    /* A mail name, domain or hash that cannot stand in the record is
+     * refused with the invalid-name message, before the old line goes. */
+    if (!mail_name_valid(mail_name) || domain == nullptr || *domain == '\0'
+        || (password != nullptr && check_crypt_hash(password) != nullptr))
+        value_refused("empty mailname or maildomain");
+    char *ascii = domain_ascii_valid(domain, "empty mailname or maildomain");
 
     qmail_file_path(path, sizeof(path), QMAIL_POPPASSWD_FILE);
     snprintf(ending, sizeof(ending), "/%s/%s", ascii, mail_name);

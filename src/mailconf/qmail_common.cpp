@@ -5,10 +5,13 @@
 #include "db/get.h"
 #include "fs/users.h"
 #include "mailconf/idn.h"
+#include "mailconf/value_check.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
+#include <errno.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 /* qmail_file_path - QMAIL_ROOT_D/name into buf */
@@ -26,6 +29,30 @@ char *domain_ascii(const char *domain)
     if (ascii == nullptr)
         report(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
     return ascii;
+}
+
+/* domain_ascii_valid - the ASCII form of a domain or alias name (caller
+ * frees) that may stand in a directory name, a record and a lookup by name
+ * (check_domain_ascii); one that does not convert ends the process as in
+ * domain_ascii, one that breaks a rule with the writer's message */
+char *domain_ascii_valid(const char *domain, const char *message)
+{
+    char *ascii = domain_ascii(domain);
+
+    if (check_domain_ascii(ascii) != nullptr) {
+        free(ascii);
+        value_refused(message);
+    }
+    return ascii;
+}
+
+/* value_refused - end the process with a writer's invalid-name message;
+ * the refusal is no system failure, so no stale errno is appended */
+void value_refused(const char *message)
+{
+    errno = 0;
+    report(1, "%s", message);
+    report_exit(1);
 }
 
 /* domain_id_required - copy the database identifier of a domain into buf.
@@ -50,15 +77,12 @@ void domain_id_required(const char *domain, char *buf, size_t size)
     memcpy(buf, id, strlen(id) + 1);
 }
 
-/* mail_name_valid - 1 when the name begins with an ASCII letter or digit,
- * '_' or '-' (the rule for mailbox and alias names), else 0 */
+/* mail_name_valid - 1 when a mailbox or mail alias name may stand in a
+ * directory name and a record: it begins with an ASCII letter or digit,
+ * '_' or '-', and passes the rules of check_mail_name; else 0 */
 int mail_name_valid(const char *mail_name)
 {
-    if (mail_name == nullptr)
-        return 0;
-    unsigned char c = static_cast<unsigned char>(mail_name[0]);
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-           (c >= '0' && c <= '9') || c == '_' || c == '-';
+    return check_mail_name(mail_name) == nullptr;
 }
 
 /* popuser_lookup - look the ids of popuser up afresh; 1 when both are

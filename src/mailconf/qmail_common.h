@@ -3,7 +3,9 @@
  * The paths of qmail's shared control and user files (always built from
  * QMAIL_ROOT_D, always edited through file_str), the domain name in ASCII
  * form, the domain's database identifier, the mailbox-name test and the ids
- * of the system user popuser.
+ * of the system user popuser.  The name checks apply the rules of
+ * value_check: a writer refuses a name that breaks one with its own
+ * invalid-name message, before it touches anything.
  */
 #ifndef REBOX_MAILCONF_QMAIL_COMMON_H
 #define REBOX_MAILCONF_QMAIL_COMMON_H
@@ -30,6 +32,8 @@ struct PopuserIds {
 
 void qmail_file_path(char *buf, size_t size, const char *name);
 char *domain_ascii(const char *domain);
+char *domain_ascii_valid(const char *domain, const char *message);
+[[noreturn]] void value_refused(const char *message);
 void domain_id_required(const char *domain, char *buf, size_t size);
 int mail_name_valid(const char *mail_name);
 int popuser_lookup(PopuserIds *ids);

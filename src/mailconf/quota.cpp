@@ -5,6 +5,7 @@
 #include "fs/file_lock.h"
 #include "fs/users.h"
 #include "mailconf/qmail_common.h"
+#include "mailconf/value_check.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -18,11 +19,20 @@
 #define QUOTA_FILE_NAME "@mbox.quota"
 
 /* quota_file_path - the mailbox's quota file, or the domain's when
- * mail_name is null */
-static void quota_file_path(char *buf, const char *domain, const char *mail_name)
+ * mail_name is null; -1 with a warning (the invalid-name message of the
+ * mailbox writer) when a name cannot stand in the path, and the caller
+ * fails as on any other quota file failure */
+static int quota_file_path(char *buf, const char *domain, const char *mail_name)
 {
     char *ascii = domain_ascii(domain);
 
+    if (check_domain_ascii(ascii) != nullptr
+        || (mail_name != nullptr && !mail_name_valid(mail_name))) {
+        free(ascii);
+        errno = 0;
+        report(0, "invalid mailname or domain name.");
+        return -1;
+    }
     if (mail_name != nullptr)
         snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii,
                  mail_name, QUOTA_FILE_NAME);
@@ -30,6 +40,7 @@ static void quota_file_path(char *buf, const char *domain, const char *mail_name
         snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii,
                  QUOTA_FILE_NAME);
     free(ascii);
+    return 0;
 }
 
 /* unlock_quota - release the lock, warning when that fails */
@@ -44,7 +55,8 @@ int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes)
     char path[QMAIL_BUF_SIZE];
     PopuserIds ids;
 
-    quota_file_path(path, domain, mail_name);
+    if (quota_file_path(path, domain, mail_name) != 0)
+        return 0;
     FileLock *lock = file_lock(path, 1);
     if (!file_lock_held(lock)) {
         report(0, "Error while locking file %s.\n", path);
@@ -89,7 +101,8 @@ int remove_mbox_quota(const char *domain, const char *mail_name)
     char path[QMAIL_BUF_SIZE];
     struct stat st;
 
-    quota_file_path(path, domain, mail_name);
+    if (quota_file_path(path, domain, mail_name) != 0)
+        return 0;
     if (stat(path, &st) != 0)
         return 1;
     FileLock *lock = file_lock(path, 1);

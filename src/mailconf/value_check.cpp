@@ -7,20 +7,37 @@
  * break the line; one written into a colon-separated record must not add a
  * field either.  A forward address must not turn a delivery line into a
  * program, file or special instruction, and must be an address.  A stored
- * password hash must look like one.
+ * password hash must look like one.  Domain and mail names combine these
+ * rules for every place they stand in: a directory, a record, a line, and
+ * (domain names) a database lookup by name.
  */
 #include "mailconf/value_check.h"
 
+#include "mailconf/idn.h"
+
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 /* Null values have nothing to check here: the writers refuse them first. */
 
-const char *check_line_value(const char *value)
+/* check_line_breaks - the line rule alone, for a line built in memory
+ * without a length limit (the bounce line of .qmail-default) */
+const char *check_line_breaks(const char *value)
 {
     if (value == nullptr)
         return "the value is missing";
     if (strpbrk(value, "\r\n") != nullptr)
         return "a value must not contain a line break";
+    return nullptr;
+}
+
+/* check_line_value - the line rule, and a length that no record buffer
+ * ever cuts */
+const char *check_line_value(const char *value)
+{
+    if (const char *why = check_line_breaks(value))
+        return why;
     if (strlen(value) > VALUE_MAX_LINE)
         return "the value is too long";
     return nullptr;
@@ -77,4 +94,97 @@ const char *check_crypt_hash(const char *hash)
     if (strlen(hash) > VALUE_MAX_LINE)
         return "the password hash is too long";
     return nullptr;
+}
+
+/* check_domain_ascii - a domain or alias name in ASCII form: a directory
+ * name, a field of control/virtualdomains, and a value that the database
+ * lookup by name puts between quotes (it refuses quotes and backslashes
+ * by ending the process, so they are refused here first) */
+const char *check_domain_ascii(const char *ascii)
+{
+    if (const char *why = check_path_component(ascii))
+        return why;
+    if (const char *why = check_record_value(ascii))
+        return why;
+    if (strpbrk(ascii, "'\"\\") != nullptr)
+        return "a domain name must not contain a quote or a backslash";
+    return nullptr;
+}
+
+/* check_domain_name - a domain or alias name as stored: it converts to
+ * ASCII, and the ASCII form passes check_domain_ascii */
+const char *check_domain_name(const char *name)
+{
+    if (name == nullptr || *name == 0)
+        return "a name must not be empty";
+    char *ascii = idn_toascii(name);
+    if (ascii == nullptr)
+        return "the name does not convert to ASCII";
+    const char *why = check_domain_ascii(ascii);
+    free(ascii);
+    return why;
+}
+
+/* check_mail_name - a mailbox or mail alias name: a directory name, a field
+ * of users/assign and users/poppasswd, beginning with an ASCII letter or
+ * digit, '_' or '-' */
+const char *check_mail_name(const char *name)
+{
+    if (const char *why = check_path_component(name))
+        return why;
+    unsigned char c = static_cast<unsigned char>(name[0]);
+    if (!((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_'
+          || c == '-'))
+        return "a mail name must begin with a letter, a digit, \"_\" or \"-\"";
+    return check_record_value(name);
+}
+
+/* check_address - a forward or catch-all address as stored: it converts
+ * (its domain part to ASCII), and the converted form passes
+ * check_forward_address */
+const char *check_address(const char *address)
+{
+    if (address == nullptr)
+        return "the address is missing";
+    char *converted = idn_email_toascii(address);
+    if (converted == nullptr)
+        return "the address does not convert to ASCII";
+    const char *why = check_forward_address(converted);
+    free(converted);
+    return why;
+}
+
+/* check_no_nul - a database value of length bytes whose text ends sooner
+ * holds a NUL byte, which would cut it short in every line it is put in */
+const char *check_no_nul(const char *value, unsigned long length)
+{
+    if (value != nullptr && strlen(value) != length)
+        return "a value must not contain a NUL byte";
+    return nullptr;
+}
+
+/* value_printable - value with every control byte and backslash written as
+ * \xNN, cut with "..." to fit buf; "(null)" for null */
+const char *value_printable(const char *value, char *buf, size_t size)
+{
+    size_t used = 0;
+
+    if (size == 0)
+        return buf;
+    buf[0] = 0;
+    if (value == nullptr)
+        value = "(null)";
+    for (const unsigned char *p = reinterpret_cast<const unsigned char *>(value); *p; p++) {
+        char piece[8];
+        int n = (*p < 0x20 || *p == 0x7f || *p == '\\')
+                    ? snprintf(piece, sizeof(piece), "\\x%02x", *p)
+                    : snprintf(piece, sizeof(piece), "%c", *p);
+        if (used + n + 4 > size) {
+            snprintf(buf + used, size - used, "...");
+            return buf;
+        }
+        memcpy(buf + used, piece, n + 1);
+        used += n;
+    }
+    return buf;
 }

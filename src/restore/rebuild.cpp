@@ -8,6 +8,23 @@
  * forwards, autoresponder, quota and aliases.  Any failed query of the pass
  * is fatal; the writers handle their own file failures.
  *
+ * Names, addresses and hashes are the panel customers' own input, and one
+ * bad row must not stop the restore of everybody else: before a row reaches
+ * a writer (which would end the process on it) it is tested with the rules
+ * of value_check, and a row that breaks one is skipped with a warning that
+ * names its domain, its mailbox or alias or address, and the rule; the run
+ * goes on and its exit status does not change.  A skipped domain leaves
+ * out everything of it (directory, records, policy, quota, aliases,
+ * mailboxes), a skipped mailbox everything of it (home, assign record,
+ * password line, delivery file, quota, aliases), a skipped alias or
+ * forward address only itself, a skipped unknown-recipient policy the
+ * domain's policy (and its aliases' reject lines) while the files it wrote
+ * in an earlier run stay as they are.  A mailbox whose stored crypt hash is
+ * refused is skipped whole: without its postbox it would accept mail and
+ * deliver it nowhere, while without the mailbox the sender is told (or the
+ * domain's catch-all gets it).  A database value holding a NUL byte
+ * (its length longer than its text) breaks the line rule.
+ *
  * Batched (the default), the pass takes the named locks of the five shared
  * qmail files once, in a fixed order, and keeps them to its end: every
  * file_str edit of them goes to an in-memory copy, and each file is
@@ -33,6 +50,7 @@
 #include "mailconf/mailbox.h"
 #include "mailconf/nonexist_policy.h"
 #include "mailconf/quota.h"
+#include "mailconf/value_check.h"
 #include "proc/send_sig.h"
 #include "proc/service.h"
 #include "runtime/config.h"
@@ -80,6 +98,69 @@ int short_pop3_names_allowed(MYSQL *conn)
     const char *value = get_misc_param("allow_short_pop3_names", conn);
 
     return !(value != nullptr && strcmp(value, "disabled") == 0);
+}
+
+/* column_rule - the rule that column col of a fetched row breaks, or null:
+ * a NUL byte inside it, or a rule of check (a value_check function) */
+static const char *column_rule(MYSQL_RES *res, MYSQL_ROW row, unsigned col,
+                               const char *(*check)(const char *))
+{
+    const unsigned long *lengths = mysql_fetch_lengths(res);
+
+    if (const char *why = check_no_nul(row[col], lengths[col]))
+        return why;
+    return check(row[col]);
+}
+
+/* skip_row - warn that a row is left out: what it is (kind, and its value
+ * if it has one; no kind for the domain itself), the mailbox it belongs to
+ * if any, its domain and the rule it breaks; values are shown printable */
+static void skip_row(const char *kind, const char *value, const char *mailbox,
+                     const char *domain, const char *why)
+{
+    char v[VALUE_PRINTABLE_SIZE], m[VALUE_PRINTABLE_SIZE], d[VALUE_PRINTABLE_SIZE];
+
+    value_printable(domain, d, sizeof(d));
+    errno = 0;
+    if (kind == nullptr)
+        report(0, "Skipping mail domain '%s': %s", d, why);
+    else if (value == nullptr)
+        report(0, "Skipping the %s of mail domain '%s': %s", kind, d, why);
+    else if (mailbox == nullptr)
+        report(0, "Skipping %s '%s' of mail domain '%s': %s", kind,
+               value_printable(value, v, sizeof(v)), d, why);
+    else
+        report(0, "Skipping %s '%s' of mailbox '%s' of mail domain '%s': %s", kind,
+               value_printable(value, v, sizeof(v)), value_printable(mailbox, m, sizeof(m)), d,
+               why);
+}
+
+/* mailbox_rule - the rule a mailbox row breaks, or null: a NUL byte in its
+ * name or password columns, its name, or (postbox on, stored crypt hash)
+ * its hash */
+static const char *mailbox_rule(MYSQL_RES *res, MYSQL_ROW m)
+{
+    const unsigned long *lengths = mysql_fetch_lengths(res);
+
+    for (unsigned col : {3u, 4u})
+        if (const char *why = check_no_nul(m[col], lengths[col]))
+            return why;
+    if (const char *why = column_rule(res, m, 1, check_mail_name))
+        return why;
+    if (db_flag_on(m[2]) && m[3] != nullptr && strcmp(m[3], "crypt") == 0 && m[4] != nullptr)
+        return check_crypt_hash(m[4]);
+    return nullptr;
+}
+
+/* add_forward_row - add the forward address in column col of a row, or
+ * skip it with a warning */
+static void add_forward_row(MYSQL_RES *res, MYSQL_ROW row, unsigned col, const char *mail_name,
+                            const char *domain)
+{
+    if (const char *why = column_rule(res, row, col, check_address))
+        skip_row("forward address", row[col], mail_name, domain, why);
+    else
+        add_forward_address(mail_name, domain, row[col]);
 }
 
 /* apply_quota - write or remove a domain (mail_name null) or mailbox quota */
@@ -166,13 +247,17 @@ static void batch_begin(void)
 
 /* restore_mailbox - one mailbox row of a domain, all its records; batched,
  * its delivery file is held in memory from add_mailbox to the end */
-static void restore_mailbox(MYSQL *conn, MYSQL_ROW m, const char *domain, const char *ascii,
-                            int disabled, int full_names_required)
+static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, const char *domain,
+                            const char *ascii, int disabled, int full_names_required)
 {
     char query[QUERY_SIZE];
     char qmail[QUERY_SIZE];
     const char *mail_name = m[1];
 
+    if (const char *why = mailbox_rule(rows, m)) {
+        skip_row("mailbox", mail_name, nullptr, domain, why);
+        return;
+    }
     if (rebuild_batched) {
         snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
         if (held_file_take(qmail, 1) != 0)
@@ -188,12 +273,12 @@ static void restore_mailbox(MYSQL *conn, MYSQL_ROW m, const char *domain, const 
         add_postbox(mail_name, domain, hash, disabled, full_names_required);
     }
     if (db_flag_on(m[5]) && m[6] != nullptr && m[6][0] != 0)
-        add_forward_address(mail_name, domain, m[6]);
+        add_forward_row(rows, m, 6, mail_name, domain);
     if (db_flag_on(m[7])) {
         snprintf(query, sizeof(query), "SELECT address FROM mail_redir WHERE mn_id=%s", m[0]);
         MYSQL_RES *res = run_query(conn, query, "Unable to query mailgroup members: %s");
         while (MYSQL_ROW r = mysql_fetch_row(res))
-            add_forward_address(mail_name, domain, r[0]);
+            add_forward_row(res, r, 0, mail_name, domain);
         mysql_free_result(res);
     }
     if (db_flag_on(m[8]))
@@ -201,34 +286,50 @@ static void restore_mailbox(MYSQL *conn, MYSQL_ROW m, const char *domain, const 
     apply_quota(domain, mail_name, m[9]);
     snprintf(query, sizeof(query), "SELECT alias FROM mail_aliases WHERE mn_id=%s", m[0]);
     MYSQL_RES *res = run_query(conn, query, "Unable to query alias for mail: %s");
-    while (MYSQL_ROW r = mysql_fetch_row(res))
-        add_mail_alias(mail_name, domain, r[0]);
+    while (MYSQL_ROW r = mysql_fetch_row(res)) {
+        if (const char *why = column_rule(res, r, 0, check_mail_name))
+            skip_row("mail alias", r[0], mail_name, domain, why);
+        else
+            add_mail_alias(mail_name, domain, r[0]);
+    }
     mysql_free_result(res);
     if (rebuild_batched)
         held_file_release(qmail);
 }
 
 /* restore_domain - one domain row: domain, policy, quota, aliases, mailboxes */
-static void restore_domain(MYSQL *conn, MYSQL_ROW d, int full_names_required)
+static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int full_names_required)
 {
     char query[QUERY_SIZE];
     const char *id = d[0];
     const char *name = d[1];
     int disabled = (d[2] && atoi(d[2]) != 0) || (d[3] && atoi(d[3]) != 0);
 
+    if (const char *why = column_rule(domains, d, 1, check_domain_name)) {
+        skip_row(nullptr, nullptr, nullptr, name, why);
+        return;
+    }
     add_mail_domain(name, disabled);
-    /* add_mail_domain has ended the process if the name does not convert. */
+    /* The name converts: check_domain_name has just converted it. */
     char *ascii = idn_toascii(name);
-    restore_nonexist_policy(name, id, conn);
+    const char *policy_refused = nonexist_policy_refused(name, id, conn);
+    if (policy_refused != nullptr)
+        skip_row("unknown-recipient policy", nullptr, nullptr, name, policy_refused);
+    else
+        restore_nonexist_policy(name, id, conn);
     apply_quota(name, nullptr, get_dom_Limit(id, "mbox_quota", conn));
 
     snprintf(query, sizeof(query),
              "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'", id, 0u);
     MYSQL_RES *res = run_query(conn, query, "Unable to query domain aliases: %s");
     while (MYSQL_ROW a = mysql_fetch_row(res)) {
+        if (const char *why = column_rule(res, a, 0, check_domain_name)) {
+            skip_row("domain alias", a[0], nullptr, name, why);
+            continue;
+        }
         add_domain_alias(name, a[0]);
         const char *policy = get_DomainService_Parameter(id, "mail", "nonexist_mail", conn);
-        if (policy != nullptr && strcmp(policy, "reject") == 0)
+        if (policy_refused == nullptr && policy != nullptr && strcmp(policy, "reject") == 0)
             add_reject(a[0]);
     }
     mysql_free_result(res);
@@ -240,7 +341,7 @@ static void restore_domain(MYSQL *conn, MYSQL_ROW d, int full_names_required)
              id);
     res = run_query(conn, query, "Unable to query mailnames: %s");
     while (MYSQL_ROW m = mysql_fetch_row(res))
-        restore_mailbox(conn, m, name, ascii, disabled, full_names_required);
+        restore_mailbox(conn, res, m, name, ascii, disabled, full_names_required);
     mysql_free_result(res);
     free(ascii);
 }
@@ -274,7 +375,7 @@ void rebuild_mail_configuration(void)
     run_salt[11] = 0;
 
     while (MYSQL_ROW d = mysql_fetch_row(domains))
-        restore_domain(conn, d, full_names_required);
+        restore_domain(conn, domains, d, full_names_required);
     mysql_free_result(domains);
     if (rebuild_batched) {
         report_on_fatal(nullptr);
