@@ -17,6 +17,7 @@
 #include "fs/file_str.h"
 #include "fs/held_file.h"
 #include "fs/file_util.h"
+#include "mailconf/value_check.h"
 #include "proc/exec.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
@@ -136,15 +137,36 @@ int add_antivirus_record(const char *domain, const char *local_part, const char 
 /* av_row_usable - whether a row (virusfilter, local part, domain) can make
  * a record.  Query 1 joins the domains with LEFT JOIN, so a mailbox whose
  * domain row is gone comes with a NULL domain name; such a row, or any row
- * with a NULL column, is skipped with a warning rather than formatted. */
-static int av_row_usable(MYSQL_ROW row)
+ * with a NULL column, is skipped with a warning rather than formatted.  So
+ * is a row whose local part or domain name breaks the rules of mail and
+ * domain names (a line break or a control byte would split the record, a
+ * NUL byte cut it), naming both and the rule. */
+static int av_row_usable(MYSQL_RES *res, MYSQL_ROW row)
 {
-    if (row[0] && row[1] && row[2])
+    char local[VALUE_PRINTABLE_SIZE], domain[VALUE_PRINTABLE_SIZE];
+
+    if (!(row[0] && row[1] && row[2])) {
+        if (row[1] && !row[2])
+            report(0, "Skipping antivirus record for '%s': no domain name",
+                   value_printable(row[1], local, sizeof local));
+        else
+            report(0, "Skipping antivirus record: incomplete database row");
+        return 0;
+    }
+    const unsigned long *lengths = mysql_fetch_lengths(res);
+    const char *why = check_no_nul(row[1], lengths[1]);
+    if (why == nullptr)
+        why = check_no_nul(row[2], lengths[2]);
+    if (why == nullptr)
+        why = check_mail_name(row[1]);
+    if (why == nullptr)
+        why = check_domain_name(row[2]);
+    if (why == nullptr)
         return 1;
-    if (row[1] && !row[2])
-        report(0, "Skipping antivirus record for '%s': no domain name", row[1]);
-    else
-        report(0, "Skipping antivirus record: incomplete database row");
+    errno = 0;
+    report(0, "Skipping antivirus record of mailbox '%s' of mail domain '%s': %s",
+           value_printable(row[1], local, sizeof local),
+           value_printable(row[2], domain, sizeof domain), why);
     return 0;
 }
 
@@ -161,7 +183,7 @@ static int av_run_query(MYSQL *conn, const char *query, const char *failure)
         return -1;
     }
     while ((row = mysql_fetch_row(res)) != nullptr) {
-        if (av_row_usable(row))
+        if (av_row_usable(res, row))
             add_antivirus_record(row[2], row[1], row[0]);
     }
     mysql_free_result(res);

@@ -9,6 +9,7 @@
  */
 #include "filters/spam.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,6 +19,7 @@
 #include "db/connect.h"
 #include "db/get.h"
 #include "filters/argvec.h"
+#include "mailconf/value_check.h"
 #include "proc/exec.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
@@ -38,6 +40,17 @@ static int settings_failed(const char *name, MYSQL *conn)
 {
     report(0, "Unable to get spamassassin settings for '%s': %s", name, mysql_error(conn));
     return -1;
+}
+
+/* value_rule - the rule that column col of a fetched row breaks as a
+ * value of one line (spamctl writes each into a line of its own), or null */
+static const char *value_rule(MYSQL_RES *res, MYSQL_ROW row, unsigned col)
+{
+    const unsigned long *lengths = mysql_fetch_lengths(res);
+
+    if (const char *why = check_no_nul(row[col], lengths[col]))
+        return why;
+    return check_line_value(row[col]);
 }
 
 /* starts_with_true - a panel flag that is on */
@@ -100,7 +113,8 @@ static int add_mailbox_switch(ArgVec *vec, MYSQL *conn, const char *name, const 
 
 /* add_sensitivity - the first score threshold of the record.  A NULL or
  * empty score would send "--sensitivity" without its value, so both
- * entries are left out then. */
+ * entries are left out then; so they are, with a warning, for a value that
+ * breaks the line rule. */
 static int add_sensitivity(ArgVec *vec, MYSQL *conn, const char *name, const char *id)
 {
     char query[SPAM_BUF_SIZE];
@@ -114,14 +128,21 @@ static int add_sensitivity(ArgVec *vec, MYSQL *conn, const char *name, const cha
     if ((res = spam_query(conn, query)) == nullptr)
         return settings_failed(name, conn);
     if ((row = mysql_fetch_row(res)) != nullptr && row[0] != nullptr && row[0][0] != '\0') {
-        argv_add(vec, "--sensitivity");
-        argv_add(vec, row[0]);
+        if (const char *why = value_rule(res, row, 0)) {
+            errno = 0;
+            report(0, "Skipping the required_score of the spam filter settings for '%s': %s", name,
+                   why);
+        } else {
+            argv_add(vec, "--sensitivity");
+            argv_add(vec, row[0]);
+        }
     }
     mysql_free_result(res);
     return 0;
 }
 
-/* add_header_rewrite - the first subject rewriting choice of the record */
+/* add_header_rewrite - the first subject rewriting choice of the record;
+ * none, with a warning, when it breaks the line rule */
 static int add_header_rewrite(ArgVec *vec, MYSQL *conn, const char *name, const char *id)
 {
     char query[SPAM_BUF_SIZE];
@@ -136,7 +157,12 @@ static int add_header_rewrite(ArgVec *vec, MYSQL *conn, const char *name, const 
     if ((res = spam_query(conn, query)) == nullptr)
         return settings_failed(name, conn);
     if ((row = mysql_fetch_row(res)) != nullptr) {
-        if (row[0] == nullptr || row[0][0] == '\0') {
+        const char *why = row[0] != nullptr ? value_rule(res, row, 0) : nullptr;
+        if (why != nullptr) {
+            errno = 0;
+            report(0, "Skipping the rewrite_header of the spam filter settings for '%s': %s", name,
+                   why);
+        } else if (row[0] == nullptr || row[0][0] == '\0') {
             argv_add(vec, "--not-modify-header");
         } else {
             argv_add(vec, "--modify-header");
@@ -158,16 +184,22 @@ static int pair_fits_alone(int32_t prefix_count, size_t prefix_used, const char 
 }
 
 /* list_row_usable - whether a list row (list name, entry) can be sent as a
- * whole pair.  An empty or NULL entry cannot be an argument, and an entry
- * too long for a run of its own can never be sent; such rows are skipped
- * with a warning, sending neither the option nor half a pair and running
- * no extra batch for them. */
-static int list_row_usable(MYSQL_ROW row, const char *option, int32_t prefix_count,
-                           size_t prefix_used, const char *name)
+ * whole pair.  An empty or NULL entry cannot be an argument, an entry too
+ * long for a run of its own can never be sent, and one that breaks the
+ * line rule would add lines to the settings; such rows are skipped with a
+ * warning, sending neither the option nor half a pair and running no
+ * extra batch for them. */
+static int list_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *option,
+                           int32_t prefix_count, size_t prefix_used, const char *name)
 {
     if (row[0] == nullptr || row[1] == nullptr || row[1][0] == '\0') {
         report(0, "Skipping empty %s entry of the spam filter settings for '%s'",
                row[0] ? row[0] : "list", name);
+        return 0;
+    }
+    if (const char *why = value_rule(res, row, 1)) {
+        errno = 0;
+        report(0, "Skipping %s entry of the spam filter settings for '%s': %s", row[0], name, why);
         return 0;
     }
     if (!pair_fits_alone(prefix_count, prefix_used, option, row[1])) {
@@ -214,7 +246,7 @@ static int add_lists_and_run(ArgVec *vec, MYSQL *conn, const char *name, const c
         char option[SPAM_BUF_SIZE];
 
         snprintf(option, sizeof option, "--add-to-%s", row[0] ? row[0] : "");
-        if (!list_row_usable(row, option, prefix_count, prefix_used, name))
+        if (!list_row_usable(res, row, option, prefix_count, prefix_used, name))
             continue;
         if (add_list_pair(vec, option, row[1]))
             continue;
@@ -338,13 +370,41 @@ int apply_mailbox_spam_settings(const char *local_part, const char *domain, MYSQ
 }
 
 /* domain_row_usable - whether a domain row (id, name) can be walked: its id
- * goes into the mailbox query unquoted, so a NULL id is skipped */
-static int domain_row_usable(MYSQL_ROW row)
+ * goes into the mailbox query unquoted, so a NULL id is skipped, and its
+ * name into every full mail name, so is a name that breaks the rules of
+ * domain names (as the rebuild pass skips it) */
+static int domain_row_usable(MYSQL_RES *res, MYSQL_ROW row)
 {
-    if (row[0] != nullptr)
+    char shown[VALUE_PRINTABLE_SIZE];
+    const char *why = row[0] == nullptr ? "no domain id" : nullptr;
+
+    if (why == nullptr)
+        why = check_no_nul(row[1], mysql_fetch_lengths(res)[1]);
+    if (why == nullptr)
+        why = check_domain_name(row[1]);
+    if (why == nullptr)
         return 1;
-    report(0, "Skipping spam filter settings of domain '%s': no domain id",
-           row[1] ? row[1] : "(null)");
+    errno = 0;
+    report(0, "Skipping spam filter settings of domain '%s': %s",
+           value_printable(row[1], shown, sizeof shown), why);
+    return 0;
+}
+
+/* mailbox_row_usable - whether a mailbox name of the domain can make a full
+ * mail name: it follows the rules of mail names, as in the rebuild pass */
+static int mailbox_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *domain)
+{
+    char shown[VALUE_PRINTABLE_SIZE], dom[VALUE_PRINTABLE_SIZE];
+    const char *why = check_no_nul(row[0], mysql_fetch_lengths(res)[0]);
+
+    if (why == nullptr)
+        why = check_mail_name(row[0]);
+    if (why == nullptr)
+        return 1;
+    errno = 0;
+    report(0, "Skipping spam filter settings of mailbox '%s' of mail domain '%s': %s",
+           value_printable(row[0], shown, sizeof shown), value_printable(domain, dom, sizeof dom),
+           why);
     return 0;
 }
 
@@ -369,13 +429,14 @@ void restore_spam_settings(void)
     if ((domains = spam_query(conn, domains_query)) == nullptr)
         report(1, "Unable to query domains: %s", mysql_error(conn));
     while ((dom = mysql_fetch_row(domains)) != nullptr) {
-        if (!domain_row_usable(dom))
+        if (!domain_row_usable(domains, dom))
             continue;
         snprintf(query, sizeof query, "SELECT mail_name FROM mail WHERE dom_id=%s", dom[0]);
         if ((mailboxes = spam_query(conn, query)) == nullptr)
             report(1, "Unable to query mailnames: %s", mysql_error(conn));
         while ((box = mysql_fetch_row(mailboxes)) != nullptr)
-            apply_mailbox_spam_settings(box[0], dom[1], conn);
+            if (mailbox_row_usable(mailboxes, box, dom[1]))
+                apply_mailbox_spam_settings(box[0], dom[1], conn);
         mysql_free_result(mailboxes);
     }
     mysql_free_result(domains);
