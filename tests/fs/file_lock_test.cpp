@@ -11,48 +11,30 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <string>
-
-/* child_ok - run f in a child process; whether it exited with 0 */
-template <typename F> static bool child_ok(F f, pid_t *pid_out = nullptr)
-{
-    pid_t pid = fork();
-    if (pid == 0)
-        _exit(f());
-    if (pid_out) {
-        *pid_out = pid;
-        return true;
-    }
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 TEST(FileLock, NamesAndLockFilesLeftInPlace)
 {
     REQUIRE_SANDBOX();
     load_panel_config();
     umask(022);
-    const char *data = "/var/qmail/users/assign";
-    std::string lock_file = sandbox_path("vdo/var/lock/files/2b41cfc09d5551bc725fc1f754631002");
-    EXPECT_STREQ(md5_hex("", data), "2b41cfc09d5551bc725fc1f754631002");
-    EXPECT_STREQ(md5_hex("/var/qmail/", "users/assign"), "2b41cfc09d5551bc725fc1f754631002");
+    const char *data = "/var/qmail/users/assign", *sum = "2b41cfc09d5551bc725fc1f754631002";
+    std::string lock_file = sandbox_path("vdo/var/lock/files/") + sum;
+    EXPECT_STREQ(md5_hex("", data), sum);
+    EXPECT_STREQ(md5_hex("/var/qmail/", "users/assign"), sum);
     char *path = file_lock_path(data);
     EXPECT_EQ(std::string(path), lock_file);
     free(path);
 
     write_file(lock_file, "stale");
     FileLock *lock = file_lock(data, 1);
-    ASSERT_TRUE(file_lock_held(lock));
-    EXPECT_FALSE(file_lock_busy(lock));
+    ASSERT_TRUE(file_lock_held(lock) && !file_lock_busy(lock));
     EXPECT_EQ(std::string(lock->path), lock_file);
     EXPECT_EQ(file_unlock(lock), 0);
     expect_owner_mode(lock_file, 0, 0, 0644);
     EXPECT_EQ(read_file(lock_file), "");
-    EXPECT_EQ(file_unlock(nullptr), -1);
-    EXPECT_TRUE(file_lock_busy(nullptr));
+    EXPECT_TRUE(file_unlock(nullptr) == -1 && file_lock_busy(nullptr));
 
     /* Without the hashed name the path itself is the lock file. */
     std::string plain = sandbox_path("plain.lock");
@@ -71,36 +53,26 @@ TEST(FileLock, OtherProcessesWaitOrSeeBusy)
     ASSERT_TRUE(file_lock_held(lock));
 
     /* The children drop the inherited descriptor: only the parent holds it. */
-    EXPECT_TRUE(child_ok([&] {
+    EXPECT_EQ(exit_code(spawn([&] {
+                  close(lock->fd);
+                  FileLock *busy = file_trylock("/shared", 1);
+                  int ok = busy && busy->fd == 0 && file_lock_busy(busy) && !file_lock_held(busy);
+                  return ok && file_unlock(busy) == 0 ? 0 : 1;
+              })),
+              0);
+    /* The waiter has no standard input: its lock must not land on
+     * descriptor 0, the busy marker. */
+    pid_t waiter = spawn([&] {
         close(lock->fd);
-        FileLock *busy = file_trylock("/shared", 1);
-        int ok = busy && busy->fd == 0 && file_lock_busy(busy) && !file_lock_held(busy);
-        return ok && file_unlock(busy) == 0 ? 0 : 1;
-    }));
-    pid_t waiter;
-    child_ok([&] {
-        close(lock->fd);
+        close(0);
         FileLock *mine = file_lock("/shared", 1);
         write_file(marks, read_file(marks) + "waiter-in\n");
-        return file_lock_held(mine) ? file_unlock(mine) : 1;
-    }, &waiter);
+        return file_lock_held(mine) && fcntl(0, F_GETFD) != -1 ? file_unlock(mine) : 1;
+    });
     usleep(300000);
     EXPECT_NE(access(marks.c_str(), F_OK), 0) << "the waiter got the lock while it was held";
     write_file(marks, "holder-out\n");
     EXPECT_EQ(file_unlock(lock), 0);
-    int status = 0;
-    ASSERT_EQ(waitpid(waiter, &status, 0), waiter);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(exit_code(waiter), 0);
     EXPECT_EQ(read_file(marks), "holder-out\nwaiter-in\n");
-}
-
-TEST(FileLock, ClosedStandardInputIsNeverTakenForBusy)
-{
-    REQUIRE_SANDBOX();
-    load_panel_config();
-    EXPECT_TRUE(child_ok([] {
-        close(0);
-        FileLock *lock = file_lock("/data/file", 1);
-        return file_lock_held(lock) && fcntl(0, F_GETFD) != -1 ? file_unlock(lock) : 1;
-    }));
 }

@@ -26,8 +26,6 @@ TEST(LineEdit, AddAndRemoveExactLines)
 {
     EXPECT_EQ(edit("x\n", {"a", ".\n", ""}, FILE_STR_ADD, FILE_STR_AT_BEGIN), "a\n.\n\nx\n");
     EXPECT_EQ(edit("x", {"a", "b\n"}, FILE_STR_ADD, FILE_STR_AT_END), "xa\nb\n");
-    EXPECT_EQ(edit("x\n", {"a"}, FILE_STR_ADD, 7), "x\n");
-    EXPECT_EQ(edit("x\n", {"x"}, 3, 0), "x\n");
 
     const std::string text = "abc\nabcd\nab\nzz\nabc";
     int removed = 0;

@@ -45,14 +45,11 @@ TEST(SendSig, SignalsExactCommandNamesOnly)
     /* names are matched system-wide: never touch a running mail system */
     if (run_command("ps axc -opid,command | grep -qE '[0-9] x?qmail-se$'").status == 0)
         GTEST_SKIP() << "processes named qmail-se already run on this host";
-
     EXPECT_EQ(kill_by_name("qmail-se", 1), 0); /* nobody to signal */
 
-    pid_t first = start_named("qmail-se"), second = start_named("qmail-se");
-    pid_t other = start_named("xqmail-se");
+    pid_t first = start_named("qmail-se"), second = start_named("qmail-se"), other = start_named("xqmail-se");
     ASSERT_TRUE(first > 0 && second > 0 && other > 0);
     usleep(200000); /* let the children take their names */
-
     kill_by_name("qmail-se", 1);
     EXPECT_EQ(end_signal(first), SIGHUP);
     EXPECT_EQ(end_signal(second), SIGHUP);
