@@ -100,7 +100,8 @@ const char *nonexist_policy_refused(const char *domain, const char *domain_id, M
 
     if (const char *why = check_domain_name(domain))
         return why;
-    if (conn != nullptr && strpbrk(domain_id, "'\\") == nullptr && policy_has_nul(domain_id, conn))
+    if (conn != nullptr && domain_id != nullptr && strpbrk(domain_id, "'\\") == nullptr
+        && policy_has_nul(domain_id, conn))
         return "a policy value must not contain a NUL byte";
     mail_parameter(domain_id, "nonexist_mail", conn, policy);
     if (strcmp(policy, "catch") != 0)

@@ -19,8 +19,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* Null values have nothing to check here: the writers refuse them first. */
-
 /* check_line_breaks - the line rule alone, for a line built in memory
  * without a length limit (the bounce line of .qmail-default) */
 const char *check_line_breaks(const char *value)
