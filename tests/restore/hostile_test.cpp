@@ -16,11 +16,12 @@
 namespace {
 
 /* Loaded after the rows of each run: the antivirus and spam-filter passes
- * on, with checking for the fixture's mailboxes and a spam-filter record
- * for every mailbox (but the one refused for its hash, account 61: the
- * spam-filter pass reads no passwords). */
+ * on, with checking for the fixture's mailboxes, the server-wide spam-filter
+ * record 90 and one for every mailbox (but the one refused for its hash,
+ * account 61: the spam-filter pass reads no passwords). */
 const char FILTERS_ON[] =
     "UPDATE Components SET version='1.0';"
+    "INSERT INTO spamfilter (id, username) VALUES (90, '*@*');"
     "INSERT INTO Components (name, version) VALUES ('drweb-qmail', '1.0');"
     "UPDATE mail SET virusfilter='any' WHERE id < 50;"
     "INSERT IGNORE INTO spamfilter (username) SELECT CONCAT(m.mail_name, '@', d.name) "
@@ -248,7 +249,7 @@ TEST_F(HostilePanel, MailboxAndAliasNames)
     });
 }
 
-TEST_F(HostilePanel, ForwardAndCatchAllAddresses)
+TEST_F(HostilePanel, AddressesPoliciesAndSpamSettings)
 {
     const char *w = "Skipping the unknown-recipient policy of mail domain 'example.com'";
     check({
@@ -269,5 +270,11 @@ TEST_F(HostilePanel, ForwardAndCatchAllAddresses)
         {"NUL in bounce text",
          policy_rows("(11, 'nonexist_mail', 'bounce'), (11, 'bounce_mess', CONCAT('evil', CHAR(0), 'x'))"), w, 1,
          "example.com/.qmail-default"},
+        {"spam-filter values",
+         lines("(90, 'whitelist_from', CONCAT('evil@x.example', CHAR(10), 'score ALL 0')), "
+               "(90, 'blacklist_from', CONCAT('evil', CHAR(0), '@x')), (90, 'required_score', CONCAT('5', CHAR(10), "
+               "'evil')), (90, 'rewrite_header', CONCAT('subject evil', CHAR(13)))",
+               "spamfilter_preferences (spamfilter_id, preference, value)"),
+         "of the spam filter settings for '*@*': a value must not contain a ", 4, nullptr},
     });
 }
