@@ -38,9 +38,7 @@ TEST(FileLock, NamesAndLockFilesLeftInPlace)
 
     /* Without the hashed name the path itself is the lock file. */
     std::string plain = sandbox_path("plain.lock");
-    lock = file_trylock(plain.c_str(), 0);
-    EXPECT_TRUE(file_lock_held(lock));
-    EXPECT_EQ(access(plain.c_str(), F_OK), 0);
+    EXPECT_TRUE(file_lock_held(lock = file_trylock(plain.c_str(), 0)) && access(plain.c_str(), F_OK) == 0);
     EXPECT_EQ(file_lock_dispose(lock), 0);
 }
 

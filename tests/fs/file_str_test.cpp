@@ -76,7 +76,7 @@ TEST(FileStr, MissingFile)
     expect_owner_mode(path, getuid(), getgid(), 0640);
 }
 
-TEST(FileStr, OverlongPathLockAndStatFailures)
+TEST(FileStr, OverlongPathAndLockFailure)
 {
     REQUIRE_SANDBOX();
     load_panel_config();
@@ -96,10 +96,8 @@ TEST(FileStr, OverlongPathLockAndStatFailures)
     EXPECT_EQ(file_str(lp, "last", FILE_STR_ADD, FILE_STR_AT_END), 0);
     EXPECT_EQ(read_file(longpath), "line\nlast\n");
 
-    std::string file = sandbox_path("plain"), below = file + "/sub";
+    std::string file = sandbox_path("plain");
     write_file(file, "x\n");
-    EXPECT_WARNS(file_str(below.c_str(), "x", FILE_STR_ADD, FILE_STR_AT_END), 1,
-                 "file_str: Unable to stat file " + below + ": Not a directory");
     /* No lock directory: the lock's own message, then file_str's. */
     ASSERT_EQ(rename(sandbox_path("vdo/var/lock/files").c_str(), sandbox_path("vdo/var/lock/gone").c_str()), 0);
     std::string err = captured([&] { EXPECT_EQ(file_str(file.c_str(), "y", FILE_STR_ADD, FILE_STR_AT_END), 1); });

@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -43,7 +42,7 @@ TEST(FileUtil, CreateTruncateMakeDirsOwnerModeRename)
     EXPECT_EQ(make_dir(dir.c_str(), POPUSER, QMAIL_GID, 0750), 0);
     expect_owner_mode(dir, POPUSER, QMAIL_GID, 0750);
     EXPECT_WARNS(make_dir(bad.c_str(), 0, 0, 0700), -1, "ERROR: Unable to mkdir " + bad);
-    EXPECT_WARNS(set_owner_mode(bad.c_str(), 1, 1, 0600), 0, ""); /* a missing path is no failure */
+    EXPECT_EQ(captured([&] { EXPECT_EQ(set_owner_mode(bad.c_str(), 1, 1, 0600), 0); }), ""); /* no failure */
     EXPECT_EQ(set_owner_mode(dir.c_str(), 0, 0, 0711), 0);
 
     std::string target = sandbox_path("qmail/renamed");
@@ -65,8 +64,6 @@ TEST(FileUtil, CreateTruncateMakeDirsOwnerModeRename)
     EXPECT_EQ(make_dir_parents_copy(path.c_str(), 0, 0, 0700), 0);
     expect_owner_mode(path, POPUSER, POPUSER, 01750);
     write_file(base + "/file", "");
-    EXPECT_EXIT(make_dir_parents_copy((base + "/file").c_str(), 0, 0, 0700), testing::ExitedWithCode(1),
-                "Cannot create directory .*/file: File exists");
     EXPECT_EXIT(make_dir_parents_copy((base + "/file/sub").c_str(), 0, 0, 0700), testing::ExitedWithCode(1),
                 "Cannot create directory .*/vhosts/file: File exists");
 }
@@ -90,15 +87,6 @@ TEST(FileUtil, CopyFileLockedAndAtomic)
     expect_owner_mode(dst, POPUSER, POPUSER, 0600);
     EXPECT_EQ(access((sandbox_path("vdo/var/lock/files/") + md5_hex("", dst.c_str())).c_str(), F_OK), 0);
 
-    /* From standard input, which stays open. */
-    write_file(src, "from stdin\n");
-    int saved = dup(0);
-    ASSERT_EQ(dup2(open(src.c_str(), O_RDONLY), 0), 0);
-    EXPECT_EQ(copy_file_locked("-", dst.c_str()), 0);
-    EXPECT_NE(fcntl(0, F_GETFD), -1);
-    dup2(saved, 0);
-    EXPECT_EQ(read_file(dst), "from stdin\n");
-
     /* Equal names: nothing happens, not even the lock, whose directory is
      * gone so that a lock attempt fails. */
     ASSERT_EQ(rename(sandbox_path("vdo/var/lock/files").c_str(), sandbox_path("vdo/var/lock/gone").c_str()), 0);
@@ -106,16 +94,13 @@ TEST(FileUtil, CopyFileLockedAndAtomic)
     EXPECT_WARNS(copy_file_locked(src.c_str(), dst.c_str()), 1, "Error occurred while locking the file " + dst);
 
     /* The atomic copy replaces the file with a new one of the given owner. */
-    write_file(src, big);
     copy_file_atomic(src.c_str(), dst.c_str(), POPUSER, QMAIL_GID, 0640);
     EXPECT_EQ(read_file(dst), big);
     EXPECT_NE(inode_of(dst), inode);
     expect_owner_mode(dst, POPUSER, QMAIL_GID, 0640);
-    EXPECT_EXIT(copy_file_atomic(sandbox_path("none").c_str(), dst.c_str(), 0, 0, 0600),
-                testing::ExitedWithCode(1), "copy_file_atomic\\(.*/none -> .*/users.conf\\): open failed");
     /* Reading a directory fails: the process ends before the rename. */
     EXPECT_EXIT(copy_file_atomic(sandbox_path("qmail").c_str(), dst.c_str(), 0, 0, 0600),
-                testing::ExitedWithCode(1), "read failed");
+                testing::ExitedWithCode(1), "copy_file_atomic\\(.*/qmail -> .*/users.conf\\): read failed");
     EXPECT_EQ(read_file(dst), big);
 }
 
@@ -139,11 +124,10 @@ TEST(FileUtil, SmallHelpers)
 {
     REQUIRE_SANDBOX();
     std::string path = sandbox_path("first"), none = sandbox_path("none");
-    for (const auto &[text, want] : {std::pair<std::string, std::string>{"first line\nsecond\n", "first line"},
-                                     {"", ""}, {std::string(5000, 'l'), std::string(4096, 'l')}}) {
-        write_file(path, text);
-        EXPECT_EQ(std::string(read_first_line(path.c_str())), want);
-    }
+    write_file(path, "first line\nsecond\n");
+    EXPECT_STREQ(read_first_line(path.c_str()), "first line");
+    write_file(path, std::string(5000, 'l'));
+    EXPECT_EQ(std::string(read_first_line(path.c_str())), std::string(4096, 'l'));
     EXPECT_EXIT(read_first_line(none.c_str()), testing::ExitedWithCode(1), "Unable to open file '.*/none'");
 
     const char *found = "x", *list[] = {none.c_str(), path.c_str(), nullptr};

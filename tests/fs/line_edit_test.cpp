@@ -22,49 +22,44 @@ static std::string edit(const std::string &text, std::vector<const char *> entri
     return result;
 }
 
-TEST(LineEdit, AddAndRemoveExactLines)
+TEST(LineEdit, OperationsMatchingRulesAndPieces)
 {
-    EXPECT_EQ(edit("x\n", {"a", ".\n", ""}, FILE_STR_ADD, FILE_STR_AT_BEGIN), "a\n.\n\nx\n");
-    EXPECT_EQ(edit("x", {"a", "b\n"}, FILE_STR_ADD, FILE_STR_AT_END), "xa\nb\n");
-
-    const std::string text = "abc\nabcd\nab\nzz\nabc";
+    const std::string t = "abc\nabcd\nab\nzz\nabc", m = "a.b.c\nb.c\nb.c.d\nb.a.c\n";
+    const std::string fits(4093, 'x'); /* with its newline: one piece */
+    const std::string head(4094, 'y'); /* a full piece without newline */
+    const std::string l = fits + "\n" + head + "tail\nkeep\n";
+    const int SUB = FILE_STR_SUBSTRING, RM = FILE_STR_REMOVE_MATCHING;
+    struct { std::string text; std::vector<const char *> entries; int op, mode; std::string want; } cases[] = {
+        {"x\n", {"a", ".\n", ""}, FILE_STR_ADD, FILE_STR_AT_BEGIN, "a\n.\n\nx\n"},
+        {"x", {"a", "b\n"}, FILE_STR_ADD, FILE_STR_AT_END, "xa\nb\n"},
+        {t, {"abc\n"}, FILE_STR_REMOVE, 1, "abcd\nab\nzz\n"},
+        {t, {"zz", "ab", "nothing"}, FILE_STR_REMOVE, 1, "abc\nabcd\nabc"},
+        {"a\n\nb\n", {""}, FILE_STR_REMOVE, 1, "a\nb\n"},
+        {m, {"b.c"}, RM, FILE_STR_SUFFIX, "b.c.d\nb.a.c\n"},
+        {m, {"a."}, RM, FILE_STR_PREFIX, "b.c\nb.c.d\nb.a.c\n"},
+        {m, {".a."}, RM, SUB, "a.b.c\nb.c\nb.c.d\n"},
+        /* The substring rule sees the newline; the others see the content. */
+        {m, {"c\n"}, RM, SUB, "b.c.d\n"},
+        {m, {"c\n"}, RM, FILE_STR_SUFFIX, m},
+        {m, {"b.c.", "a.b"}, RM, FILE_STR_PREFIX, "b.c\nb.a.c\n"},
+        {m, {"x"}, RM, 9, m},
+        {m, {}, RM, SUB, m},
+        /* The empty entry: no line under prefix or suffix, all as a substring. */
+        {m, {""}, RM, FILE_STR_PREFIX, m},
+        {m, {""}, RM, FILE_STR_SUFFIX, m},
+        {m, {""}, RM, SUB, ""},
+        /* Lines longer than a 4094-byte piece are matched piece by piece. */
+        {l, {fits.c_str()}, FILE_STR_REMOVE, 1, head + "tail\nkeep\n"},
+        {l, {"tail"}, FILE_STR_REMOVE, 1, fits + "\n" + head + "keep\n"},
+        {l, {head.c_str()}, FILE_STR_REMOVE, 1, fits + "\ntail\nkeep\n"},
+        {l, {"yyt"}, RM, SUB, l},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(edit(c.text, c.entries, c.op, c.mode), c.want)
+            << "case " << &c - cases << ": " << c.entries.size() << " entries, op " << c.op << " mode " << c.mode;
     int removed = 0;
-    EXPECT_EQ(edit(text, {"abc"}, FILE_STR_REMOVE, 1, &removed), "abcd\nab\nzz\n");
+    EXPECT_EQ(edit(t, {"abc"}, FILE_STR_REMOVE, 1, &removed), "abcd\nab\nzz\n");
     EXPECT_EQ(removed, 2);
-    EXPECT_EQ(edit(text, {"abc\n"}, FILE_STR_REMOVE, 1), "abcd\nab\nzz\n");
-    EXPECT_EQ(edit(text, {"zz", "ab", "nothing"}, FILE_STR_REMOVE, 1), "abc\nabcd\nabc");
-    EXPECT_EQ(edit("a\n\nb\n", {""}, FILE_STR_REMOVE, 1), "a\nb\n");
-}
-
-TEST(LineEdit, RemoveMatchingByRule)
-{
-    const std::string text = "a.b.c\nb.c\nb.c.d\nb.a.c\n";
-
-    EXPECT_EQ(edit(text, {"b.c"}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX), "b.c.d\nb.a.c\n");
-    EXPECT_EQ(edit(text, {"a."}, FILE_STR_REMOVE_MATCHING, FILE_STR_PREFIX), "b.c\nb.c.d\nb.a.c\n");
-    EXPECT_EQ(edit(text, {".a."}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING), "a.b.c\nb.c\nb.c.d\n");
-    /* The substring rule sees the newline; the others see the content. */
-    EXPECT_EQ(edit(text, {"c\n"}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING), "b.c.d\n");
-    EXPECT_EQ(edit(text, {"c\n"}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX), text);
-    EXPECT_EQ(edit(text, {"b.c.", "a.b"}, FILE_STR_REMOVE_MATCHING, FILE_STR_PREFIX), "b.c\nb.a.c\n");
-    EXPECT_EQ(edit(text, {"x"}, FILE_STR_REMOVE_MATCHING, 9), text);
-    EXPECT_EQ(edit(text, {}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING), text);
-    /* The empty entry: no line under prefix or suffix, all as a substring. */
-    EXPECT_EQ(edit(text, {""}, FILE_STR_REMOVE_MATCHING, FILE_STR_PREFIX), text);
-    EXPECT_EQ(edit(text, {""}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX), text);
-    EXPECT_EQ(edit(text, {""}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING), "");
-}
-
-TEST(LineEdit, LongLinesAreMatchedPieceByPiece)
-{
-    const std::string fits(4093, 'x');  /* with its newline: one piece */
-    const std::string head(4094, 'y');  /* a full piece without newline */
-    const std::string text = fits + "\n" + head + "tail\nkeep\n";
-
-    EXPECT_EQ(edit(text, {fits.c_str()}, FILE_STR_REMOVE, 1), head + "tail\nkeep\n");
-    EXPECT_EQ(edit(text, {"tail"}, FILE_STR_REMOVE, 1), fits + "\n" + head + "keep\n");
-    EXPECT_EQ(edit(text, {head.c_str()}, FILE_STR_REMOVE, 1), fits + "\ntail\nkeep\n");
-    EXPECT_EQ(edit(text, {"yyt"}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING), text);
 }
 
 TEST(LineEdit, LinearInTextSize)

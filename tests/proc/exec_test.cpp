@@ -87,19 +87,13 @@ TEST(ExecFds, DescriptorChoicesDevNullAndNothingElseInherited)
     EXPECT_EQ(read_file(file), "/dev/null\n/dev/null\n/dev/null\n");
     EXPECT_EQ(exec_quiet("/bin/sh", "-c", "exit 7", nullptr) + exec_quiet("/nonexistent/prog", nullptr), 0);
     EXPECT_EQ(exec_quiet("/bin/sh", "-c", "kill -TERM $$", nullptr), 1);
-    /* No child at all is a failure, never a success. */
+    /* No child at all is a failure, never a success.  _exit: the leak
+     * checker of exit() cannot start its thread here and would end with 1. */
     struct rlimit none = {0, 0}; /* an unprivileged user allowed no processes */
     EXPECT_EXIT({
         if (setuid(atoi(getenv("REBOX_POPUSER_UID"))) == 0 && setrlimit(RLIMIT_NPROC, &none) == 0)
-            exit(exec_quiet("/bin/true", nullptr));
+            _exit(exec_quiet("/bin/true", nullptr));
     }, testing::ExitedWithCode(1), "exec_quiet: fork\\(\\) failed");
-
-    /* The helper behind those choices: a descriptor moved, or /dev/null. */
-    int target = open("/dev/zero", O_RDONLY), in = open(file.c_str(), O_RDONLY);
-    char c = 0;
-    EXPECT_TRUE(redirect_fd(in, target) == target && fcntl(in, F_GETFD) == -1 && read(target, &c, 1) == 1);
-    EXPECT_EQ(c, '/');
-    EXPECT_TRUE(redirect_fd(-1, target) == target && read(target, &c, 1) == 0);
 }
 
 #define TEN(p) p "0", p "1", p "2", p "3", p "4", p "5", p "6", p "7", p "8", p "9"

@@ -16,13 +16,9 @@
 static pid_t start_named(const std::string &name)
 {
     std::string path = sandbox_path(name);
-    if (run_command("test -x " + path + " || cp /bin/sleep " + path).status != 0)
-        return -1;
-    pid_t pid = fork();
-    if (pid == 0) {
-        execl(path.c_str(), name.c_str(), "300", (char *)nullptr);
-        _exit(127);
-    }
+    pid_t pid = run_command("test -x " + path + " || cp /bin/sleep " + path).status == 0 ? fork() : -1;
+    if (pid == 0)
+        _exit(execl(path.c_str(), name.c_str(), "300", (char *)nullptr));
     return pid;
 }
 
