@@ -189,21 +189,30 @@ static int edit_prepend(const char *path, const char *const *lines)
 }
 
 /* edit_append - the entries appended in place; the file is created when
- * missing */
+ * missing.  They go out unbuffered, in one write, while the file's size
+ * before is known: a write that stops halfway (a full disk) is cut back to
+ * that size, so the file never ends in a part of an entry. */
 static int edit_append(const char *path, const char *const *lines)
 {
     TextBuf edited = {};
     FILE *out = fopen(path, "a");
+    struct stat st;
     int bad = 0;
 
     if (!out) {
         report(0, "Unable to open file %s: %s\n", path, strerror(errno));
         return 1;
     }
+    setvbuf(out, nullptr, _IONBF, 0);
+    off_t before = fstat(fileno(out), &st) == 0 ? st.st_size : -1;
     if (line_edit_apply("", 0, lines, FILE_STR_ADD, FILE_STR_AT_END, &edited) < 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
     if (write_all(out, &edited) != 0) {
-        report(0, "Unable to fputs to file %s: %s\n", path, strerror(errno));
+        int err = errno;
+        if (before >= 0 && ftruncate(fileno(out), before) != 0)
+            report(0, "Unable to cut file %s back to %lld bytes: %s\n", path,
+                   static_cast<long long>(before), strerror(errno));
+        report(0, "Unable to fputs to file %s: %s\n", path, strerror(err));
         bad = 1;
     }
     text_buf_free(&edited);
