@@ -67,3 +67,17 @@ TEST(MboxQuota, WrittenOnlyUnderTheFileLock)
     EXPECT_EQ(status, 0) << "the file was written while another process held its lock";
     EXPECT_EQ(read_file(path), "7\n");
 }
+
+TEST(MboxQuota, FullDiskLeavesNoEmptyFile)
+{
+    REQUIRE_SANDBOX();
+    ASSERT_NO_FATAL_FAILURE(writers_setup());
+    std::string dom = mailnames_path("example.com");
+    mkdir(dom.c_str(), 0700);
+    ASSERT_EQ(run_command("mount -t tmpfs -o size=4k tmpfs " + dom + " && head -c 4096 /dev/zero > " + dom +
+                          "/filler").status, 0);
+    CaptureStdout();
+    EXPECT_EQ(write_mbox_quota("example.com", nullptr, 5), 0);
+    EXPECT_NE(GetCapturedStdout().find("No space left on device"), std::string::npos);
+    EXPECT_NE(access((dom + "/@mbox.quota").c_str(), F_OK), 0);
+}
