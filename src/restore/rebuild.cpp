@@ -293,8 +293,10 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, const cha
             add_mail_alias(mail_name, domain, r[0]);
     }
     mysql_free_result(res);
-    if (rebuild_batched)
-        held_file_release(qmail);
+    /* A delivery file that cannot be written ends the run, as a failed
+     * edit of it does when records are written one by one. */
+    if (rebuild_batched && held_file_release(qmail) != 0)
+        report(1, "Unable to write %s", qmail);
 }
 
 /* restore_domain - one domain row: domain, policy, quota, aliases, mailboxes */
@@ -379,6 +381,10 @@ void rebuild_mail_configuration(void)
     mysql_free_result(domains);
     if (rebuild_batched) {
         report_on_fatal(nullptr);
+        /* Shared files that cannot be written end the run here, before
+         * qmail's user database is rebuilt from them. */
+        if (held_files_write() != 0)
+            report(1, "Unable to write the rebuilt qmail files");
         batch_end();
     }
 

@@ -1,0 +1,443 @@
+/* Fault tests of the rebuild pass: the real binary in the sandbox, with the
+ * qmail root on a small file system that fills up, a read-only control
+ * directory or a shared file that cannot be replaced, the database server
+ * stopped halfway, the lock directory gone, and other editors of a shared
+ * file at work alongside.  Whatever happens, every shared qmail file keeps
+ * its previous content or gets its complete new content, and a pass that
+ * could not finish says so and leaves qmail-newu and the restart alone. */
+#include "fs/file_str.h"
+#include "runtime/config.h"
+#include "support/rebox_run.h"
+#include "support/testdb.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+const char *const SHARED[] = {"control/rcpthosts", "control/virtualdomains", "control/rejectnonexist",
+                              "users/assign", "users/poppasswd"};
+
+typedef std::map<std::string, std::string> Files;
+
+/* Every mailbox with one stored hash: runs in different seconds write the
+ * same POP3 lines. */
+const char STORED_HASHES[] = "UPDATE accounts SET type='crypt', password='$1$abcdefgh$0123456789abcdefghijkl';"
+                             "UPDATE mail SET account_id = (SELECT MIN(id) FROM accounts); COMMIT";
+
+std::string qmail(const std::string &rel)
+{
+    return sandbox_path("qmail/" + rel);
+}
+
+bool has(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+std::vector<std::string> lines_of(const std::string &text)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        out.push_back(line);
+    return out;
+}
+
+void run_or_fail(const std::string &command)
+{
+    CommandResult r = run_command(command);
+    ASSERT_EQ(r.status, 0) << command << ": " << r.err;
+}
+
+/* shared_files - the content of each shared file, "(missing)" for none */
+Files shared_files(void)
+{
+    Files f;
+    for (const char *rel : SHARED)
+        f[rel] = access(qmail(rel).c_str(), F_OK) == 0 ? read_file(qmail(rel)) : "(missing)";
+    return f;
+}
+
+/* prepare_qmail - the qmail directories, the stand-ins with no calls
+ * recorded, and a previous content of its own in every shared file */
+Files prepare_qmail(void)
+{
+    for (const char *dir : {"control", "users", "bin"})
+        mkdir(qmail(dir).c_str(), 0755);
+    rebox_standins();
+    unlink(sandbox_path(STANDIN_QMAIL_NEWU ".calls").c_str());
+    unlink(sandbox_path(STANDIN_QMAIL_INIT ".calls").c_str());
+    for (const char *rel : SHARED)
+        write_file(qmail(rel), std::string("previous.") + (strrchr(rel, '/') + 1) + ".example\n");
+    return shared_files();
+}
+
+/* qmail_left_alone - neither qmail-newu nor the init script was run */
+bool qmail_left_alone(void)
+{
+    return read_calls(sandbox_path(STANDIN_QMAIL_NEWU)).empty() && read_calls(sandbox_path(STANDIN_QMAIL_INIT)).empty();
+}
+
+/* debris - entries of control/ and users/ besides the shared files and
+ * their temporary files */
+std::string debris(void)
+{
+    std::set<std::string> allowed;
+    for (const char *rel : SHARED)
+        allowed.insert(rel), allowed.insert(std::string(rel) + ".tmp");
+    std::string found;
+    for (const char *dir : {"control", "users"}) {
+        DIR *d = opendir(qmail(dir).c_str());
+        for (struct dirent *e; d != nullptr && (e = readdir(d)) != nullptr;) {
+            std::string rel = std::string(dir) + "/" + e->d_name;
+            if (e->d_name[0] != '.' && !allowed.count(rel))
+                found += rel + " ";
+        }
+        if (d)
+            closedir(d);
+    }
+    return found;
+}
+
+/* torn - what is wrong with a shared file after a run: "" when it is
+ * whole lines, each from its previous or its complete new content and none
+ * twice.  A pass may stop between two records, never inside one. */
+std::string torn(const std::string &rel, const Files &now, const Files &before, const Files &complete)
+{
+    const std::string &text = now.at(rel);
+    if (text == "(missing)")
+        return before.at(rel) == text ? "" : rel + " is gone";
+    if (!text.empty() && text.back() != '\n')
+        return rel + " ends inside a line: [" + text.substr(text.rfind('\n') + 1) + "]";
+    std::vector<std::string> known = lines_of(before.at(rel)), all = lines_of(complete.at(rel));
+    known.insert(known.end(), all.begin(), all.end());
+    std::set<std::string> seen;
+    for (const std::string &line : lines_of(text)) {
+        if (std::find(known.begin(), known.end(), line) == known.end())
+            return rel + " holds a foreign line [" + line + "]";
+        if (!seen.insert(line).second)
+            return rel + " holds [" + line + "] twice";
+    }
+    return "";
+}
+
+/* check_after_failure - every shared file torn nowhere, no debris, and a
+ * pass that did not write every file completely ended with status 1 and
+ * left qmail alone */
+void check_after_failure(const CommandResult &r, const Files &before, const Files &complete, const std::string &where)
+{
+    Files now = shared_files();
+    for (const char *rel : SHARED)
+        EXPECT_EQ(torn(rel, now, before, complete), "") << where;
+    EXPECT_EQ(debris(), "") << where;
+    if (now != complete) {
+        EXPECT_EQ(r.status, 1) << where << ": " << r.err;
+        EXPECT_TRUE(qmail_left_alone()) << where;
+    }
+}
+
+struct Usage {
+    unsigned long blocks, inodes;
+};
+
+Usage usage(const std::string &dir)
+{
+    struct statvfs s;
+    EXPECT_EQ(statvfs(dir.c_str(), &s), 0);
+    return Usage{s.f_blocks - s.f_bfree, s.f_files - s.f_ffree};
+}
+
+/* start_rebox - the binary in the background, its output in files */
+pid_t start_rebox(const char *arg)
+{
+    std::string out = sandbox_path("rebox.out"), err = sandbox_path("rebox.err");
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+        dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+        execl(REBOX_EXE, REBOX_EXE, arg, (char *)nullptr);
+        _exit(127);
+    }
+    return pid;
+}
+
+int wait_status(pid_t pid)
+{
+    int status = 0;
+    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+/* panel_sql - a generated panel whose passwords are all stored hashes, so
+ * that every run writes the same files */
+std::string panel_sql(int domains, int per_domain)
+{
+    std::string generator = std::string(REBOX_TEST_FIXTURES_DIR) + "/../../bench/generate";
+    CommandResult r = run_command(generator + " " + std::to_string(domains) + " " + std::to_string(per_domain) + " 7");
+    EXPECT_EQ(r.status, 0) << r.err;
+    return r.out + STORED_HASHES;
+}
+
+class RebuildFaults : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        REQUIRE_SANDBOX();
+        ASSERT_NO_FATAL_FAILURE(testdb_reset());
+    }
+    void TearDown() override
+    {
+        if (!db_dir.empty())
+            run_command(std::string(REBOX_TEST_SUPPORT_DIR) + "/db-server stop " + db_dir);
+    }
+    /* own_db_server - a server of this test's own, which it may stop */
+    void own_db_server(void)
+    {
+        db_dir = sandbox_path("db");
+        ASSERT_NO_FATAL_FAILURE(run_or_fail(std::string(REBOX_TEST_SUPPORT_DIR) + "/db-server start " + db_dir));
+        setenv("MYSQL_UNIX_PORT", (db_dir + "/mysqld.sock").c_str(), 1);
+        ASSERT_NO_FATAL_FAILURE(testdb_reset());
+    }
+    /* mount_qmail - the qmail root on a tmpfs of its own, with qmail/bin
+     * on the sandbox's disk so that the stand-ins can record their calls */
+    void mount_qmail(const std::string &options)
+    {
+        std::string root = sandbox_path("qmail");
+        run_command("umount -R " + root + " 2>/dev/null");
+        mkdir(sandbox_path("qmail-bin").c_str(), 0755);
+        ASSERT_NO_FATAL_FAILURE(run_or_fail("mount -t tmpfs -o " + options + " tmpfs " + root + " && mkdir " + root +
+                                            "/bin && mount --bind " + sandbox_path("qmail-bin") + " " + root + "/bin"));
+    }
+    std::string db_dir;
+};
+
+} // namespace
+
+TEST_F(RebuildFaults, FullFileSystemLeavesSharedFilesWholeAndQmailAlone)
+{
+    std::string sql = panel_sql(12, 6);
+    ASSERT_NO_FATAL_FAILURE(testdb_exec(sql.c_str()));
+    std::string root = sandbox_path("qmail");
+
+    /* A pass on an ample file system: the complete new contents, and the
+     * blocks and inodes the pass takes. */
+    ASSERT_NO_FATAL_FAILURE(mount_qmail("size=64m"));
+    prepare_qmail();
+    Usage base = usage(root);
+    CommandResult r = run_rebox("--without-spam");
+    ASSERT_EQ(r.status, 0) << r.err;
+    Files complete = shared_files();
+    Usage full = usage(root);
+    ASSERT_GT(full.blocks, base.blocks + 20);
+
+    /* The same pass with the file system filling up at several points,
+     * once by its blocks and once by its inodes. */
+    for (double part : {0.1, 0.5, 0.9, 0.99})
+        for (int by_inodes = 0; by_inodes < 2; by_inodes++) {
+            unsigned long blocks = by_inodes ? 16384 : base.blocks + (unsigned long)(part * (full.blocks - base.blocks));
+            unsigned long inodes = by_inodes ? base.inodes + (unsigned long)(part * (full.inodes - base.inodes)) : 100000;
+            std::string where = std::to_string(blocks) + " blocks, " + std::to_string(inodes) + " inodes";
+            ASSERT_NO_FATAL_FAILURE(mount_qmail("size=" + std::to_string(blocks * 4096) + ",nr_inodes=" +
+                                                std::to_string(inodes)));
+            Files before = prepare_qmail();
+            r = run_rebox("--without-spam");
+            check_after_failure(r, before, complete, where);
+            EXPECT_TRUE(has(r.err, "No space left on device")) << where << ": " << r.err;
+            /* No quota file is left empty either. */
+            CommandResult q = run_command("find " + root + "/mailnames -name @mbox.quota -empty");
+            EXPECT_EQ(q.out, "") << where;
+        }
+}
+
+TEST_F(RebuildFaults, DeniedWriteOrRenameStopsThePassCleanly)
+{
+    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
+    testdb_exec(STORED_HASHES);
+    prepare_qmail();
+    CommandResult r = run_rebox("--without-spam");
+    ASSERT_EQ(r.status, 0) << r.err;
+    Files complete = shared_files();
+
+    /* The control directory read-only; then users/assign a mount point,
+     * which a rename cannot replace. */
+    std::string control = qmail("control"), assign = qmail("users/assign"), pinned = sandbox_path("pinned");
+    struct {
+        std::string mount, target, error;
+    } cases[] = {
+        {"mount --bind " + control + " " + control + " && mount -o remount,bind,ro " + control, control,
+         "Read-only file system"},
+        {"mount --bind " + pinned + " " + assign, assign, "Device or resource busy"},
+    };
+    for (auto &c : cases) {
+        Files before = prepare_qmail();
+        write_file(pinned, before["users/assign"]);
+        ASSERT_NO_FATAL_FAILURE(run_or_fail(c.mount));
+        r = run_rebox("--without-spam");
+        EXPECT_TRUE(has(r.err, c.target) && has(r.err, c.error)) << r.err;
+        EXPECT_NE(shared_files(), complete) << c.error;
+        check_after_failure(r, before, complete, c.error);
+        run_command("umount " + c.target);
+    }
+}
+
+TEST_F(RebuildFaults, DatabaseStoppedHalfwayEndsThePassWithFinishedFilesIntact)
+{
+    ASSERT_NO_FATAL_FAILURE(own_db_server());
+    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
+    testdb_exec(STORED_HASHES);
+    prepare_qmail();
+    CommandResult r = run_rebox("--without-spam");
+    ASSERT_EQ(r.status, 0) << r.err;
+    Files complete = shared_files();
+    std::string first = sandbox_path("qmail/mailnames/example.com/");
+    std::map<std::string, std::string> delivery;
+    for (const char *box : {"alpha", "bravo", "charlie", "delta", "echo"})
+        delivery[box] = read_file(first + box + "/.qmail");
+
+    /* The aliases of mailbox 7, in the second domain, take a minute to
+     * read: the pass is there when the first domain is done. */
+    testdb_exec("RENAME TABLE mail_aliases TO mail_alias_rows;"
+                "INSERT INTO mail_alias_rows (mn_id, alias) VALUES (7, 'slow');"
+                "CREATE VIEW mail_aliases AS SELECT mn_id, "
+                "IF(mn_id = 7 AND SLEEP(60) = 0, alias, alias) AS alias FROM mail_alias_rows");
+    Files before = prepare_qmail();
+    pid_t pass = start_rebox("--without-spam");
+    std::string reading;
+    for (int i = 0; i < 3000 && reading != "1"; i++) {
+        usleep(10000);
+        reading = testdb_query_value("SELECT COUNT(*) FROM information_schema.processlist "
+                                     "WHERE info LIKE 'SELECT alias FROM mail_aliases WHERE mn_id=7%'");
+    }
+    ASSERT_EQ(reading, "1") << "the pass never reached mailbox 7";
+    ASSERT_NO_FATAL_FAILURE(run_or_fail(std::string(REBOX_TEST_SUPPORT_DIR) + "/db-server stop " + db_dir));
+    db_dir.clear();
+    r = CommandResult{wait_status(pass), "", read_file(sandbox_path("rebox.err"))};
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(has(r.err, "rebox: Unable to query alias for mail: ")) << r.err;
+    EXPECT_TRUE(qmail_left_alone());
+    check_after_failure(r, before, complete, "database stopped");
+    /* What the pass had finished is intact: the first domain's delivery
+     * files and assign records. */
+    for (auto &d : delivery)
+        EXPECT_EQ(read_file(first + d.first + "/.qmail"), d.second) << d.first;
+    std::string assign = read_file(qmail("users/assign"));
+    for (const std::string &line : lines_of(complete["users/assign"])) {
+        if (line.find("/example.com") != std::string::npos) {
+            EXPECT_TRUE(has(assign, line + "\n")) << "lost " << line;
+        }
+    }
+}
+
+TEST_F(RebuildFaults, LockDirectoryMissingOrReadOnlyWritesNothing)
+{
+    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
+    std::string locks = sandbox_path("vdo/var/lock/files");
+    std::pair<std::string, std::string> states[] = {
+        {"rmdir " + locks, "No such file or directory"},
+        {"mkdir " + locks + " && mount --bind " + locks + " " + locks + " && mount -o remount,bind,ro " + locks,
+         "Read-only file system"},
+    };
+    for (auto &state : states) {
+        Files before = prepare_qmail();
+        ASSERT_NO_FATAL_FAILURE(run_or_fail(state.first));
+        CommandResult r = run_rebox("--without-spam");
+        EXPECT_EQ(r.status, 1) << state.second;
+        EXPECT_TRUE(has(r.err, "Error occurred while locking the file " + qmail("")) && has(r.err, state.second))
+            << r.err;
+        EXPECT_EQ(shared_files(), before) << state.second;
+        EXPECT_NE(access(qmail("mailnames").c_str(), F_OK), 0) << state.second;
+        EXPECT_TRUE(qmail_left_alone()) << state.second;
+    }
+}
+
+namespace {
+
+/* editor - the 2,500 edits of editor p on rejectnonexist, each of its own
+ * lines: appended, put first, removed, removed by its ending.  Runs them
+ * when path is given; returns the lines they leave. */
+std::vector<std::string> editor(int p, const char *path, int *failures)
+{
+    std::mt19937 rng(p + 1);
+    std::vector<std::string> live;
+    for (int i = 0; i < 2500; i++) {
+        int kind = rng() % 8;
+        std::string line = "ed-" + std::to_string(p) + "-" + std::to_string(i) + ".example";
+        if (kind < 4 || live.empty()) {
+            int mode = kind == 0 ? FILE_STR_AT_BEGIN : FILE_STR_AT_END;
+            if (path)
+                *failures += file_str(path, line.c_str(), FILE_STR_ADD, mode) != 0;
+            live.push_back(line);
+            continue;
+        }
+        size_t k = rng() % live.size();
+        line = live[k];
+        live.erase(live.begin() + k);
+        if (path && kind < 7)
+            *failures += file_str(path, line.c_str(), FILE_STR_REMOVE, 1) != 0;
+        else if (path)
+            *failures += file_str(path, line.substr(2).c_str(), FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0;
+    }
+    return live;
+}
+
+} // namespace
+
+TEST_F(RebuildFaults, ConcurrentEditorsAndAPassLoseNothing)
+{
+    std::string sql = panel_sql(30, 4);
+    ASSERT_NO_FATAL_FAILURE(testdb_exec(sql.c_str()));
+    ASSERT_NO_FATAL_FAILURE(mount_qmail("size=256m"));
+    prepare_qmail();
+    load_panel_config();
+    std::string path = std::string(panel_config.QMAIL_ROOT_D) + "/control/rejectnonexist";
+
+    /* The pass alone, from an empty file: the lines it owns. */
+    write_file(path, "");
+    CommandResult r = run_rebox("--without-spam");
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> want = lines_of(read_file(path));
+    ASSERT_FALSE(want.empty());
+
+    /* Again, with four editors of the same file at work. */
+    write_file(path, "");
+    pid_t pass = start_rebox("--without-spam");
+    std::vector<pid_t> editors;
+    for (int p = 0; p < 4; p++) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            int failures = 0;
+            editor(p, path.c_str(), &failures);
+            _exit(failures > 0);
+        }
+        editors.push_back(pid);
+    }
+    EXPECT_EQ(wait_status(pass), 0) << read_file(sandbox_path("rebox.err"));
+    for (pid_t pid : editors)
+        EXPECT_EQ(wait_status(pid), 0);
+
+    for (int p = 0; p < 4; p++)
+        for (const std::string &line : editor(p, nullptr, nullptr))
+            want.push_back(line);
+    std::vector<std::string> got = lines_of(read_file(path));
+    std::sort(want.begin(), want.end());
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got.size(), want.size());
+    EXPECT_TRUE(got == want) << "lines lost or doubled";
+}
