@@ -2,9 +2,10 @@
  * qmail root on a small file system that fills up, a read-only control
  * directory or a shared file that cannot be replaced, the database server
  * stopped halfway, the lock directory gone, and other editors of a shared
- * file at work alongside.  Whatever happens, every shared qmail file keeps
- * its previous content or gets its complete new content, and a pass that
- * could not finish says so and leaves qmail-newu and the restart alone. */
+ * file at work alongside.  Whatever happens, every shared qmail file is
+ * left in whole lines, each from its previous or its complete new content
+ * and none twice; a pass that could not write everything says so, ends with
+ * status 1 and leaves qmail-newu and the restart alone. */
 #include "fs/file_str.h"
 #include "runtime/config.h"
 #include "support/rebox_run.h"
