@@ -1,7 +1,7 @@
 /* Fault tests of the locked line editing: a file system that fills up, a
  * directory that refuses writes, and a lock directory that is missing or
- * refuses writes.  Whatever fails, every edit reports it and leaves the
- * file whole: its old content or its complete new content, never a part.
+ * refuses writes.  Every edit fails, says so, and leaves the file as it
+ * was: never a part of the edit, never a cut copy.
  * Each edit runs in a child process, since a failed write of a kept line
  * ends the process. */
 #include "fs/file_str.h"
