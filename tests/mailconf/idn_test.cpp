@@ -12,58 +12,51 @@
 #include <stdexcept>
 #include <string>
 
+using testing::ExitedWithCode;
+
 static const std::string LONG_LABEL(64, 'a'); /* one byte over the label limit */
 
-/* take - the converted text as a string value, freed; "(null)" for null */
-static std::string take(char *s)
+TEST(Idn, ConversionsErrorCodesAndMessages)
 {
-    std::string v = s ? s : "(null)";
-    free(s);
-    return v;
-}
-
-TEST(Idn, DomainsAddressesAndErrorCodes)
-{
-    EXPECT_EQ(take(idn_toascii("example.com")), "example.com");
-    EXPECT_EQ(take(idn_toascii_safe("пример.рф")), "xn--e1afmkfd.xn--p1ai");
-    EXPECT_EQ(take(idn_toutf8_safe("xn--bcher-kva.example")), "bücher.example");
+    /* Each conversion, and the code it leaves in idn_last_error (42: left
+     * alone, by successes and by an address without "@"). */
+    const struct {
+        char *(*convert)(const char *);
+        std::string in;
+        const char *out;
+        int code;
+    } cases[] = {
+        {idn_toascii, "example.com", "example.com", 42},
+        {idn_toascii_safe, "пример.рф", "xn--e1afmkfd.xn--p1ai", 42},
+        {idn_toutf8_safe, "xn--bcher-kva.example", "bücher.example", 42},
+        /* the local part is copied byte for byte, never converted */
+        {idn_email_toascii, "Jörg.Müller+x@bücher.example", "Jörg.Müller+x@xn--bcher-kva.example", 42},
+        {idn_email_toascii, "@bücher.example", "@xn--bcher-kva.example", 42},
+        {idn_email_toascii, "no-at-sign.example", nullptr, 42},
+        {idn_email_toascii, "user@" + LONG_LABEL + ".com", nullptr, 5},
+        {idn_toascii, "a\xcd\xb8.com", nullptr, 1}, /* unassigned code point */
+        {idn_toutf8, "\xff.com", nullptr, 9},       /* no text from the library */
+    };
+    for (const auto &c : cases) {
+        idn_last_error = 42;
+        char *out = c.convert(c.in.c_str());
+        EXPECT_STREQ(out, c.out) << c.in;
+        EXPECT_EQ(idn_last_error, c.code) << c.in;
+        free(out);
+    }
     EXPECT_EQ(idn_toascii_string("bücher.example"), "xn--bcher-kva.example");
     EXPECT_EQ(idn_toutf8_string("xn--e1afmkfd.xn--p1ai"), "пример.рф");
-    /* the local part is copied byte for byte, never converted */
-    EXPECT_EQ(take(idn_email_toascii("Jörg.Müller+x@bücher.example")),
-              "Jörg.Müller+x@xn--bcher-kva.example");
-    EXPECT_EQ(take(idn_email_toascii("@bücher.example")), "@xn--bcher-kva.example");
-
-    idn_last_error = 42;
-    EXPECT_EQ(idn_email_toascii("no-at-sign.example"), nullptr);
-    EXPECT_EQ(idn_last_error, 42);
-    EXPECT_EQ(idn_email_toascii(("user@" + LONG_LABEL + ".com").c_str()), nullptr);
-    EXPECT_EQ(idn_last_error, 5);
-    EXPECT_EQ(idn_toascii("a\xcd\xb8.com"), nullptr); /* unassigned code point */
-    EXPECT_EQ(idn_last_error, 1);
-    EXPECT_EQ(take(idn_toascii("ok.example")), "ok.example");
-    EXPECT_EQ(idn_last_error, 1) << "a success leaves the code alone";
-    EXPECT_EQ(idn_toutf8("\xff.com"), nullptr); /* no text from the library */
-    EXPECT_EQ(idn_last_error, 9);
-
-    const char *texts[] = {"Success", "Stringprep error", "Punycode error",
-                           "Contains non-LDH characters", "Contains minus", "Invalid length",
-                           "ACE prefix not found", "Verify error", "ACE prefix found",
-                           "Iconv error"};
-    for (int code = 0; code <= 9; code++)
-        EXPECT_STREQ(idn_error_text(code), texts[code]);
     EXPECT_STREQ(idn_error_text(201), "Cannot allocate buffer");
     EXPECT_STREQ(idn_error_text(42), "Unknown error");
     EXPECT_STREQ(idn_error_text(-1), "Unknown error");
 
-    EXPECT_EXIT(idn_toascii_string((LONG_LABEL + ".org").c_str()), testing::ExitedWithCode(1),
+    EXPECT_EXIT(idn_toascii_string((LONG_LABEL + ".org").c_str()), ExitedWithCode(1),
                 "idn_toascii_safe\\(a+\\.org\\) failed: Invalid length");
-    EXPECT_EXIT(idn_toutf8_safe("bad\xff.com"), testing::ExitedWithCode(1),
+    EXPECT_EXIT(idn_toutf8_safe("bad\xff.com"), ExitedWithCode(1),
                 "idn_toutf8_safe\\(bad.\\.com\\) failed: Iconv error");
-    EXPECT_EXIT(idn_email_toascii_safe(("bob@" + LONG_LABEL + ".com").c_str()),
-                testing::ExitedWithCode(1),
+    EXPECT_EXIT(idn_email_toascii_safe(("bob@" + LONG_LABEL + ".com").c_str()), ExitedWithCode(1),
                 "idn_email_toascii_safe\\(bob@a+\\.com\\) failed: Invalid length");
-    EXPECT_EXIT((idn_last_error = 0, idn_email_toascii_safe("nobody")), testing::ExitedWithCode(1),
+    EXPECT_EXIT((idn_last_error = 0, idn_email_toascii_safe("nobody")), ExitedWithCode(1),
                 "idn_email_toascii_safe\\(nobody\\) failed: Success");
 }
 
@@ -71,45 +64,37 @@ TEST(Idn, UrlsKeepSchemeUserPortAndPathAndNeverOverflow)
 {
     EXPECT_STREQ(idn_url_toascii("http://user:pw@bücher.example:8080/p/ä?q=1#f"),
                  "http://user:pw@xn--bcher-kva.example:8080/p/ä?q=1#f");
-    EXPECT_STREQ(idn_url_toascii("ftp://anon@пример.рф/pub/"),
-                 "ftp://anon@xn--e1afmkfd.xn--p1ai/pub/");
+    EXPECT_STREQ(idn_url_toascii("ftp://anon@пример.рф/pub/"), "ftp://anon@xn--e1afmkfd.xn--p1ai/pub/");
     EXPECT_STREQ(idn_url_toascii("bücher.example/a/b"), "xn--bcher-kva.example/a/b");
 
     /* a result of 4095 bytes fits the buffer; one more is refused */
-    std::string fits = "http://bücher.example/" +
-                       std::string(4095 - strlen("http://xn--bcher-kva.example/"), 'p');
+    std::string fits = "http://bücher.example/" + std::string(4095 - strlen("http://xn--bcher-kva.example/"), 'p');
     const char *r = idn_url_toascii(fits.c_str());
-    ASSERT_NE(r, nullptr);
-    EXPECT_EQ(strlen(r), 4095u);
-
+    EXPECT_EQ(r ? strlen(r) : 0, 4095u);
     testing::internal::CaptureStderr();
     EXPECT_EQ(idn_url_toascii((fits + "p").c_str()), nullptr);
     EXPECT_EQ(idn_url_toascii(("http://" + std::string(5000, 'h')).c_str()), nullptr);
     EXPECT_EQ(idn_url_toascii(""), nullptr);
     EXPECT_EQ(idn_url_toascii(("http://" + LONG_LABEL + ".com/x").c_str()), nullptr);
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(err, "idn_url_toascii(): URL too long, over 4095 bytes\n"
-                   "idn_url_toascii(): URL too long, over 4095 bytes\n"
-                   "regexec() failed: No match\n"
-                   "idn_toascii() failed: Invalid length\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "idn_url_toascii(): URL too long, over 4095 bytes\n"
+                                                      "idn_url_toascii(): URL too long, over 4095 bytes\n"
+                                                      "regexec() failed: No match\n"
+                                                      "idn_toascii() failed: Invalid length\n");
 }
 
-TEST(ShellEscape, TableQuotingAndTheShellGivesEveryByteBack)
+TEST(ShellEscape, QuotingAndTheShellGivesEveryByteBack)
 {
-    const std::string escaped = "\t \"#$&'()*;<>?[\\`|~";
-    for (int b = 0; b < 256; b++)
-        EXPECT_EQ(shell_escape_table[b],
-                  b == '\n' ? 'n' : escaped.find(static_cast<char>(b)) != std::string::npos ? '*' : '-')
-            << "byte " << b;
     EXPECT_EQ(shell_escape("a b"), "a\\ b");
     EXPECT_EQ(shell_escape("a\nb"), "a'\n'b");
     EXPECT_EQ(shell_escape(""), "");
-
-    /* each byte alone and between letters, then all of them in one word */
+    /* each byte alone and between letters, then all of them in one word,
+     * where exactly the 19 special bytes and the newline are quoted */
+    const std::string special = "\t \"#$&'()*;<>?[\\`|~";
     std::string all;
     for (int b = 1; b < 256; b++) {
         std::string one(1, static_cast<char>(b));
         all += one;
+        EXPECT_EQ(shell_escape_table[b], b == '\n' ? 'n' : special.find(one) != std::string::npos ? '*' : '-') << b;
         for (const std::string &t : {one, "a" + one + "b"})
             EXPECT_EQ(run_command("printf '%s' " + shell_escape(t)).out, t) << "byte " << b;
     }
@@ -119,11 +104,12 @@ TEST(ShellEscape, TableQuotingAndTheShellGivesEveryByteBack)
     EXPECT_NO_THROW(shell_check_plain(""));
     EXPECT_NO_THROW(shell_check_plain("user.name-1_2=3%{}!ü"));
     for (const char *bad : {"a b", "x\ny", "$HOME"}) {
+        std::string what;
         try {
             shell_check_plain(bad);
-            ADD_FAILURE() << "no exception for " << bad;
         } catch (const std::runtime_error &e) {
-            EXPECT_STREQ(e.what(), "Internal error: bad escape_chars value");
+            what = e.what();
         }
+        EXPECT_EQ(what, "Internal error: bad escape_chars value") << bad;
     }
 }

@@ -1,11 +1,9 @@
-/* writer_env - set-up shared by the tests of the qmail writers. */
+/* writer_env - set-up and checks shared by the tests of the qmail writers. */
 #include "mailconf/writer_env.h"
 
 #include "runtime/config.h"
-#include "support/sandbox.h"
 #include "support/testdb.h"
 
-#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,27 +32,22 @@ std::string mailnames_path(const std::string &relative)
     return sandbox_path("qmail/mailnames/" + relative);
 }
 
-std::string ownership(const std::string &path)
+void block_file(const std::string &path)
 {
-    struct stat st;
-    char buf[64];
-
-    if (lstat(path.c_str(), &st) != 0)
-        return "";
-    snprintf(buf, sizeof(buf), "%u:%u:%o", (unsigned)st.st_uid, (unsigned)st.st_gid,
-             (unsigned)(st.st_mode & 07777));
-    return buf;
-}
-
-std::string popuser_owned(unsigned mode)
-{
-    char buf[64];
-
-    snprintf(buf, sizeof(buf), "7781:7781:%o", mode);
-    return buf;
+    unlink(path.c_str());
+    ASSERT_EQ(mkdir(path.c_str(), 0755), 0) << path;
 }
 
 void break_db_login(void)
 {
     unlink("/etc/vdo/.vdo.shadow");
+}
+
+void expect_refused(const std::vector<Writer> &writers, std::initializer_list<const char *> values)
+{
+    std::string before = tree_snapshot(sandbox_root());
+    for (const char *v : values)
+        for (const Writer &w : writers)
+            EXPECT_EXIT(w.call(v), testing::ExitedWithCode(1), w.message) << (v ? v : "(null)");
+    EXPECT_EQ(tree_snapshot(sandbox_root()), before);
 }

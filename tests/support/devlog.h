@@ -1,0 +1,20 @@
+/* devlog - a private /dev/log to read what a test's process sends to syslog.
+ *
+ * devlog_listen() lays a writable overlay over /dev in the test's own mount
+ * namespace and binds a datagram socket at /dev/log; devlog_read() collects
+ * the messages until one holds a given text (or ten seconds pass).
+ */
+#ifndef REBOX_TESTS_SUPPORT_DEVLOG_H
+#define REBOX_TESTS_SUPPORT_DEVLOG_H
+
+#include <string>
+#include <vector>
+
+/* devlog_listen - the socket's descriptor, or -1 with a test failure */
+int devlog_listen(void);
+
+/* devlog_read - the messages received, oldest first, up to the first one
+ * holding last; closes fd */
+std::vector<std::string> devlog_read(int fd, const std::string &last);
+
+#endif
