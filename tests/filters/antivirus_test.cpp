@@ -64,8 +64,8 @@ TEST_F(AntivirusTest, HeadDirectionsTemplateAndRepeatedAddress)
     const std::string tmpl = "[version=2]\n# local rules\nallow\tany\texact\tdup@example.com\n"
                              "allow\tto\tregex\t^keep@example.org$\n";
     write_file(conf + ".in", tmpl);
-    testdb_exec("INSERT INTO mail (id, mail_name, dom_id, virusfilter) VALUES (2, 'in', 1, 'incoming'),"
-                " (3, 'out', 1, 'outgoing'), (4, 'both', 1, 'any'), (5, 'orphan', 99, 'any'), (6, 'dup', 1, 'incoming');"
+    testdb_exec("INSERT INTO mail (id, mail_name, dom_id, virusfilter) VALUES (2, 'in', 1, 'incoming'), (3, 'out', 1,"
+                " 'outgoing'), (4, 'both', 1, 'any'), (5, 'orphan', 99, 'any'), (6, 'dup', 1, 'incoming');"
                 "INSERT INTO mail_aliases (mn_id, alias) VALUES (3, 'dup')");
     run_pass();
     EXPECT_EQ(read_file(conf), "[version=2]\n# local rules\nallow\tto\tregex\t^keep@example.org$\n" +
@@ -81,7 +81,8 @@ TEST_F(AntivirusTest, MailAliasesUnderDomainAliasesAndFailingQuery)
     testdb_exec("INSERT INTO domains (id, name) VALUES (2, 'other.org');"
                 "INSERT INTO domainaliases (name, dom_id, mail, status) VALUES"
                 " ('example.net', 1, 'true', 0), ('nomail.org', 2, 'false', 0), ('stopped.org', 2, 'true', 1);"
-                "INSERT INTO mail (id, mail_name, dom_id, virusfilter) VALUES (1, 'box', 1, 'any'), (2, 'user', 2, 'incoming');"
+                "INSERT INTO mail (id, mail_name, dom_id, virusfilter) VALUES (1, 'box', 1, 'any'),"
+                " (2, 'user', 2, 'incoming');"
                 "INSERT INTO mail_aliases (mn_id, alias) VALUES (1, 'a1'), (1, 'a2'), (2, 'al')");
     run_pass();
     /* box: itself and both aliases under the domain and its one active mail

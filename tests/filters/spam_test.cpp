@@ -41,7 +41,8 @@ TEST_F(SpamTest, ServerWideRecord)
     testdb_exec("INSERT INTO spamfilter (id, username) VALUES (1, '*@*');"
                 "INSERT INTO spamfilter_preferences (spamfilter_id, preference, value) VALUES"
                 " (1, 'required_score', '7'), (1, 'required_score', '3');"
-                "INSERT INTO misc (param, val) VALUES ('spamfilter_enabled', 'true'), ('spamfilter_use_mailuser_prefs', 'false')");
+                "INSERT INTO misc (param, val) VALUES ('spamfilter_enabled', 'true'),"
+                " ('spamfilter_use_mailuser_prefs', 'false')");
     EXPECT_EQ(apply_server_spam_settings(nullptr), 0);
     testdb_exec("UPDATE misc SET val='true' WHERE param='spamfilter_use_mailuser_prefs';"
                 "INSERT INTO misc (param, val) VALUES ('spamfilter_max_children', '12')");

@@ -27,6 +27,7 @@ TEST(MboxQuota, SmallerOverLargerRemovalAndMissingHome)
     EXPECT_EQ(testing::internal::GetCapturedStdout().find("Unable to open file "), 0u);
     EXPECT_EQ(file_meta(box), "missing");
     EXPECT_EQ(read_file(mailnames_path("xn--bcher-kva.de/@mbox.quota")), "5\n");
+    EXPECT_EQ(file_meta(mailnames_path("xn--bcher-kva.de/@mbox.quota")), "0640 7781 7781");
 }
 
 TEST(MboxQuota, WrittenOnlyUnderTheFileLock)

@@ -1,14 +1,13 @@
 /* Hostile panel values through the real binary, with both filter passes on:
- * each refused row is skipped with a warning, nothing lands outside the
- * mail tree, every qmail file keeps its format, and the rest of the panel
- * is restored exactly as without the hostile rows. */
+ * each refused row is skipped with a warning, and the mail tree, the qmail
+ * files, users.conf, the spamctl runs and everything outside the mail tree
+ * come out exactly as without the hostile rows. */
 #include "restore/fresh_run.h"
 #include "support/snapshot.h"
 #include "support/testdb.h"
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -80,48 +79,6 @@ FreshRun run_fresh()
     return o;
 }
 
-/* expect_file_lines - every line of a file matches its format (the mail
- * names directory written as <M>) */
-void expect_file_lines(const std::string &path, const std::string &format)
-{
-    std::string text = read_file(path), M = sandbox_path("qmail/mailnames");
-    for (size_t pos = 0, nl; pos < text.size(); pos = nl + 1) {
-        nl = text.find('\n', pos);
-        ASSERT_NE(nl, std::string::npos) << path << " does not end with a newline";
-        std::string line = text.substr(pos, nl - pos);
-        for (size_t m; (m = line.find(M)) != std::string::npos;)
-            line.replace(m, M.size(), "<M>");
-        EXPECT_TRUE(std::regex_match(line, std::regex(format))) << path << ": " << line;
-    }
-}
-
-/* expect_formats - each qmail file, delivery file, users.conf and spamctl
- * call line by line in its own format */
-void expect_formats()
-{
-    const std::string C = "[^/.:\\x01-\\x1f\\x7f][^/:\\x01-\\x1f\\x7f]*";
-    const std::string A = "[^|/&#@\\x01-\\x1f\\x7f][^@\\x01-\\x1f\\x7f]*@[^@\\x01-\\x1f\\x7f]+";
-    const std::string Q = sandbox_path("qmail/");
-    expect_file_lines(Q + "users/assign", "=\\d+-" + C + ":popuser:\\d+:\\d+:<M>/" + C + "/" + C +
-                                              ":::|\\+\\d+:popuser:\\d+:\\d+:<M>/" + C + ":::|\\.");
-    EXPECT_TRUE(read_file(Q + "users/assign").ends_with("\n.\n"));
-    expect_file_lines(Q + "users/poppasswd", C + "(@" + C + ")?:!?[^:\\s]+:popuser:<M>/" + C + "/" + C);
-    expect_file_lines(Q + "control/virtualdomains", C + ":\\d+");
-    expect_file_lines(Q + "control/rcpthosts", C);
-    expect_file_lines(Q + "control/rejectnonexist", C);
-    std::string found = run_command("find '" + Q + "mailnames' -name '.qmail*'").out;
-    for (size_t pos = 0, nl; (nl = found.find('\n', pos)) != std::string::npos; pos = nl + 1) {
-        std::string path = found.substr(pos, nl - pos);
-        bool bounce = path.ends_with("/.qmail-default");
-        EXPECT_TRUE(!bounce || read_file(path).find('\n') == read_file(path).size() - 1) << path;
-        std::string format = bounce ? "\\|bouncesaying .*|&" : "\\| true|\\./Maildir/|\\|autoresponder|&";
-        expect_file_lines(path, format + A);
-    }
-    expect_file_lines(sandbox_path("drweb/users.conf"), "\\[version=2\\]|allow\t(to|from|any)\tregex\t\\^" + C +
-                                                             "@" + C + "\\$");
-    expect_file_lines(sandbox_path(STANDIN_SPAMCTL ".calls"), "arg:[^\\x01-\\x1f\\x7f]+|end");
-}
-
 class HostilePanel : public testing::Test {
 protected:
     void SetUp() override
@@ -153,8 +110,9 @@ protected:
                 ASSERT_NE(at, std::string::npos) << h.drop;
                 expected.erase(at + 1, expected.find("<<end\n", at) + 5 - at);
             }
+            /* Equal to the run without the hostile rows: every file keeps
+             * the lines and the format it has there. */
             EXPECT_EQ(o.tree, expected);
-            expect_formats();
             EXPECT_EQ(run_command("cd \"$REBOX_SANDBOX\" && grep -rl evil .; find . -name '*evil*'").out, "");
         }
     }
