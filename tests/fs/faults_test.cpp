@@ -1,9 +1,7 @@
-/* Fault tests of the locked line editing: a file system that fills up, a
- * directory that refuses writes, and a lock directory that is missing or
- * refuses writes.  Every edit fails, says so, and leaves the file as it
- * was: never a part of the edit, never a cut copy.
- * Each edit runs in a child process, since a failed write of a kept line
- * ends the process. */
+/* Fault tests of the locked line editing: a full file system, a read-only
+ * directory, a lock directory missing or read-only.  Every edit fails, says
+ * so and leaves the file as it was.  Each edit runs in a child process,
+ * since a failed write of a kept line ends the process. */
 #include "fs/file_str.h"
 #include "runtime/config.h"
 
@@ -104,43 +102,34 @@ TEST(Faults, FullFileSystemLeavesEveryFileWhole)
     }
 }
 
-TEST(Faults, ReadOnlyDirectoryRefusesEveryEdit)
+TEST(Faults, ReadOnlyDirectoryOrLockDirectoryStopsEveryEdit)
 {
     REQUIRE_SANDBOX();
     load_panel_config();
-    std::string dir = sandbox_path("qmail/control"), path = dir + "/rcpthosts";
-    write_file(path, old_text());
-    ASSERT_NO_FATAL_FAILURE(run_or_fail("mount --bind " + dir + " " + dir + " && mount -o remount,bind,ro " + dir));
-    for (const Edit &e : EDITS) {
-        Outcome o = edit_in_child(path, e);
-        EXPECT_EQ(o.code, 1) << e.name;
-        EXPECT_TRUE(has(o.err, "Unable to open file " + path) && has(o.err, ": Read-only file system"))
-            << e.name << ": " << o.err;
-        EXPECT_EQ(read_file(path), old_text()) << e.name;
-        EXPECT_NE(access((path + ".tmp").c_str(), F_OK), 0) << e.name;
-    }
-}
-
-TEST(Faults, LockDirectoryMissingOrReadOnlyStopsEveryEdit)
-{
-    REQUIRE_SANDBOX();
-    load_panel_config();
-    std::string locks = sandbox_path("vdo/var/lock/files"), path = sandbox_path("qmail/users/assign");
-    write_file(path, old_text());
-    std::pair<std::string, std::string> states[] = {
-        {"rmdir " + locks, "No such file or directory"},
+    std::string control = sandbox_path("qmail/control"), locks = sandbox_path("vdo/var/lock/files");
+    std::string rcpthosts = control + "/rcpthosts", assign = sandbox_path("qmail/users/assign");
+    std::string locking = "Error occurred while locking the file " + assign + ": ";
+    write_file(rcpthosts, old_text());
+    write_file(assign, old_text());
+    /* A read-only directory of the file; a lock directory missing, then
+     * read-only.  The message names the file and the reason. */
+    const struct {
+        std::string setup, path, message, reason;
+    } states[] = {
+        {"mount --bind " + control + " " + control + " && mount -o remount,bind,ro " + control, rcpthosts,
+         "Unable to open file " + rcpthosts, ": Read-only file system"},
+        {"rm -r " + locks, assign, locking, locking + "No such file or directory"},
         {"mkdir " + locks + " && mount --bind " + locks + " " + locks + " && mount -o remount,bind,ro " + locks,
-         "Read-only file system"},
+         assign, locking, locking + "Read-only file system"},
     };
     for (auto &state : states) {
-        ASSERT_NO_FATAL_FAILURE(run_or_fail(state.first));
+        ASSERT_NO_FATAL_FAILURE(run_or_fail(state.setup));
         for (const Edit &e : EDITS) {
-            Outcome o = edit_in_child(path, e);
+            Outcome o = edit_in_child(state.path, e);
             EXPECT_EQ(o.code, 1) << e.name;
-            EXPECT_TRUE(has(o.err, "Error occurred while locking the file " + path + ": " + state.second))
-                << e.name << ": " << o.err;
-            EXPECT_EQ(read_file(path), old_text()) << e.name;
-            EXPECT_NE(access((path + ".tmp").c_str(), F_OK), 0) << e.name;
+            EXPECT_TRUE(has(o.err, state.message) && has(o.err, state.reason)) << e.name << ": " << o.err;
+            EXPECT_EQ(read_file(state.path), old_text()) << e.name;
+            EXPECT_NE(access((state.path + ".tmp").c_str(), F_OK), 0) << e.name;
         }
     }
 }

@@ -126,8 +126,6 @@ TEST_F(HostilePanel, DomainNames)
     const char *w = "Skipping mail domain '";
     check({
         {"path escape", domain_rows("'../../evil'"), w},
-        {"absolute path", domain_rows("'" + sandbox_root() + "/evil.example'"), w},
-        {"newline", domain_rows("CONCAT('evil', CHAR(10), 'x.example')"), w},
         {"colon", domain_rows("'evil:1.example'"), w},
         {"dots only", domain_rows("'.'"), w},
         {"quote", domain_rows("'evil''.example'"), w},
@@ -144,7 +142,6 @@ TEST_F(HostilePanel, MailboxAndAliasNames)
     check({
         {"path escape", mailbox_rows("'alpha/../../../../evil'"), w},
         {"colon", mailbox_rows("'evil:0:0:/root:::'"), w},
-        {"dots only", mailbox_rows("'..'"), w},
         {"over-long", "ALTER TABLE mail MODIFY mail_name VARCHAR(300) NOT NULL;" +
                           mailbox_rows("CONCAT('evil', REPEAT('e', 252))"), w},
         {"NUL byte", mailbox_rows("CONCAT('evil', CHAR(0), 'x')"), w},
