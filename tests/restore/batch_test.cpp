@@ -10,22 +10,11 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
 
 namespace {
-
-/* generated_panel - SQL of a synthetic panel from the benchmark generator */
-std::string generated_panel(int domains, int per_domain, int seed)
-{
-    CommandResult r = run_command(std::string(REBOX_TEST_FIXTURES_DIR) + "/../../bench/generate " +
-                                  std::to_string(domains) + " " + std::to_string(per_domain) + " " +
-                                  std::to_string(seed));
-    EXPECT_EQ(r.status, 0) << r.err;
-    return r.out;
-}
 
 class Batch : public testing::Test {
 protected:
@@ -95,11 +84,7 @@ TEST_F(Batch, OtherEditorsWaitForThePassAndKeepTheirLines)
     load_panel_config();
     std::string assign = std::string(panel_config.QMAIL_ROOT_D) + "/users/assign";
 
-    pid_t pass = fork();
-    if (pass == 0) {
-        execl("/bin/sh", "sh", "-c", REBOX_EXE " --without-spam >/dev/null 2>&1", (char *)nullptr);
-        _exit(127);
-    }
+    pid_t pass = start_rebox("--without-spam");
     /* Wait until the pass holds the lock of users/assign. */
     int busy = 0;
     for (int i = 0; i < 2000 && !busy; i++) {
@@ -116,10 +101,8 @@ TEST_F(Batch, OtherEditorsWaitForThePassAndKeepTheirLines)
     /* Had the edit not waited for the pass, the pass's final write of the
      * file would have dropped its line. */
     int edit = file_str(assign.c_str(), "+9999:popuser:1:1:/elsewhere:::", FILE_STR_ADD, FILE_STR_AT_END);
-    int status = 0;
-    waitpid(pass, &status, 0);
     EXPECT_EQ(edit, 0);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(wait_status(pass), 0);
     std::string text = read_file(assign);
     ASSERT_GT(text.size(), 40u);
     EXPECT_TRUE(text.ends_with(".\n+9999:popuser:1:1:/elsewhere:::\n")) << text.substr(text.size() - 40);

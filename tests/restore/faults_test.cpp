@@ -6,18 +6,16 @@
  * qmail-newu and the restart alone. */
 #include "fs/file_str.h"
 #include "runtime/config.h"
-#include "support/rebox_run.h"
+#include "restore/fresh_run.h"
 #include "support/snapshot.h"
 #include "support/testdb.h"
 
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -36,7 +34,7 @@ const char *const SHARED[] = {"control/rcpthosts", "control/virtualdomains", "co
 typedef std::map<std::string, std::string> Files;
 
 /* Every mailbox with one stored hash: runs in different seconds write the
- * same POP3 lines. */
+ * same POP3 lines.  Loaded after a generated panel. */
 const char STORED_HASHES[] = "UPDATE accounts SET type='crypt', password='$1$abcdefgh$0123456789abcdefghijkl';"
                              "UPDATE mail SET account_id = (SELECT MIN(id) FROM accounts); COMMIT";
 
@@ -158,35 +156,32 @@ Usage usage(const std::string &dir)
     return Usage{s.f_blocks - s.f_bfree, s.f_files - s.f_ffree};
 }
 
-/* start_rebox - the binary in the background, its output in files */
-pid_t start_rebox(const char *arg)
+/* editor - the 2,500 edits of editor p on rejectnonexist, each of its own
+ * lines: appended, put first, removed, removed by its ending.  Runs them
+ * when path is given; returns the lines they leave. */
+std::vector<std::string> editor(int p, const char *path, int *failures)
 {
-    std::string out = sandbox_path("rebox.out"), err = sandbox_path("rebox.err");
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
-        dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-        execl(REBOX_EXE, REBOX_EXE, arg, (char *)nullptr);
-        _exit(127);
+    std::mt19937 rng(p + 1);
+    std::vector<std::string> live;
+    for (int i = 0; i < 2500; i++) {
+        int kind = rng() % 8;
+        std::string line = "ed-" + std::to_string(p) + "-" + std::to_string(i) + ".example";
+        if (kind < 4 || live.empty()) {
+            int mode = kind == 0 ? FILE_STR_AT_BEGIN : FILE_STR_AT_END;
+            if (path)
+                *failures += file_str(path, line.c_str(), FILE_STR_ADD, mode) != 0;
+            live.push_back(line);
+            continue;
+        }
+        size_t k = rng() % live.size();
+        line = live[k];
+        live.erase(live.begin() + k);
+        if (path && kind < 7)
+            *failures += file_str(path, line.c_str(), FILE_STR_REMOVE, 1) != 0;
+        else if (path)
+            *failures += file_str(path, line.substr(2).c_str(), FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0;
     }
-    return pid;
-}
-
-int wait_status(pid_t pid)
-{
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-/* panel_sql - a generated panel whose passwords are all stored hashes, so
- * that every run writes the same files */
-std::string panel_sql(int domains, int per_domain)
-{
-    std::string generator = std::string(REBOX_TEST_FIXTURES_DIR) + "/../../bench/generate";
-    CommandResult r = run_command(generator + " " + std::to_string(domains) + " " + std::to_string(per_domain) + " 7");
-    EXPECT_EQ(r.status, 0) << r.err;
-    return r.out + STORED_HASHES;
+    return live;
 }
 
 class RebuildFaults : public testing::Test {
@@ -226,7 +221,7 @@ protected:
 
 TEST_F(RebuildFaults, FullFileSystemLeavesSharedFilesWholeAndQmailAlone)
 {
-    std::string sql = panel_sql(12, 6);
+    std::string sql = generated_panel(12, 6, 7) + STORED_HASHES;
     ASSERT_NO_FATAL_FAILURE(testdb_exec(sql.c_str()));
     std::string root = sandbox_path("qmail");
 
@@ -343,41 +338,9 @@ TEST_F(RebuildFaults, DatabaseStoppedHalfwayEndsThePassWithFinishedFilesIntact)
     EXPECT_EQ(tree_snapshot(first), finished);
 }
 
-namespace {
-
-/* editor - the 2,500 edits of editor p on rejectnonexist, each of its own
- * lines: appended, put first, removed, removed by its ending.  Runs them
- * when path is given; returns the lines they leave. */
-std::vector<std::string> editor(int p, const char *path, int *failures)
-{
-    std::mt19937 rng(p + 1);
-    std::vector<std::string> live;
-    for (int i = 0; i < 2500; i++) {
-        int kind = rng() % 8;
-        std::string line = "ed-" + std::to_string(p) + "-" + std::to_string(i) + ".example";
-        if (kind < 4 || live.empty()) {
-            int mode = kind == 0 ? FILE_STR_AT_BEGIN : FILE_STR_AT_END;
-            if (path)
-                *failures += file_str(path, line.c_str(), FILE_STR_ADD, mode) != 0;
-            live.push_back(line);
-            continue;
-        }
-        size_t k = rng() % live.size();
-        line = live[k];
-        live.erase(live.begin() + k);
-        if (path && kind < 7)
-            *failures += file_str(path, line.c_str(), FILE_STR_REMOVE, 1) != 0;
-        else if (path)
-            *failures += file_str(path, line.substr(2).c_str(), FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0;
-    }
-    return live;
-}
-
-} // namespace
-
 TEST_F(RebuildFaults, ConcurrentEditorsAndAPassLoseNothing)
 {
-    std::string sql = panel_sql(30, 4);
+    std::string sql = generated_panel(30, 4, 7) + STORED_HASHES;
     ASSERT_NO_FATAL_FAILURE(testdb_exec(sql.c_str()));
     ASSERT_NO_FATAL_FAILURE(mount_qmail("size=256m"));
     prepare_qmail();

@@ -5,6 +5,8 @@
 
 #include "support/rebox_run.h"
 
+#include <sys/types.h>
+
 #include <string>
 
 struct FreshRun {
@@ -18,5 +20,11 @@ struct FreshRun {
 /* fresh_run - empty the mail names tree, control/, users/ and the antivirus
  * directory, put fresh stand-ins in place, then run command_line */
 FreshRun fresh_run(const std::string &command_line);
+/* generated_panel - SQL of a synthetic panel from the benchmark generator */
+std::string generated_panel(int domains, int per_domain, int seed);
+/* start_rebox - the binary in the background, its output in the sandbox's
+ * rebox.out and rebox.err; wait_status - its exit status, -1 for none */
+pid_t start_rebox(const char *args);
+int wait_status(pid_t pid);
 
 #endif
