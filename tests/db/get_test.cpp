@@ -3,7 +3,6 @@
 #include "db/connect.h"
 #include "db/get.h"
 
-#include "db_test_helpers.h"
 #include "support/sandbox.h"
 #include "support/testdb.h"
 

@@ -3,6 +3,8 @@
 #ifndef REBOX_TESTS_FS_HELPERS_H
 #define REBOX_TESTS_FS_HELPERS_H
 
+#include "support/sandbox.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -22,12 +24,6 @@ template <typename F> std::string captured(F f)
     f();
     testing::internal::GetCapturedStdout();
     return testing::internal::GetCapturedStderr();
-}
-
-/* has - whether text contains part */
-inline bool has(const std::string &text, const std::string &part)
-{
-    return text.find(part) != std::string::npos;
 }
 
 /* EXPECT_WARNS - call gives want and prints a message containing part */

@@ -29,16 +29,6 @@ std::string taken(char *text)
     return s;
 }
 
-bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
-
-/* stderr_of - run f; what it printed on standard error */
-template <typename F> std::string stderr_of(F f)
-{
-    testing::internal::CaptureStderr();
-    f();
-    return testing::internal::GetCapturedStderr();
-}
-
 }  // namespace
 
 TEST(ExecCapture, StreamsCodesSignalsAndADescendantHoldingThePipes)

@@ -20,16 +20,6 @@
 
 using Calls = std::vector<std::vector<std::string>>;
 
-static bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
-
-/* stderr_of - run f; what it printed on standard error */
-template <typename F> static std::string stderr_of(F f)
-{
-    testing::internal::CaptureStderr();
-    f();
-    return testing::internal::GetCapturedStderr();
-}
-
 static const char TOMCAT_PROCESS[] = "org.apache.catalina.startup.Bootstrap";
 
 class Service : public testing::Test {

@@ -43,4 +43,15 @@ struct CommandResult {
 };
 CommandResult run_command(const std::string &command_line);
 
+/* has - whether text contains part */
+inline bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+
+/* stderr_of - run f; what it printed on standard error */
+template <typename F> std::string stderr_of(F f)
+{
+    testing::internal::CaptureStderr();
+    f();
+    return testing::internal::GetCapturedStderr();
+}
+
 #endif
