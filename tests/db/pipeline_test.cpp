@@ -1,0 +1,82 @@
+/* Tests of the query pipeline: results in queue order across more queries
+ * than the window holds, failures reported where their result is read,
+ * and a connection that is usable again after closing with results unread. */
+#include "db/connect.h"
+#include "db/get.h"
+#include "db/pipeline.h"
+
+#include "support/sandbox.h"
+#include "support/testdb.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+/* next_value - the single value of the pipeline's next result */
+static std::string next_value(void)
+{
+    MYSQL_RES *res = pipeline_result("failed: %s");
+    MYSQL_ROW row = mysql_fetch_row(res);
+    std::string value = row != nullptr && row[0] != nullptr ? row[0] : "(none)";
+    mysql_free_result(res);
+    return value;
+}
+
+TEST(DbPipeline, ResultsComeInQueueOrderAndFailuresWhereRead)
+{
+    REQUIRE_SANDBOX();
+    testdb_reset();
+    MYSQL *conn = panel_db_open();
+    ASSERT_NE(conn, nullptr);
+    pipeline_open(conn);
+    /* Queue in bursts larger than the window, read in smaller ones. */
+    int queued = 0, read = 0;
+    while (read < 5 * PIPELINE_WINDOW) {
+        for (int i = 0; i < PIPELINE_WINDOW + 7 && queued < 5 * PIPELINE_WINDOW; i++)
+            pipeline_queue(("SELECT " + std::to_string(queued++)).c_str());
+        for (int i = 0; i < 40 && read < queued; i++)
+            ASSERT_EQ(next_value(), std::to_string(read++));
+    }
+    /* Closing drops the results still on the wire. */
+    for (const char *q : {"SELECT 'one'", "SELECT 'two'", "SELECT 'three'"})
+        pipeline_queue(q);
+    EXPECT_EQ(next_value(), "one");
+    pipeline_close();
+    EXPECT_STREQ(get_query_value("SELECT 'again'", conn, 0), "again");
+
+    /* A failed query ends the process where its result is read.  The
+     * child reads from the connection it shares with this process, so the
+     * connection is not used here afterwards. */
+    pipeline_open(conn);
+    EXPECT_EXIT(
+        {
+            pipeline_queue("SELECT 'first'");
+            pipeline_queue("SELECT nosuchcolumn FROM misc");
+            pipeline_queue("SELECT 'after'");
+            if (next_value() == "first")
+                next_value();
+        },
+        testing::ExitedWithCode(1), "failed: Unknown column 'nosuchcolumn'");
+    pipeline_close();
+    mysql_close(conn);
+}
+
+TEST(DbPipeline, QueriesAfterTheServerHungUpFailWhereRead)
+{
+    REQUIRE_SANDBOX();
+    testdb_reset();
+    MYSQL *conn = panel_db_open();
+    ASSERT_NE(conn, nullptr);
+    pipeline_open(conn);
+    testdb_exec(("KILL " + std::to_string(mysql_thread_id(conn))).c_str());
+    EXPECT_EXIT(
+        {
+            for (int i = 0; i < 3; i++)
+                pipeline_queue("SELECT 1");
+            for (int i = 0; i < 3; i++)
+                next_value();
+        },
+        testing::ExitedWithCode(1), "failed: ");
+    pipeline_close();
+    mysql_close(conn);
+}
