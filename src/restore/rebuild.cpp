@@ -32,12 +32,19 @@
  * done, or when a fatal error ends the process halfway (so the files are
  * then exactly as far as the edits went).  qmail-send is signalled once,
  * after the files are written.
+ *
+ * Either way, the work a mailbox waits on is started ahead: when a
+ * domain's mailbox list arrives, the mailboxes' own queries (group
+ * members, aliases) are queued over a second connection and their plain
+ * passwords handed to a hashing thread, so the server and the second
+ * processor answer them while the mailboxes before them are written.
  */
 #include "restore/rebuild.h"
 
 #include "db/component.h"
 #include "db/connect.h"
 #include "db/get.h"
+#include "db/pipeline.h"
 #include "filters/antivirus.h"
 #include "fs/file_str.h"
 #include "fs/file_util.h"
@@ -51,12 +58,12 @@
 #include "mailconf/nonexist_policy.h"
 #include "mailconf/quota.h"
 #include "mailconf/value_check.h"
+#include "restore/hash_ahead.h"
 #include "proc/send_sig.h"
 #include "proc/service.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
-#include <crypt.h>
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -186,6 +193,35 @@ static MYSQL_RES *run_query(MYSQL *conn, const char *query, const char *failure)
     return res;
 }
 
+/* start_mailboxes - start the work restore_mailbox() will wait on for a
+ * domain's mailbox list: queue each row's queries in the order it reads
+ * them and hand the plain passwords to the hashing thread; the list is
+ * rewound for the walk that writes the mailboxes.  Returns the password
+ * list, to be freed after hash_ahead_stop(). */
+static const char **start_mailboxes(MYSQL_RES *rows)
+{
+    char query[QUERY_SIZE];
+    size_t n = mysql_num_rows(rows), i = 0;
+    const char **plain = static_cast<const char **>(xrealloc(nullptr, (n ? n : 1) * sizeof(*plain)));
+
+    for (; MYSQL_ROW m = mysql_fetch_row(rows); i++) {
+        plain[i] = nullptr;
+        if (mailbox_rule(rows, m) != nullptr)
+            continue;
+        if (db_flag_on(m[2]) && !(m[3] != nullptr && strcmp(m[3], "crypt") == 0))
+            plain[i] = m[4] ? m[4] : "";
+        if (db_flag_on(m[7])) {
+            snprintf(query, sizeof(query), "SELECT address FROM mail_redir WHERE mn_id=%s", m[0]);
+            pipeline_queue(query);
+        }
+        snprintf(query, sizeof(query), "SELECT alias FROM mail_aliases WHERE mn_id=%s", m[0]);
+        pipeline_queue(query);
+    }
+    mysql_data_seek(rows, 0);
+    hash_ahead_start(plain, i, run_salt);
+    return plain;
+}
+
 /* empty_qmail_files - truncate the domain data, assign keeping its "." */
 static void empty_qmail_files(void)
 {
@@ -245,12 +281,12 @@ static void batch_begin(void)
     report_on_fatal(batch_end);
 }
 
-/* restore_mailbox - one mailbox row of a domain, all its records; batched,
- * its delivery file is held in memory from add_mailbox to the end */
-static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, const char *domain,
+/* restore_mailbox - row number i of a domain's mailbox list, all its
+ * records; batched, its delivery file is held in memory from add_mailbox
+ * to the end */
+static void restore_mailbox(MYSQL_RES *rows, MYSQL_ROW m, size_t i, const char *domain,
                             const char *ascii, int disabled, int full_names_required)
 {
-    char query[QUERY_SIZE];
     char qmail[QUERY_SIZE];
     const char *mail_name = m[1];
 
@@ -269,14 +305,13 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, const cha
         if (m[3] != nullptr && strcmp(m[3], "crypt") == 0)
             hash = m[4];
         else
-            hash = crypt(m[4] ? m[4] : "", run_salt);
+            hash = hash_ahead_get(i);
         add_postbox(mail_name, domain, hash, disabled, full_names_required);
     }
     if (db_flag_on(m[5]) && m[6] != nullptr && m[6][0] != 0)
         add_forward_row(rows, m, 6, mail_name, domain);
     if (db_flag_on(m[7])) {
-        snprintf(query, sizeof(query), "SELECT address FROM mail_redir WHERE mn_id=%s", m[0]);
-        MYSQL_RES *res = run_query(conn, query, "Unable to query mailgroup members: %s");
+        MYSQL_RES *res = pipeline_result("Unable to query mailgroup members: %s");
         while (MYSQL_ROW r = mysql_fetch_row(res))
             add_forward_row(res, r, 0, mail_name, domain);
         mysql_free_result(res);
@@ -284,8 +319,7 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, const cha
     if (db_flag_on(m[8]))
         add_autoresponder(mail_name, domain);
     apply_quota(domain, mail_name, m[9]);
-    snprintf(query, sizeof(query), "SELECT alias FROM mail_aliases WHERE mn_id=%s", m[0]);
-    MYSQL_RES *res = run_query(conn, query, "Unable to query alias for mail: %s");
+    MYSQL_RES *res = pipeline_result("Unable to query alias for mail: %s");
     while (MYSQL_ROW r = mysql_fetch_row(res)) {
         if (const char *why = column_rule(res, r, 0, check_mail_name))
             skip_row("mail alias", r[0], mail_name, domain, why);
@@ -342,8 +376,11 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int ful
              "a.id = m.account_id WHERE dom_id=%s",
              id);
     res = run_query(conn, query, "Unable to query mailnames: %s");
-    while (MYSQL_ROW m = mysql_fetch_row(res))
-        restore_mailbox(conn, res, m, name, ascii, disabled, full_names_required);
+    const char **plain = start_mailboxes(res);
+    for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(res); i++)
+        restore_mailbox(res, m, i, name, ascii, disabled, full_names_required);
+    hash_ahead_stop();
+    free(plain);
     mysql_free_result(res);
     free(ascii);
 }
@@ -364,6 +401,10 @@ void rebuild_mail_configuration(void)
         report(1, "Unable to connect to the mysql database");
     if (rebuild_batched)
         get_dom_id_share(conn);
+    MYSQL *ahead = panel_db_open();
+    if (ahead == nullptr)
+        report(1, "Unable to connect to the mysql database");
+    pipeline_open(ahead);
     int full_names_required = short_pop3_names_allowed(conn) == 0;
 
     MYSQL_RES *domains = run_query(conn,
@@ -387,6 +428,8 @@ void rebuild_mail_configuration(void)
             report(1, "Unable to write the rebuilt qmail files");
         batch_end();
     }
+    pipeline_close();
+    mysql_close(ahead);
 
     if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
         restore_antivirus_settings(conn);
