@@ -7,7 +7,10 @@
  * exact removals; an index from each piece's ending after its k-th last "/"
  * serves suffix removals of entries "/a/b..." with k slashes, which is how
  * records are found by the end of their home directory.  Removed pieces are
- * marked dead and dropped from the indexes.
+ * marked dead.  The indexes keep dead pieces until their key is looked up:
+ * a removal through an index takes every piece under the key, so the whole
+ * key goes at once.  Dropping pieces one by one would cost, for a text of
+ * many equal lines, a walk of all of them for each one removed.
  *
  * Piece boundaries do not depend on what stands before a piece, so removals
  * and additions at the beginning leave every other piece as it is; an
@@ -76,27 +79,10 @@ static void index_piece(LineStore *s, size_t id)
             s->suffix[k].emplace(e, id);
 }
 
-/* unindex - drop one piece from an index under its key */
-static void unindex(PieceIndex *index, std::string_view key, size_t id)
-{
-    auto range = index->equal_range(key);
-    for (auto it = range.first; it != range.second; ++it)
-        if (it->second == id) {
-            index->erase(it);
-            return;
-        }
-}
-
-/* kill - mark a piece dead and drop it from the indexes */
+/* kill - mark a piece dead; the indexes drop it with its key */
 static void kill(LineStore *s, size_t id)
 {
-    std::string_view c = content(s->pieces[id]), e;
-
     s->pieces[id].alive = 0;
-    unindex(&s->exact, c, id);
-    for (int k = 1; k <= SUFFIX_SLASHES_MAX; k++)
-        if (s->suffix_built[k] && ending(c, k, &e))
-            unindex(&s->suffix[k], e, id);
 }
 
 /* new_piece - a live, indexed copy of len bytes; its id, or -1 */
@@ -192,21 +178,20 @@ static int add_at_end(LineStore *s, const char *const *entries)
     return result;
 }
 
-/* remove_by_index - every live piece under each entry's key in an index */
+/* remove_by_index - every live piece under each entry's key in an index;
+ * the keys leave the index with their dead pieces */
 static int remove_by_index(LineStore *s, PieceIndex *index, const std::vector<std::string_view> &keys)
 {
     int removed = 0;
 
     for (std::string_view key : keys) {
-        std::vector<size_t> hits;
         auto range = index->equal_range(key);
         for (auto it = range.first; it != range.second; ++it)
-            hits.push_back(it->second);
-        for (size_t id : hits)
-            if (s->pieces[id].alive) {
-                kill(s, id);
+            if (s->pieces[it->second].alive) {
+                kill(s, it->second);
                 removed++;
             }
+        index->erase(range.first, range.second);
     }
     return removed;
 }
