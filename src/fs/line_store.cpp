@@ -7,9 +7,9 @@
  * exact removals; an index from each piece's ending after its k-th last "/"
  * serves suffix removals of entries "/a/b..." with k slashes, which is how
  * records are found by the end of their home directory.  Removed pieces are
- * marked dead.  The indexes keep dead pieces until their key is looked up:
- * a removal through an index takes every piece under the key, so the whole
- * key goes at once.  Dropping pieces one by one would cost, for a text of
+ * marked dead.  An index keeps a dead piece until a removal through that
+ * index takes its key: such a removal takes every piece under the key, so
+ * the whole key goes at once.  Dropping pieces one by one would cost, for a text of
  * many equal lines, a walk of all of them for each one removed.
  *
  * Piece boundaries do not depend on what stands before a piece, so removals
