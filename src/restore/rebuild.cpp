@@ -358,14 +358,20 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int ful
     snprintf(query, sizeof(query),
              "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'", id, 0u);
     MYSQL_RES *res = run_query(conn, query, "Unable to query domain aliases: %s");
+    /* Whether the aliases reject unknown recipients: the domain's policy,
+     * asked once, at its first alias. */
+    int reject_aliases = -1;
     while (MYSQL_ROW a = mysql_fetch_row(res)) {
         if (const char *why = column_rule(res, a, 0, check_domain_name)) {
             skip_row("domain alias", a[0], nullptr, name, why);
             continue;
         }
         add_domain_alias(name, a[0]);
-        const char *policy = get_DomainService_Parameter(id, "mail", "nonexist_mail", conn);
-        if (policy_refused == nullptr && policy != nullptr && strcmp(policy, "reject") == 0)
+        if (reject_aliases < 0) {
+            const char *policy = get_DomainService_Parameter(id, "mail", "nonexist_mail", conn);
+            reject_aliases = policy_refused == nullptr && policy != nullptr && strcmp(policy, "reject") == 0;
+        }
+        if (reject_aliases)
             add_reject(a[0]);
     }
     mysql_free_result(res);
