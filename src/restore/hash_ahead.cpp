@@ -17,30 +17,28 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* Room for any hash crypt_r() writes (its output buffer's size). */
+/* Room for any hash crypt_r() writes (its output buffer's size); a slot
+ * left empty means no hash. */
 typedef char HashSlot[CRYPT_OUTPUT_SIZE];
 
 static const char *const *ahead_plain;
 static const char *ahead_salt;
 static size_t ahead_count;
 static HashSlot *ahead_slot;
-static unsigned char *ahead_made;
 static struct crypt_data *ahead_data;
 static pthread_t ahead_thread;
 static int ahead_running;
 static std::atomic<size_t> ahead_done;
 static std::atomic<int> ahead_quit;
 
-/* hash_one - hash entry i into its slot; made[i] tells whether it gave one */
+/* hash_one - hash entry i into its slot, which stays empty without one */
 static void hash_one(size_t i)
 {
     if (ahead_plain[i] == nullptr)
         return;
     const char *hash = crypt_r(ahead_plain[i], ahead_salt, ahead_data);
-    if (hash != nullptr && strlen(hash) < sizeof(HashSlot)) {
+    if (hash != nullptr && strlen(hash) < sizeof(HashSlot))
         memcpy(ahead_slot[i], hash, strlen(hash) + 1);
-        ahead_made[i] = 1;
-    }
 }
 
 /* hash_all - the thread: every entry in order, until told to quit */
@@ -59,8 +57,8 @@ void hash_ahead_start(const char *const *plain, size_t n, const char *salt)
     ahead_plain = plain;
     ahead_salt = salt;
     ahead_count = n;
-    ahead_slot = static_cast<HashSlot *>(xrealloc(nullptr, (n ? n : 1) * sizeof(HashSlot)));
-    ahead_made = static_cast<unsigned char *>(memset(xrealloc(nullptr, n ? n : 1), 0, n ? n : 1));
+    size_t size = (n ? n : 1) * sizeof(HashSlot);
+    ahead_slot = static_cast<HashSlot *>(memset(xrealloc(nullptr, size), 0, size));
     if (ahead_data == nullptr)
         ahead_data = static_cast<struct crypt_data *>(
             memset(xrealloc(nullptr, sizeof(*ahead_data)), 0, sizeof(*ahead_data)));
@@ -81,7 +79,7 @@ const char *hash_ahead_get(size_t i)
     } else {
         hash_one(i);
     }
-    return ahead_made[i] ? ahead_slot[i] : nullptr;
+    return ahead_slot[i][0] != '\0' ? ahead_slot[i] : nullptr;
 }
 
 void hash_ahead_stop(void)
@@ -92,9 +90,7 @@ void hash_ahead_stop(void)
         ahead_running = 0;
     }
     free(ahead_slot);
-    free(ahead_made);
     ahead_slot = nullptr;
-    ahead_made = nullptr;
     ahead_plain = nullptr;
     ahead_count = 0;
 }
