@@ -13,6 +13,7 @@
 #include "db/get.h"
 
 #include "db/connect.h"
+#include "db/pipeline.h"
 #include "mailconf/idn.h"
 #include "runtime/report.h"
 
@@ -51,18 +52,21 @@ static void close_own(MYSQL *conn, MYSQL *given)
         mysql_close(conn);
 }
 
-/* run_first_value - send query (often held in buf itself) and copy column
- * of its first row into buf (at most 4095 bytes; "" for no row or NULL); -1
- * when the server refused the query, buf then unchanged */
+/* run_first_value - send query (often held in buf itself), or take its
+ * prefetched result, and copy column of its first row into buf (at most
+ * 4095 bytes; "" for no row or NULL); -1 when the server refused the
+ * query, buf then unchanged */
 static int run_first_value(const char *query, char *buf, MYSQL *conn, unsigned column)
 {
-    MYSQL_RES *res;
+    MYSQL_RES *res = pipeline_claim(query);
     MYSQL_ROW row;
 
-    if (mysql_real_query(conn, query, strlen(query)) != 0)
-        return -1;
+    if (res == nullptr) {
+        if (mysql_real_query(conn, query, strlen(query)) != 0)
+            return -1;
+        res = mysql_store_result(conn);
+    }
     buf[0] = '\0';
-    res = mysql_store_result(conn);
     if (res == nullptr)
         return 0;
     row = mysql_fetch_row(res);
@@ -202,6 +206,28 @@ void get_dom_id_share(MYSQL *conn)
     dom_id_last_name = nullptr;
 }
 
+const char *dom_id_query(const char *ascii, char *buf, size_t size)
+{
+    snprintf(buf, size, "select id from domains where name='%s'", ascii);
+    return buf;
+}
+
+const char *dom_limit_query(const char *dom_id, const char *limit_name, char *buf, size_t size)
+{
+    snprintf(buf, size, "select l.value from domains d, Limits l \t\t\t\t "
+             "where d.id='%s' and d.limits_id=l.id  and l.limit_name='%s'", dom_id, limit_name);
+    return buf;
+}
+
+const char *domain_service_parameter_query(const char *dom_id, const char *type,
+                                           const char *parameter, char *buf, size_t size)
+{
+    snprintf(buf, size, "select r.value from DomainServices s, Parameters r \t\t\t\t "
+             "where s.dom_id='%s' and s.type='%s' and s.parameters_id=r.id  and r.parameter='%s'",
+             dom_id, type, parameter);
+    return buf;
+}
+
 const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
 {
     static char buf[GET_BUF_SIZE];
@@ -221,7 +247,7 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
     ascii = idn_toascii(name);
     if (ascii == nullptr)
         report(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
-    snprintf(buf, sizeof(buf), "select id from domains where name='%s'", ascii);
+    dom_id_query(ascii, buf, sizeof(buf));
     free(ascii);
     if (run_first_value(buf, buf, c, 0) < 0)
         report(1, "Unable to query domain ID: %s\n", mysql_error(c));
@@ -347,8 +373,7 @@ const char *get_dom_Limit(const char *dom_id, const char *limit_name, MYSQL *con
 
     if (!db_check_plain(__func__, dom_id, 0) || !db_check_plain(__func__, limit_name, 0))
         return nullptr;
-    snprintf(buf, sizeof(buf), "select l.value from domains d, Limits l \t\t\t\t "
-             "where d.id='%s' and d.limits_id=l.id  and l.limit_name='%s'", dom_id, limit_name);
+    dom_limit_query(dom_id, limit_name, buf, sizeof(buf));
     return ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to query domain limit %s: %s\n", limit_name);
 }
 
@@ -360,9 +385,7 @@ const char *get_DomainService_Parameter(const char *dom_id, const char *type,
     if (!db_check_plain(__func__, dom_id, 0) || !db_check_plain(__func__, type, 0) ||
         !db_check_plain(__func__, parameter, 0))
         return nullptr;
-    snprintf(buf, sizeof(buf), "select r.value from DomainServices s, Parameters r \t\t\t\t "
-             "where s.dom_id='%s' and s.type='%s' and s.parameters_id=r.id  and r.parameter='%s'",
-             dom_id, type, parameter);
+    domain_service_parameter_query(dom_id, type, parameter, buf, sizeof(buf));
     return ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to query domain parameter %s: %s\n", parameter);
 }
 

@@ -11,11 +11,18 @@
  * 4095 bytes of the value), valid until the member's next call: null means
  * failure, "" no row or a NULL value.  get_param_simple, get_misc_param and
  * get_dom_htype answer in the buffer of get_query_value.
+ *
+ * A member's query whose result was prefetched (db/pipeline) is answered
+ * from there instead of being sent again.  dom_id_query, dom_limit_query
+ * and domain_service_parameter_query write the exact texts of get_dom_id,
+ * get_dom_Limit and get_DomainService_Parameter into buf (the values
+ * already converted and checked), so that they can be prefetched.
  */
 #ifndef REBOX_DB_GET_H
 #define REBOX_DB_GET_H
 
 #include <mysql.h>
+#include <stddef.h>
 
 int get_dom_status(const char *dom_id, unsigned *status, MYSQL *conn);
 int get_client_id_by_domain(const char *dom_id, MYSQL *conn);
@@ -43,5 +50,9 @@ const char *get_param_simple(const char *value, const char *table, const char *k
 const char *get_misc_param(const char *name, MYSQL *conn);
 const char *get_dom_htype(const char *dom_id, MYSQL *conn);
 const char *get_client_email(const char *dom_id, MYSQL *conn);
+const char *dom_id_query(const char *ascii, char *buf, size_t size);
+const char *dom_limit_query(const char *dom_id, const char *limit_name, char *buf, size_t size);
+const char *domain_service_parameter_query(const char *dom_id, const char *type,
+                                           const char *parameter, char *buf, size_t size);
 
 #endif

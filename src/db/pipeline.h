@@ -12,6 +12,16 @@
  * caller's message (a report() format with one %s for the server's error)
  * when that query failed or could not be sent; pipeline_close() drops
  * whatever was not read and gives the connection back.
+ *
+ * pipeline_prefetch() queues a query that some code will probably ask
+ * later, in its own words, over another connection: pipeline_claim(),
+ * called by that code with the text it is about to send, hands over the
+ * prefetched result when the text is exactly one of the prefetched queries
+ * at the head of the pipeline (those before it were not asked and are
+ * dropped).  A prefetched query nobody claims is dropped unread when a
+ * result behind it is asked for.  A prefetched query that failed is not
+ * claimed: the caller then asks it itself and meets the failure (or the
+ * answer) in its own way.
  */
 #ifndef REBOX_DB_PIPELINE_H
 #define REBOX_DB_PIPELINE_H
@@ -26,6 +36,8 @@
 void pipeline_open(MYSQL *conn);
 void pipeline_queue(const char *query);
 MYSQL_RES *pipeline_result(const char *failure);
+void pipeline_prefetch(const char *query);
+MYSQL_RES *pipeline_claim(const char *query);
 void pipeline_close(void);
 
 #endif

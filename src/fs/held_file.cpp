@@ -73,38 +73,46 @@ int held_file_take(const char *path, int in_place)
     return 0;
 }
 
-/* load - read the copy from disk at its first edit; 0 or 1 */
+/* load - read the copy from disk at its first edit; 0 or 1.  The file is
+ * opened first and stat()ed only when that fails, to tell the message
+ * file_str would give: a missing file, or one that cannot be looked at. */
 static int load(HeldFile *h)
 {
     struct stat st;
     char chunk[4096];
-    size_t got;
+    ssize_t got;
     TextBuf text = {};
 
     if (h->loaded)
         return 0;
-    if (stat(h->path, &st) != 0) {
-        if (errno != ENOENT) {
+    int fd = open(h->path, O_RDONLY);
+    if (fd < 0) {
+        int err = errno;
+        if (stat(h->path, &st) != 0 && errno != ENOENT) {
             report(0, "file_str: Unable to stat file %s: %s\n", h->path, strerror(errno));
+            return 1;
+        }
+        if (err != ENOENT) {
+            report(0, "Unable to open file %s: %s\n", h->path, strerror(err));
             return 1;
         }
         h->exists = 0;
     } else {
-        FILE *in = fopen(h->path, "r");
-        if (!in) {
-            report(0, "Unable to open file %s: %s\n", h->path, strerror(errno));
-            return 1;
-        }
-        while ((got = fread(chunk, 1, sizeof(chunk), in)) > 0)
-            if (text_buf_append(&text, chunk, got) != 0)
+        /* An empty file (a delivery file just made) needs no read. */
+        int empty = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0;
+        while (!empty && (got = read(fd, chunk, sizeof(chunk))) != 0) {
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got < 0) {
+                report(0, "Unable to read file %s: %s\n", h->path, strerror(errno));
+                close(fd);
+                text_buf_free(&text);
+                return 1;
+            }
+            if (text_buf_append(&text, chunk, static_cast<size_t>(got)) != 0)
                 report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-        if (ferror(in)) {
-            report(0, "Unable to read file %s: %s\n", h->path, strerror(errno));
-            fclose(in);
-            text_buf_free(&text);
-            return 1;
         }
-        fclose(in);
+        close(fd);
         h->exists = 1;
     }
     h->store = line_store_new(text.data, text.len);
@@ -147,13 +155,14 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
 }
 
 /* write_in_place - the copy over the file's content; 0 or 1.  The file is
- * overwritten and then cut to length rather than emptied first: emptying a
- * file with content makes the file system force its new blocks to disk at
- * the close. */
+ * overwritten and then cut to length (only when it was longer) rather than
+ * emptied first: emptying a file with content makes the file system force
+ * its new blocks to disk at the close. */
 static int write_in_place(HeldFile *h, const TextBuf *text)
 {
     int fd = open(h->path, O_WRONLY | O_CREAT, 0666);
     int err = 0;
+    struct stat st;
 
     if (fd < 0) {
         report(0, "Unable to open file %s: %s\n", h->path, strerror(errno));
@@ -161,7 +170,8 @@ static int write_in_place(HeldFile *h, const TextBuf *text)
     }
     if (text->len && pwrite(fd, text->data, text->len, 0) != static_cast<ssize_t>(text->len))
         err = errno ? errno : EIO;
-    if (!err && ftruncate(fd, static_cast<off_t>(text->len)) != 0)
+    if (!err && (fstat(fd, &st) != 0 || st.st_size > static_cast<off_t>(text->len))
+        && ftruncate(fd, static_cast<off_t>(text->len)) != 0)
         err = errno;
     if (close(fd) != 0 && !err)
         err = errno;

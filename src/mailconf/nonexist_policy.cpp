@@ -3,6 +3,7 @@
 #include "mailconf/nonexist_policy.h"
 
 #include "db/get.h"
+#include "db/pipeline.h"
 #include "fs/file_str.h"
 #include "fs/file_util.h"
 #include "mailconf/idn.h"
@@ -66,25 +67,47 @@ static const char *catch_line(const char *address, char *line)
     return why;
 }
 
+/* policy_nul_query - the query of policy_has_nul into buf */
+static const char *policy_nul_query(const char *domain_id, char *buf, size_t size)
+{
+    snprintf(buf, size,
+             "SELECT COUNT(*) FROM DomainServices s, Parameters r WHERE s.dom_id='%s' AND "
+             "s.type='mail' AND s.parameters_id=r.id AND r.parameter IN ('nonexist_mail', "
+             "'catch_addr', 'bounce_mess') AND INSTR(r.value, CHAR(0)) > 0",
+             domain_id);
+    return buf;
+}
+
 /* policy_has_nul - 1 when one of the domain's policy parameters holds a
  * NUL byte, which the parameter lookups would silently cut the value at */
 static int policy_has_nul(const char *domain_id, MYSQL *conn)
 {
     char query[QMAIL_BUF_SIZE];
 
-    snprintf(query, sizeof(query),
-             "SELECT COUNT(*) FROM DomainServices s, Parameters r WHERE s.dom_id='%s' AND "
-             "s.type='mail' AND s.parameters_id=r.id AND r.parameter IN ('nonexist_mail', "
-             "'catch_addr', 'bounce_mess') AND INSTR(r.value, CHAR(0)) > 0",
-             domain_id);
-    if (mysql_query(conn, query) != 0)
-        return 0;
-    MYSQL_RES *res = mysql_store_result(conn);
+    policy_nul_query(domain_id, query, sizeof(query));
+    MYSQL_RES *res = pipeline_claim(query);
+    if (res == nullptr) {
+        if (mysql_query(conn, query) != 0)
+            return 0;
+        res = mysql_store_result(conn);
+    }
     MYSQL_ROW row = res != nullptr ? mysql_fetch_row(res) : nullptr;
     int found = row != nullptr && row[0] != nullptr && strcmp(row[0], "0") != 0;
     if (res != nullptr)
         mysql_free_result(res);
     return found;
+}
+
+void nonexist_policy_prefetch(const char *domain_id)
+{
+    char query[QMAIL_BUF_SIZE];
+
+    if (strpbrk(domain_id, "'\\") != nullptr)
+        return;
+    pipeline_prefetch(policy_nul_query(domain_id, query, sizeof(query)));
+    domain_service_parameter_query(domain_id, "mail", "nonexist_mail", query, sizeof(query));
+    pipeline_prefetch(query);
+    pipeline_prefetch(query);
 }
 
 /* nonexist_policy_refused - null when restore_nonexist_policy can apply the

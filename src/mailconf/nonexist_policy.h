@@ -4,7 +4,9 @@
  * catch-all: the one line of the domain's .qmail-default ("|bouncesaying
  * text" or "&address").  restore_nonexist_policy() applies the choice kept
  * in the domain's mail-service parameters; nonexist_policy_refused() tells
- * beforehand whether it would meet a value the writers refuse.
+ * beforehand whether it would meet a value the writers refuse;
+ * nonexist_policy_prefetch() queues on the query pipeline the questions
+ * these two ask of every domain, in the order they ask them.
  */
 #ifndef REBOX_MAILCONF_NONEXIST_POLICY_H
 #define REBOX_MAILCONF_NONEXIST_POLICY_H
@@ -16,6 +18,7 @@
 
 int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *conn);
 const char *nonexist_policy_refused(const char *domain, const char *domain_id, MYSQL *conn);
+void nonexist_policy_prefetch(const char *domain_id);
 int set_reject(const char *domain, int on);
 int add_reject(const char *domain);
 int remove_reject(const char *domain);

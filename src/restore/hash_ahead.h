@@ -5,7 +5,7 @@
  * mailboxes' directories and files is a large part of the rebuild.
  * hash_ahead_start() hands a list of passwords to a thread that hashes
  * them in order with one salt; hash_ahead_get() answers the hash of entry
- * i, waiting for it if the thread is not there yet, and
+ * i, making it itself if the thread has not started on it yet, and
  * hash_ahead_stop() ends the thread and forgets the list.  The list (and
  * the texts it points to) must stay untouched until hash_ahead_stop().
  * When no thread can be started the hashes are made by the caller, one by

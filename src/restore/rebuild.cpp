@@ -31,13 +31,17 @@
  * written once, through a temporary file and a rename, when the domains are
  * done, or when a fatal error ends the process halfway (so the files are
  * then exactly as far as the edits went).  qmail-send is signalled once,
- * after the files are written.
+ * after the files are written.  The system users the files are given to
+ * are looked up once for the whole pass.
  *
  * Either way, the work a mailbox waits on is started ahead: when a
  * domain's mailbox list arrives, the mailboxes' own queries (group
  * members, aliases) are queued over a second connection and their plain
  * passwords handed to a hashing thread, so the server and the second
- * processor answer them while the mailboxes before them are written.
+ * processor answer them while the mailboxes before them are written; the
+ * questions the writers ask of every domain (its policy, quota, aliases
+ * and mailbox list; batched, its identifier too) follow them for the next
+ * domain, and the writers take those answers instead of asking again.
  */
 #include "restore/rebuild.h"
 
@@ -183,14 +187,67 @@ static void apply_quota(const char *domain, const char *mail_name, const char *v
         report(0, "Warning: unable to write mailbox quota\n");
 }
 
-/* run_query - send a query of the pass and store its result, or end */
+/* run_query - take the prefetched result of a query of the pass, or send
+ * it and store its result; a failure ends the process */
 static MYSQL_RES *run_query(MYSQL *conn, const char *query, const char *failure)
 {
-    MYSQL_RES *res;
+    MYSQL_RES *res = pipeline_claim(query);
 
-    if (mysql_query(conn, query) != 0 || (res = mysql_store_result(conn)) == nullptr)
+    if (res == nullptr && (mysql_query(conn, query) != 0 || (res = mysql_store_result(conn)) == nullptr))
         report(1, failure, mysql_error(conn));
     return res;
+}
+
+/* domain_aliases_query - the query of a domain's mail aliases, into buf */
+static const char *domain_aliases_query(const char *id, char *buf)
+{
+    snprintf(buf, QUERY_SIZE,
+             "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'", id, 0u);
+    return buf;
+}
+
+/* mailboxes_query - the query of a domain's mailbox list, into buf */
+static const char *mailboxes_query(const char *id, char *buf)
+{
+    snprintf(buf, QUERY_SIZE,
+             "SELECT m.id, m.mail_name, m.postbox, a.type, a.password, m.redirect, m.redir_addr, "
+             "m.mail_group, m.autoresponder, m.mbox_quota FROM mail m LEFT JOIN accounts a ON "
+             "a.id = m.account_id WHERE dom_id=%s",
+             id);
+    return buf;
+}
+
+/* prefetch_domain - queue the questions restore_domain() asks of every
+ * domain row it does not skip, in its order, so that the server answers
+ * them while the domain before is written */
+static void prefetch_domain(MYSQL_RES *domains, MYSQL_ROW d)
+{
+    char query[QUERY_SIZE];
+    const char *id = d[0];
+
+    if (id == nullptr || id[strspn(id, "0123456789")] != '\0'
+        || column_rule(domains, d, 1, check_domain_name) != nullptr)
+        return;
+    if (rebuild_batched) {
+        char *ascii = idn_toascii(d[1]);
+        pipeline_prefetch(dom_id_query(ascii, query, sizeof(query)));
+        free(ascii);
+    }
+    nonexist_policy_prefetch(id);
+    pipeline_prefetch(dom_limit_query(id, "mbox_quota", query, sizeof(query)));
+    pipeline_prefetch(domain_aliases_query(id, query));
+    pipeline_prefetch(mailboxes_query(id, query));
+}
+
+/* prefetch_next_domain - prefetch_domain() for the row after the current
+ * one, which stays the current one */
+static void prefetch_next_domain(MYSQL_RES *domains)
+{
+    MYSQL_ROW_OFFSET here = mysql_row_tell(domains);
+
+    if (MYSQL_ROW next = mysql_fetch_row(domains))
+        prefetch_domain(domains, next);
+    mysql_row_seek(domains, here);
 }
 
 /* start_mailboxes - start the work restore_mailbox() will wait on for a
@@ -263,6 +320,7 @@ static void batch_end(void)
 {
     held_files_release();
     get_dom_id_share(nullptr);
+    users_remember(0);
     kill_by_name_defer(0);
 }
 
@@ -277,6 +335,7 @@ static void batch_begin(void)
             report(1, "Unable to lock %s for the rebuild", path);
     }
     kill_by_name_defer(1);
+    users_remember(1);
     /* Whatever ends the process from here writes what has been applied. */
     report_on_fatal(batch_end);
 }
@@ -355,9 +414,7 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int ful
         restore_nonexist_policy(name, id, conn);
     apply_quota(name, nullptr, get_dom_Limit(id, "mbox_quota", conn));
 
-    snprintf(query, sizeof(query),
-             "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'", id, 0u);
-    MYSQL_RES *res = run_query(conn, query, "Unable to query domain aliases: %s");
+    MYSQL_RES *res = run_query(conn, domain_aliases_query(id, query), "Unable to query domain aliases: %s");
     /* Whether the aliases reject unknown recipients: the domain's policy,
      * asked once, at its first alias. */
     int reject_aliases = -1;
@@ -376,13 +433,9 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int ful
     }
     mysql_free_result(res);
 
-    snprintf(query, sizeof(query),
-             "SELECT m.id, m.mail_name, m.postbox, a.type, a.password, m.redirect, m.redir_addr, "
-             "m.mail_group, m.autoresponder, m.mbox_quota FROM mail m LEFT JOIN accounts a ON "
-             "a.id = m.account_id WHERE dom_id=%s",
-             id);
-    res = run_query(conn, query, "Unable to query mailnames: %s");
+    res = run_query(conn, mailboxes_query(id, query), "Unable to query mailnames: %s");
     const char **plain = start_mailboxes(res);
+    prefetch_next_domain(domains);
     for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(res); i++)
         restore_mailbox(res, m, i, name, ascii, disabled, full_names_required);
     hash_ahead_stop();
@@ -423,6 +476,7 @@ void rebuild_mail_configuration(void)
     make_salt(run_salt + 3, 8);
     run_salt[11] = 0;
 
+    prefetch_next_domain(domains);
     while (MYSQL_ROW d = mysql_fetch_row(domains))
         restore_domain(conn, domains, d, full_names_required);
     mysql_free_result(domains);

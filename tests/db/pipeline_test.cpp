@@ -80,3 +80,41 @@ TEST(DbPipeline, QueriesAfterTheServerHungUpFailWhereRead)
     pipeline_close();
     mysql_close(conn);
 }
+
+TEST(DbPipeline, PrefetchedResultsAreClaimedByTheirText)
+{
+    REQUIRE_SANDBOX();
+    testdb_reset();
+    MYSQL *conn = panel_db_open(), *ahead = panel_db_open();
+    ASSERT_NE(conn, nullptr);
+    ASSERT_NE(ahead, nullptr);
+    std::string ahead_id = std::to_string(mysql_thread_id(ahead));
+    std::string own_id = std::to_string(mysql_thread_id(conn));
+    pipeline_open(ahead);
+
+    /* Claimed: answered over the pipeline's connection.  An entry skipped
+     * by a later claim is dropped; a text not prefetched, or one behind a
+     * plain query, is asked by the caller itself. */
+    pipeline_prefetch("SELECT CONNECTION_ID(), 'a'");
+    pipeline_prefetch("SELECT CONNECTION_ID(), 'b'");
+    pipeline_prefetch("SELECT CONNECTION_ID(), 'c'");
+    EXPECT_EQ(pipeline_claim("SELECT 'never prefetched'"), nullptr);
+    EXPECT_STREQ(get_query_value("SELECT CONNECTION_ID(), 'b'", conn, 0), ahead_id.c_str());
+    EXPECT_STREQ(get_query_value("SELECT CONNECTION_ID(), 'a'", conn, 0), own_id.c_str());
+    pipeline_queue("SELECT 'plain'");
+    pipeline_prefetch("SELECT CONNECTION_ID(), 'd'");
+    EXPECT_STREQ(get_query_value("SELECT CONNECTION_ID(), 'd'", conn, 0), own_id.c_str());
+    /* The unclaimed 'c' goes before the plain result is read. */
+    EXPECT_EQ(next_value(), "plain");
+    EXPECT_STREQ(get_query_value("SELECT CONNECTION_ID(), 'd'", conn, 0), ahead_id.c_str());
+
+    /* A prefetched query that failed is not claimed: the caller asks it and
+     * meets the failure itself. */
+    pipeline_prefetch("SELECT nosuchcolumn FROM misc");
+    EXPECT_EQ(pipeline_claim("SELECT nosuchcolumn FROM misc"), nullptr);
+    pipeline_prefetch("SELECT 'after'");
+    EXPECT_STREQ(get_query_value("SELECT 'after'", conn, 0), "after");
+    pipeline_close();
+    mysql_close(ahead);
+    mysql_close(conn);
+}

@@ -35,6 +35,23 @@ TEST(Users, UserLookups)
     EXPECT_STREQ(home, "/nonexistent");
     free(home);
     EXPECT_WARNS(user_info("nosuchuser", &uid, &gid, &home), -1, "Unable to getpwnam for user nosuchuser");
+
+    /* Remembered answers outlive a change of the user database until
+     * remembering stops; a user not found is asked again every time. */
+    std::string passwd = read_file("/etc/passwd");
+    users_remember(1);
+    EXPECT_EQ(lookup_user_ids("popuser", 1), 7781u);
+    EXPECT_WARNS(lookup_user_ids("lateuser", 0), 0, "Unable to getpwnam for user lateuser");
+    std::string changed = passwd + "lateuser:x:7795:7795::/nonexistent:/bin/false\n";
+    changed.replace(changed.find("popuser:x:7781:7781"), 19, "popuser:x:7783:7784");
+    write_file("/etc/passwd", changed);
+    EXPECT_EQ(lookup_user_ids("lateuser", 0), 7795u);
+    EXPECT_EQ(lookup_user_ids("popuser", 0), 7781u);
+    EXPECT_EQ(lookup_user_ids("popuser", 1), 7781u);
+    users_remember(0);
+    EXPECT_EQ(lookup_user_ids("popuser", 0), 7783u);
+    EXPECT_EQ(lookup_user_ids("popuser", 1), 7784u);
+    write_file("/etc/passwd", passwd);
 }
 
 TEST(Users, GroupLookups)

@@ -1,0 +1,65 @@
+/* Tests of files held in memory: a held file ends up exactly as the same
+ * edits made on disk leave a twin of it (longer and shorter results, an
+ * empty file, a missing one), nothing reaches the disk before the release,
+ * and a path that is a directory fails the edit as on disk. */
+#include "fs/file_str.h"
+#include "fs/held_file.h"
+#include "runtime/config.h"
+
+#include "fs_test_helpers.h"
+#include "support/sandbox.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+TEST(HeldFile, EndsAsTheSameEditsOnDiskLeaveIt)
+{
+    REQUIRE_SANDBOX();
+    load_panel_config();
+    struct Case {
+        const char *before; /* null: no such file */
+        const char *remove;
+        const char *add;
+    };
+    const Case cases[] = {
+        {"a\nb\nc\nlong line at the end\n", "long line at the end", nullptr},
+        {"a\nb\n", "a", "a longer line than the one removed"},
+        {"", nullptr, "| true"},
+        {nullptr, nullptr, "./Maildir/"},
+    };
+    for (int in_place = 0; in_place < 2; in_place++)
+        for (const Case &c : cases) {
+            SCOPED_TRACE(std::string(c.before ? c.before : "(missing)") + (in_place ? " in place" : ""));
+            std::string held = sandbox_path("qmail/held"), twin = sandbox_path("qmail/twin");
+            unlink(held.c_str());
+            unlink(twin.c_str());
+            if (c.before != nullptr) {
+                write_file(held, c.before);
+                write_file(twin, c.before);
+            }
+            ASSERT_EQ(held_file_take(held.c_str(), in_place), 0);
+            for (const std::string &p : {held, twin}) {
+                if (c.remove != nullptr) {
+                    EXPECT_EQ(file_str(p.c_str(), c.remove, FILE_STR_REMOVE, 1), 0);
+                }
+                if (c.add != nullptr) {
+                    EXPECT_EQ(file_str(p.c_str(), c.add, FILE_STR_ADD, FILE_STR_AT_END), 0);
+                }
+            }
+            EXPECT_EQ(access(held.c_str(), F_OK) == 0 ? read_file(held) : "(missing)",
+                      c.before != nullptr ? c.before : "(missing)")
+                << "the disk is left alone until the release";
+            EXPECT_EQ(held_file_release(held.c_str()), 0);
+            EXPECT_EQ(read_file(held), read_file(twin));
+        }
+
+    std::string dir = sandbox_path("qmail/held-dir");
+    ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+    ASSERT_EQ(held_file_take(dir.c_str(), 1), 0);
+    EXPECT_WARNS(file_str(dir.c_str(), "x", FILE_STR_ADD, FILE_STR_AT_END), 1, "Unable to read file");
+    EXPECT_EQ(held_file_release(dir.c_str()), 0);
+}
