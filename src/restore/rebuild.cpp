@@ -230,7 +230,8 @@ static void prefetch_domain(MYSQL_RES *domains, MYSQL_ROW d)
         return;
     if (rebuild_batched) {
         char *ascii = idn_toascii(d[1]);
-        pipeline_prefetch(dom_id_query(ascii, query, sizeof(query)));
+        if (ascii != nullptr)
+            pipeline_prefetch(dom_id_query(ascii, query, sizeof(query)));
         free(ascii);
     }
     nonexist_policy_prefetch(id);
