@@ -58,14 +58,11 @@ static void close_own(MYSQL *conn, MYSQL *given)
  * query, buf then unchanged */
 static int run_first_value(const char *query, char *buf, MYSQL *conn, unsigned column)
 {
-    MYSQL_RES *res = pipeline_claim(query);
+    MYSQL_RES *res;
     MYSQL_ROW row;
 
-    if (res == nullptr) {
-        if (mysql_real_query(conn, query, strlen(query)) != 0)
-            return -1;
-        res = mysql_store_result(conn);
-    }
+    if (pipeline_ask(conn, query, &res) != 0)
+        return -1;
     buf[0] = '\0';
     if (res == nullptr)
         return 0;

@@ -123,17 +123,26 @@ MYSQL_RES *pipeline_claim(const char *query)
     return take_head();
 }
 
+int pipeline_ask(MYSQL *conn, const char *query, MYSQL_RES **res)
+{
+    *res = pipeline_claim(query);
+    if (*res != nullptr)
+        return 0;
+    if (mysql_real_query(conn, query, strlen(query)) != 0)
+        return -1;
+    *res = mysql_store_result(conn);
+    return 0;
+}
+
 /* pipeline_close - read and drop the results still on the wire, forget
  * the waiting queries; the connection can be used (or closed) again */
 void pipeline_close(void)
 {
-    while (pipe_read < pipe_sent) {
-        if (mysql_read_query_result(pipe_conn) == 0)
-            mysql_free_result(mysql_store_result(pipe_conn));
-        free(pipe_q[pipe_read++].text);
-    }
+    /* The queries that never went out are forgotten, the others read. */
+    while (pipe_queued > pipe_sent)
+        free(pipe_q[--pipe_queued].text);
     while (pipe_read < pipe_queued)
-        free(pipe_q[pipe_read++].text);
+        mysql_free_result(take_head());
     free(pipe_q);
     pipe_q = nullptr;
     pipe_size = pipe_read = pipe_sent = pipe_queued = 0;

@@ -38,6 +38,10 @@ void pipeline_queue(const char *query);
 MYSQL_RES *pipeline_result(const char *failure);
 void pipeline_prefetch(const char *query);
 MYSQL_RES *pipeline_claim(const char *query);
+/* pipeline_ask - the result of query: claimed when prefetched, else asked
+ * over conn and stored (null when it gives no rows, as an UPDATE does);
+ * -1 when conn's server refused it, its message then in mysql_error(conn) */
+int pipeline_ask(MYSQL *conn, const char *query, MYSQL_RES **res);
 void pipeline_close(void);
 
 #endif

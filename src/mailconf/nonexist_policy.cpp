@@ -83,14 +83,10 @@ static const char *policy_nul_query(const char *domain_id, char *buf, size_t siz
 static int policy_has_nul(const char *domain_id, MYSQL *conn)
 {
     char query[QMAIL_BUF_SIZE];
+    MYSQL_RES *res;
 
-    policy_nul_query(domain_id, query, sizeof(query));
-    MYSQL_RES *res = pipeline_claim(query);
-    if (res == nullptr) {
-        if (mysql_query(conn, query) != 0)
-            return 0;
-        res = mysql_store_result(conn);
-    }
+    if (pipeline_ask(conn, policy_nul_query(domain_id, query, sizeof(query)), &res) != 0)
+        return 0;
     MYSQL_ROW row = res != nullptr ? mysql_fetch_row(res) : nullptr;
     int found = row != nullptr && row[0] != nullptr && strcmp(row[0], "0") != 0;
     if (res != nullptr)

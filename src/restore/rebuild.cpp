@@ -191,9 +191,9 @@ static void apply_quota(const char *domain, const char *mail_name, const char *v
  * it and store its result; a failure ends the process */
 static MYSQL_RES *run_query(MYSQL *conn, const char *query, const char *failure)
 {
-    MYSQL_RES *res = pipeline_claim(query);
+    MYSQL_RES *res;
 
-    if (res == nullptr && (mysql_query(conn, query) != 0 || (res = mysql_store_result(conn)) == nullptr))
+    if (pipeline_ask(conn, query, &res) != 0 || res == nullptr)
         report(1, failure, mysql_error(conn));
     return res;
 }
