@@ -10,9 +10,11 @@
 
 #include "fs/file_lock.h"
 #include "fs/held_file.h"
+#include "fs/path_at.h"
 #include "runtime/report.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -62,21 +64,34 @@ static int close_reported(FILE *stream, const char *name)
     return 0;
 }
 
-/* open_temporary - "<path>.tmp" for writing, or null after the message on
- * standard error.  A path too long to leave room for ".tmp" in the
- * 4096-byte name buffer is refused the same way (ENAMETOOLONG) rather than
- * writing to a cut-off name. */
-static FILE *open_temporary(const char *path, char *tmp)
+/* open_stream - the last name of at opened with flags as a stream of
+ * fmode; null with errno */
+static FILE *open_stream(PathAt *at, int flags, const char *fmode)
 {
-    FILE *out;
+    int fd = at_open(at, flags, 0666);
+    FILE *stream = fd < 0 ? nullptr : fdopen(fd, fmode);
 
-    if (snprintf(tmp, PATH_BUF_SIZE, "%s.tmp", path) >= static_cast<int>(PATH_BUF_SIZE)) {
-        report_stderr("Unable to open file %s.tmp: %s\n", path, strerror(ENAMETOOLONG));
+    if (fd >= 0 && stream == nullptr) {
+        int err = errno;
+        close(fd);
+        errno = err;
+    }
+    return stream;
+}
+
+/* open_temporary - "<path>.tmp" beside the file, for writing, or null
+ * after the message on standard error.  A path too long to leave room for
+ * ".tmp" in the 4096-byte name buffer is refused the same way
+ * (ENAMETOOLONG) rather than writing to a cut-off name. */
+static FILE *open_temporary(PathAt *at, PathAt *tmp, char *tmp_path)
+{
+    if (at_temporary(at, tmp, tmp_path) != 0) {
+        report_stderr("Unable to open file %s.tmp: %s\n", at->path, strerror(ENAMETOOLONG));
         return nullptr;
     }
-    out = fopen(tmp, "w");
+    FILE *out = open_stream(tmp, O_WRONLY | O_CREAT | O_TRUNC, "w");
     if (!out)
-        report_stderr("Unable to open file %s: %s\n", tmp, strerror(errno));
+        report_stderr("Unable to open file %s: %s\n", tmp_path, strerror(errno));
     return out;
 }
 
@@ -88,30 +103,39 @@ static int write_all(FILE *out, const TextBuf *text)
     return fwrite(text->data, 1, text->len, out) == text->len ? 0 : -1;
 }
 
+/* keep_fd - a descriptor of the written file, kept past its fclose so that
+ * its owner and mode are set on the very file written */
+static void keep_fd(FILE *out, int *kept)
+{
+    *kept = dup(fileno(out));
+}
+
 /* edit_rewrite - the removals: read the file, edit, write the temporary
  * file, rename it over the file.  0 or 1; the lock stays with the caller.
  * A read error is reported and leaves the file untouched (a short read
- * must not be taken for the whole file).  A write failure ends the process for both removals, as for a kept line
- * that cannot be written: a half-written copy must not replace the file. */
-static int edit_rewrite(const char *path, const char *const *lines, int operation, int mode)
+ * must not be taken for the whole file).  A write failure ends the process
+ * for both removals, as for a kept line that cannot be written: a
+ * half-written copy must not replace the file. */
+static int edit_rewrite(PathAt *at, const char *const *lines, int operation, int mode, int *kept)
 {
-    char tmp[PATH_BUF_SIZE];
+    char tmp_path[PATH_BUF_SIZE];
+    PathAt tmp;
     TextBuf text = {}, edited = {};
     FILE *in, *out;
     int bad = 0;
 
-    in = fopen(path, "r");
+    in = open_stream(at, O_RDONLY, "r");
     if (!in) {
-        report(0, "Unable to open file %s: %s\n", path, strerror(errno));
+        report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
         return 1;
     }
     if (read_all(in, &text) != 0) {
-        report(0, "Unable to read file %s: %s\n", path, strerror(errno));
+        report(0, "Unable to read file %s: %s\n", at->path, strerror(errno));
         fclose(in);
         text_buf_free(&text);
         return 1;
     }
-    out = open_temporary(path, tmp);
+    out = open_temporary(at, &tmp, tmp_path);
     if (!out) {
         fclose(in);
         text_buf_free(&text);
@@ -120,18 +144,19 @@ static int edit_rewrite(const char *path, const char *const *lines, int operatio
     if (line_edit_apply(text.data, text.len, lines, operation, mode, &edited) < 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
     if (write_all(out, &edited) != 0)
-        report(1, "cannot write a line to %s.tmp", path);
+        report(1, "cannot write a line to %s.tmp", at->path);
     text_buf_free(&text);
     text_buf_free(&edited);
-    bad |= close_reported(in, path);
-    bad |= close_reported(out, tmp);
+    keep_fd(out, kept);
+    bad |= close_reported(in, at->path);
+    bad |= close_reported(out, tmp_path);
     if (bad)
         return 1;
-    if (rename(tmp, path) != 0) {
+    if (renameat(tmp.dir, tmp.name, at->dir, at->name) != 0) {
         if (operation == FILE_STR_REMOVE)
-            report(0, "Error while rename file %s: %s\n", path, strerror(errno));
+            report(0, "Error while rename file %s: %s\n", at->path, strerror(errno));
         else
-            report_stderr("Error while rename file %s: %s\n", tmp, strerror(errno));
+            report_stderr("Error while rename file %s: %s\n", tmp_path, strerror(errno));
         return 1;
     }
     return 0;
@@ -140,19 +165,20 @@ static int edit_rewrite(const char *path, const char *const *lines, int operatio
 /* edit_prepend - the entries, then the file's content, into the temporary
  * file, renamed over the file.  The temporary file is opened first: when
  * the file itself cannot be opened it is left holding the new lines. */
-static int edit_prepend(const char *path, const char *const *lines)
+static int edit_prepend(PathAt *at, const char *const *lines, int *kept)
 {
-    char tmp[PATH_BUF_SIZE];
+    char tmp_path[PATH_BUF_SIZE];
+    PathAt tmp;
     TextBuf text = {}, edited = {};
     FILE *in, *out;
     int bad = 0;
 
-    out = open_temporary(path, tmp);
+    out = open_temporary(at, &tmp, tmp_path);
     if (!out)
         return 1;
-    in = fopen(path, "r");
+    in = open_stream(at, O_RDONLY, "r");
     if (in && read_all(in, &text) != 0) {
-        report(0, "Unable to read file %s: %s\n", path, strerror(errno));
+        report(0, "Unable to read file %s: %s\n", at->path, strerror(errno));
         fclose(in);
         fclose(out);
         text_buf_free(&text);
@@ -166,23 +192,24 @@ static int edit_prepend(const char *path, const char *const *lines)
         text_buf_free(&edited);
         fclose(out);
         errno = err;
-        report(0, "Unable to open file %s: %s\n", path, strerror(errno));
+        report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
         return 1;
     }
     if (line_edit_apply(text.data, text.len, lines, FILE_STR_ADD, FILE_STR_AT_BEGIN, &edited) < 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
     if (write_all(out, &edited) != 0) {
-        report(0, "Unable to fputs to file %s: %s\n", path, strerror(errno));
+        report(0, "Unable to fputs to file %s: %s\n", at->path, strerror(errno));
         bad = -1;
     }
     text_buf_free(&text);
     text_buf_free(&edited);
-    bad |= close_reported(in, path);
-    bad |= close_reported(out, tmp);
+    keep_fd(out, kept);
+    bad |= close_reported(in, at->path);
+    bad |= close_reported(out, tmp_path);
     if (bad)
         return 1;
-    if (rename(tmp, path) != 0) {
-        report_stderr("Unable to rename file %s: %s\n", tmp, strerror(errno));
+    if (renameat(tmp.dir, tmp.name, at->dir, at->name) != 0) {
+        report_stderr("Unable to rename file %s: %s\n", tmp_path, strerror(errno));
         return 1;
     }
     return 0;
@@ -192,15 +219,15 @@ static int edit_prepend(const char *path, const char *const *lines)
  * missing.  They go out unbuffered, in one write, while the file's size
  * before is known: a write that stops halfway (a full disk) is cut back to
  * that size, so the file never ends in a part of an entry. */
-static int edit_append(const char *path, const char *const *lines)
+static int edit_append(PathAt *at, const char *const *lines, int *kept)
 {
     TextBuf edited = {};
-    FILE *out = fopen(path, "a");
+    FILE *out = open_stream(at, O_WRONLY | O_CREAT | O_APPEND, "a");
     struct stat st;
     int bad = 0;
 
     if (!out) {
-        report(0, "Unable to open file %s: %s\n", path, strerror(errno));
+        report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
         return 1;
     }
     setvbuf(out, nullptr, _IONBF, 0);
@@ -210,28 +237,80 @@ static int edit_append(const char *path, const char *const *lines)
     if (write_all(out, &edited) != 0) {
         int err = errno;
         if (before >= 0 && ftruncate(fileno(out), before) != 0)
-            report(0, "Unable to cut file %s back to %lld bytes: %s\n", path,
+            report(0, "Unable to cut file %s back to %lld bytes: %s\n", at->path,
                    static_cast<long long>(before), strerror(errno));
-        report(0, "Unable to fputs to file %s: %s\n", path, strerror(err));
+        report(0, "Unable to fputs to file %s: %s\n", at->path, strerror(err));
         bad = 1;
     }
     text_buf_free(&edited);
-    if (close_reported(out, path) != 0)
+    keep_fd(out, kept);
+    if (close_reported(out, at->path) != 0)
         bad = 1;
     return bad;
+}
+
+/* edit_at - stat, edit and put owner and mode back, on the file reached
+ * through at; 0 or 1, the lock stays with the caller */
+static int edit_at(PathAt *at, const char *const *lines, int operation, int mode)
+{
+    struct stat st;
+    int missing = 0, result = 0, kept = -1;
+
+    if (at_stat(at, &st) != 0) {
+        if (errno != ENOENT) {
+            report(0, "file_str: Unable to stat file %s: %s\n", at->path, strerror(errno));
+            return 1;
+        }
+        missing = 1;
+    } else if (at->guarded && !(S_ISREG(st.st_mode) && st.st_nlink == 1)) {
+        /* A link or another object planted where the file belongs goes
+         * (at_open removes it with a warning): the file is then missing. */
+        int fd = at_open(at, O_RDONLY, 0);
+        if (fd >= 0)
+            close(fd);
+        missing = 1;
+    }
+
+    if (operation == FILE_STR_REMOVE) {
+        if (missing)
+            return 1;
+        result = edit_rewrite(at, lines, operation, mode, &kept);
+    } else if (operation == FILE_STR_REMOVE_MATCHING) {
+        result = edit_rewrite(at, lines, operation, mode, &kept);
+    } else if (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN) {
+        result = edit_prepend(at, lines, &kept);
+    } else if (operation == FILE_STR_ADD && mode == FILE_STR_AT_END) {
+        result = edit_append(at, lines, &kept);
+    }
+    if (result == 0 && !missing) {
+        /* The owner and mode go on the file written (or, for an operation
+         * that wrote nothing, the file as it is). */
+        int fd = kept >= 0 ? kept : at_open(at, O_RDONLY, 0);
+        if (fd < 0 || fchown(fd, st.st_uid, st.st_gid) != 0) {
+            report(0, "file_str: ERROR: Unable to chown file %s: %s", at->path, strerror(errno));
+            result = 1;
+        }
+        if (fd < 0 || fchmod(fd, st.st_mode & 07777) != 0) {
+            report(0, "file_str: ERROR: Unable to chmod file %s: %s", at->path, strerror(errno));
+            result = 1;
+        }
+        if (fd >= 0 && fd != kept)
+            close(fd);
+    }
+    if (kept >= 0)
+        close(kept);
+    return result;
 }
 
 int file_str_list(const char *path, const char *const *lines, int operation, int mode)
 {
     FileLock *lock;
-    struct stat st;
-    int missing = 0, result = 0;
+    PathAt at;
 
     /* A file held in memory for a batch takes the edit there. */
-    result = held_file_edit(path, lines, operation, mode);
+    int result = held_file_edit(path, lines, operation, mode);
     if (result >= 0)
         return result;
-    result = 0;
     lock = file_lock(path, 1);
 
     if (!file_lock_held(lock)) {
@@ -239,39 +318,20 @@ int file_str_list(const char *path, const char *const *lines, int operation, int
         file_lock_dispose(lock);
         return 1;
     }
-    if (stat(path, &st) != 0) {
-        if (errno != ENOENT) {
-            report(0, "file_str: Unable to stat file %s: %s\n", path, strerror(errno));
+    /* The file's directory is opened once, and every step of the edit
+     * works through it: in the mail tree no link is followed, and the
+     * directory cannot be swapped between two steps. */
+    if (path_at(path, &at) != 0) {
+        if (errno == ENOENT && operation == FILE_STR_REMOVE)
             return fail(lock, path);
-        }
-        missing = 1;
+        report(0, "Unable to open file %s: %s\n", path, strerror(errno));
+        return fail(lock, path);
     }
-
-    if (operation == FILE_STR_REMOVE) {
-        if (missing)
-            return fail(lock, path);
-        result = edit_rewrite(path, lines, operation, mode);
-    } else if (operation == FILE_STR_REMOVE_MATCHING) {
-        result = edit_rewrite(path, lines, operation, mode);
-    } else if (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN) {
-        result = edit_prepend(path, lines);
-    } else if (operation == FILE_STR_ADD && mode == FILE_STR_AT_END) {
-        result = edit_append(path, lines);
-    }
+    result = edit_at(&at, lines, operation, mode);
+    path_at_close(&at);
     if (result != 0)
         return fail(lock, path);
-
-    if (!missing) {
-        if (chown(path, st.st_uid, st.st_gid) != 0) {
-            report(0, "file_str: ERROR: Unable to chown file %s: %s", path, strerror(errno));
-            result = 1;
-        }
-        if (chmod(path, st.st_mode & 07777) != 0) {
-            report(0, "file_str: ERROR: Unable to chmod file %s: %s", path, strerror(errno));
-            result = 1;
-        }
-    }
-    return release(lock, path) | result;
+    return release(lock, path);
 }
 
 int file_str(const char *path, const char *line, int operation, int mode)

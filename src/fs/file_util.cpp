@@ -12,6 +12,7 @@
 #include "fs/file_util.h"
 
 #include "fs/file_lock.h"
+#include "fs/path_at.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -33,7 +34,7 @@ static char first_line_buf[4097];
 
 int create_file(const char *path)
 {
-    int fd = open(path, O_WRONLY | O_CREAT, CREATE_MODE);
+    int fd = path_open(path, O_WRONLY | O_CREAT, CREATE_MODE);
 
     if (fd < 0) {
         report(0, "Unable to create file %s: %s", path, strerror(errno));
@@ -45,7 +46,7 @@ int create_file(const char *path)
 
 int truncate_file(const char *path)
 {
-    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, CREATE_MODE);
+    int fd = path_open(path, O_WRONLY | O_CREAT | O_TRUNC, CREATE_MODE);
 
     if (fd < 0) {
         report(0, "Unable to truncate or create file %s: %s", path, strerror(errno));
@@ -57,36 +58,39 @@ int truncate_file(const char *path)
 
 int make_dir(const char *path, uid_t uid, gid_t gid, mode_t mode)
 {
-    if (mkdir(path, mode) != 0 && errno != EEXIST) {
+    PathAt at;
+    int fd = -1;
+
+    if (path_at(path, &at) == 0) {
+        fd = at_dir(&at, mode, nullptr);
+        int err = errno;
+        path_at_close(&at);
+        errno = err;
+    }
+    if (fd < 0) {
         report(0, "ERROR: Unable to mkdir %s: %s\n", path, strerror(errno));
         return -1;
     }
-    if (chown(path, uid, gid) != 0 && errno != ENOENT) {
+    int rc = 0;
+    if (fchown(fd, uid, gid) != 0) {
         report(0, "ERROR: Unable to chown %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    if (chmod(path, mode) != 0 && errno != ENOENT) {
+        rc = -1;
+    } else if (fchmod(fd, mode) != 0) {
         report(0, "ERROR: Unable to chmod %s: %s\n", path, strerror(errno));
-        return -1;
+        rc = -1;
     }
-    return 0;
+    close(fd);
+    return rc;
 }
 
 int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode)
 {
-    struct stat st;
+    const char *step;
 
-    if (stat(path, &st) != 0)
+    if (path_owner_mode(path, uid, gid, mode, &step) == 0 || errno == ENOENT)
         return 0;
-    if (chown(path, uid, gid) != 0) {
-        report(0, "ERROR: unable to chown %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    if (chmod(path, mode) != 0) {
-        report(0, "ERROR: unable to chmod %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    return 0;
+    report(0, "ERROR: unable to %s %s: %s\n", step, path, strerror(errno));
+    return -1;
 }
 
 int rename_dir(const char *source, const char *target)

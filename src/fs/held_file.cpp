@@ -11,6 +11,7 @@
 #include "fs/file_lock.h"
 #include "fs/line_edit.h"
 #include "fs/line_store.h"
+#include "fs/path_at.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -85,7 +86,7 @@ static int load(HeldFile *h)
 
     if (h->loaded)
         return 0;
-    int fd = open(h->path, O_RDONLY);
+    int fd = path_open(h->path, O_RDONLY, 0);
     if (fd < 0) {
         int err = errno;
         if (stat(h->path, &st) != 0 && errno != ENOENT) {
@@ -160,7 +161,7 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
  * its new blocks to disk at the close. */
 static int write_in_place(HeldFile *h, const TextBuf *text)
 {
-    int fd = open(h->path, O_WRONLY | O_CREAT, 0666);
+    int fd = path_open(h->path, O_WRONLY | O_CREAT, 0666);
     int err = 0;
     struct stat st;
 
@@ -182,22 +183,33 @@ static int write_in_place(HeldFile *h, const TextBuf *text)
     return 0;
 }
 
-/* write_through_tmp - the copy through "<path>.tmp" and a rename; 0 or 1.  The
- * file keeps the owner, group and mode it has on disk; a file the edits
- * created gets those of a newly created file. */
+/* write_through_tmp - the copy through "<path>.tmp" and a rename, both
+ * made through the file's opened directory; 0 or 1.  The file keeps the
+ * owner, group and mode it has on disk; a file the edits created gets
+ * those of a newly created file. */
 static int write_through_tmp(HeldFile *h, const TextBuf *text)
 {
-    char tmp[PATH_BUF_SIZE];
+    char tmp_path[PATH_BUF_SIZE];
+    PathAt at, tmp;
     struct stat st;
-    int have_st = stat(h->path, &st) == 0;
 
-    if (snprintf(tmp, sizeof(tmp), "%s.tmp", h->path) >= static_cast<int>(sizeof(tmp))) {
-        report(0, "Unable to open file %s.tmp: %s\n", h->path, strerror(ENAMETOOLONG));
+    if (path_at(h->path, &at) != 0) {
+        report(0, "Unable to open file %s.tmp: %s\n", h->path, strerror(errno));
         return 1;
     }
-    FILE *out = fopen(tmp, "w");
+    int have_st = at_stat(&at, &st) == 0 && S_ISREG(st.st_mode);
+    if (at_temporary(&at, &tmp, tmp_path) != 0) {
+        report(0, "Unable to open file %s.tmp: %s\n", h->path, strerror(ENAMETOOLONG));
+        path_at_close(&at);
+        return 1;
+    }
+    int fd = at_open(&tmp, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    FILE *out = fd < 0 ? nullptr : fdopen(fd, "w");
     if (!out) {
-        report(0, "Unable to open file %s: %s\n", tmp, strerror(errno));
+        report(0, "Unable to open file %s: %s\n", tmp_path, strerror(errno));
+        if (fd >= 0)
+            close(fd);
+        path_at_close(&at);
         return 1;
     }
     /* Written, flushed to the disk and given its owner and mode before the
@@ -213,15 +225,18 @@ static int write_through_tmp(HeldFile *h, const TextBuf *text)
     if (fclose(out) != 0 && !err)
         err = errno;
     if (err) {
-        report(0, "Unable to write file %s: %s\n", tmp, strerror(err));
-        unlink(tmp);
+        report(0, "Unable to write file %s: %s\n", tmp_path, strerror(err));
+        unlinkat(tmp.dir, tmp.name, 0);
+        path_at_close(&at);
         return 1;
     }
-    if (rename(tmp, h->path) != 0) {
-        report(0, "Unable to rename file %s: %s\n", tmp, strerror(errno));
-        unlink(tmp);
+    if (renameat(tmp.dir, tmp.name, at.dir, at.name) != 0) {
+        report(0, "Unable to rename file %s: %s\n", tmp_path, strerror(errno));
+        unlinkat(tmp.dir, tmp.name, 0);
+        path_at_close(&at);
         return 1;
     }
+    path_at_close(&at);
     return 0;
 }
 

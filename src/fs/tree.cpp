@@ -1,14 +1,15 @@
 /* tree - directory tree walks (remove, chmod, chown, rename by name),
  * deferred removal of domain directories and the path helpers they use.
  *
- * A walk runs with the working directory set to the directory being read
- * and addresses entries by their bare names; the previous working directory
- * is kept as an open descriptor and restored afterwards.  Symbolic links are
- * never followed: a link found in a tree is removed as a link or left alone.
+ * A walk works through the descriptor of each directory it reads and
+ * addresses entries by their bare names with the *at calls.  Symbolic links
+ * are never followed: a link found in a tree is removed as a link or left
+ * alone.
  */
 #include "fs/tree.h"
 
 #include "fs/file_util.h"
+#include "fs/path_at.h"
 #include "proc/exec.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
@@ -38,20 +39,38 @@ struct WalkOp {
     const char *new_name;
 };
 
+/* chmod_entry - mode for the regular file name in dir, through a
+ * descriptor opened without following a link; 0 or -1 */
+static int chmod_entry(int dir, const char *name, mode_t mode)
+{
+    int fd = openat(dir, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    struct stat st;
+
+    if (fd < 0)
+        return -1;
+    int rc = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? fchmod(fd, mode) : 0;
+    int err = errno;
+    close(fd);
+    errno = err;
+    return rc;
+}
+
 /* top_entry - a top path that is not a directory */
-static void top_entry(const char *path, const struct stat &st, const WalkOp &op)
+static void top_entry(int dir, const char *name, const char *path, const struct stat &st,
+                      const WalkOp &op)
 {
     switch (op.kind) {
     case WALK_REMOVE:
-        if ((S_ISLNK(st.st_mode) || S_ISREG(st.st_mode)) && unlink(path) != 0 && errno != ENOENT)
+        if ((S_ISLNK(st.st_mode) || S_ISREG(st.st_mode)) && unlinkat(dir, name, 0) != 0
+            && errno != ENOENT)
             report(1, "Unable to unlink entry %s: %s\n", path, strerror(errno));
         break;
     case WALK_CHMOD:
-        if (S_ISREG(st.st_mode) && chmod(path, op.file_mode) != 0)
+        if (S_ISREG(st.st_mode) && chmod_entry(dir, name, op.file_mode) != 0)
             report(1, "Unable to chmod entry %s: %s\n", path, strerror(errno));
         break;
     case WALK_CHOWN:
-        if (S_ISREG(st.st_mode) && lchown(path, op.uid, op.gid) != 0)
+        if (S_ISREG(st.st_mode) && fchownat(dir, name, op.uid, op.gid, AT_SYMLINK_NOFOLLOW) != 0)
             report(1, "Unable to chown directory entry %s: %s\n", path, strerror(errno));
         break;
     case WALK_RENAME:
@@ -61,45 +80,48 @@ static void top_entry(const char *path, const struct stat &st, const WalkOp &op)
     }
 }
 
-/* inner_entry - an entry of a walked directory that is not a directory */
-static void inner_entry(const char *name, const struct stat &st, const WalkOp &op, int top)
+/* inner_entry - an entry of the walked directory dir that is not a
+ * directory */
+static void inner_entry(int dir, const char *name, const struct stat &st, const WalkOp &op,
+                        int top)
 {
     switch (op.kind) {
     case WALK_REMOVE:
-        if (unlink(name) != 0 && errno != ENOENT)
+        if (unlinkat(dir, name, 0) != 0 && errno != ENOENT)
             report(1, "Unable to unlink directory entry %s: %s\n", name, strerror(errno));
         break;
     case WALK_CHMOD:
-        if (S_ISREG(st.st_mode) && chmod(name, op.file_mode) != 0)
+        if (S_ISREG(st.st_mode) && chmod_entry(dir, name, op.file_mode) != 0)
             report(1, "Unable to chmod directory entry %s: %s\n", name, strerror(errno));
         break;
     case WALK_CHOWN:
-        if (S_ISREG(st.st_mode) && lchown(name, op.uid, op.gid) != 0)
+        if (S_ISREG(st.st_mode) && fchownat(dir, name, op.uid, op.gid, AT_SYMLINK_NOFOLLOW) != 0)
             report(1, "Unable to chown directory entry %s: %s\n", name, strerror(errno));
         break;
     case WALK_RENAME:
         if (top == 1 && S_ISREG(st.st_mode) && strcmp(name, op.old_name) == 0 &&
-            rename(op.old_name, op.new_name) != 0)
+            renameat(dir, op.old_name, dir, op.new_name) != 0)
             report(1, "Unable to rename directory entry %s to %s: %s\n", op.old_name,
                    op.new_name, strerror(errno));
         break;
     }
 }
 
-/* finish_dir - the walked directory itself, once its entries are done */
-static void finish_dir(const char *path, const WalkOp &op)
+/* finish_dir - the walked directory itself (open as fd, called name in
+ * parent), once its entries are done */
+static void finish_dir(int parent, const char *name, int fd, const char *path, const WalkOp &op)
 {
     switch (op.kind) {
     case WALK_REMOVE:
-        if (rmdir(path) != 0 && errno != ENOENT)
+        if (unlinkat(parent, name, AT_REMOVEDIR) != 0 && errno != ENOENT)
             report(1, "Unable to remove dir %s: %s\n", path, strerror(errno));
         break;
     case WALK_CHMOD:
-        if (chmod(path, op.dir_mode) != 0)
+        if (fchmod(fd, op.dir_mode) != 0)
             report(1, "Unable to chmod dir %s: %s\n", path, strerror(errno));
         break;
     case WALK_CHOWN:
-        if (lchown(path, op.uid, op.gid) != 0)
+        if (fchown(fd, op.uid, op.gid) != 0)
             report(1, "Unable to chown dir %s: %s\n", path, strerror(errno));
         break;
     case WALK_RENAME:
@@ -107,60 +129,80 @@ static void finish_dir(const char *path, const WalkOp &op)
     }
 }
 
-/* walk - apply op to path and, for a directory, to everything below it */
-static void walk(const char *path, int top, const WalkOp &op)
+/* walk_at - apply op to name in the open directory parent (path names it
+ * in messages) and, for a directory, to everything below it.  Every step
+ * goes through the descriptor of the directory it works in, and no link is
+ * ever followed, so a tree changed while it is walked cannot lead the walk
+ * out of it. */
+static void walk_at(int parent, const char *name, const char *path, int top, const WalkOp &op)
 {
     struct stat st;
 
-    /* Only remove_tree takes a missing path as done.  Any other lstat
-     * failure (a parent that is not a directory, a name too long, no
-     * permission) ends every walk, with the system's reason. */
-    if (lstat(path, &st) != 0) {
+    /* Only remove_tree takes a missing path as done.  Any other failure
+     * (a parent that is not a directory, a name too long, no permission)
+     * ends every walk, with the system's reason. */
+    if (fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
         if (errno == ENOENT && op.kind == WALK_REMOVE)
             return;
         report(1, "Unable to get entry %s: %s\n", path, strerror(errno));
     }
     if (!S_ISDIR(st.st_mode)) {
-        top_entry(path, st, op);
+        top_entry(parent, name, path, st, op);
         return;
     }
 
-    int cwd_fd = open(".", O_RDONLY | O_NONBLOCK);
-    if (cwd_fd < 0)
-        report(1, "Unable to get file descriptor of current dir: %s\n", strerror(errno));
-    /* O_NOFOLLOW: a directory swapped for a link since the lstat above is
+    /* O_NOFOLLOW: a directory swapped for a link since the look above is
      * refused instead of being walked. */
-    int dir_fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-    DIR *dir = dir_fd < 0 ? nullptr : fdopendir(dir_fd);
+    int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    int list_fd = fd < 0 ? -1 : dup(fd);
+    DIR *dir = list_fd < 0 ? nullptr : fdopendir(list_fd);
     if (dir == nullptr)
         report(1, "Unable to open dir %s: %s\n", path, strerror(errno));
-    if (fchdir(dirfd(dir)) != 0)
-        report(1, "Unable to change dir %s: %s\n", path, strerror(errno));
 
     struct dirent *ent;
     while ((ent = readdir(dir)) != nullptr) {
-        const char *name = ent->d_name;
+        const char *entry = ent->d_name;
         struct stat est;
 
-        if (lstat(name, &est) != 0) {
+        if (strcmp(entry, ".") == 0 || strcmp(entry, "..") == 0)
+            continue;
+        if (fstatat(fd, entry, &est, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno == ENOENT)
                 continue;
-            report(1, "Unable to check directory entry %s: %s\n", name, strerror(errno));
+            report(1, "Unable to check directory entry %s: %s\n", entry, strerror(errno));
         }
-        if (S_ISDIR(est.st_mode)) {
-            if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0)
-                walk(name, 1, op);
-        } else {
-            inner_entry(name, est, op, top);
-        }
+        if (S_ISDIR(est.st_mode))
+            walk_at(fd, entry, entry, 1, op);
+        else
+            inner_entry(fd, entry, est, op, top);
     }
-
-    if (fchdir(cwd_fd) != 0 || close(cwd_fd) != 0)
-        report(1, "Unable to restore & close current dir: %s\n", strerror(errno));
     if (closedir(dir) != 0)
         report(1, "Unable to close dir %s: %s\n", path, strerror(errno));
     if (top == 1)
-        finish_dir(path, op);
+        finish_dir(parent, name, fd, path, op);
+    close(fd);
+}
+
+/* walk - walk_at for a path, reached without following a link below a
+ * mail domain directory */
+static void walk(const char *path, int top, const WalkOp &op)
+{
+    PathAt at;
+
+    if (path_at(path, &at) != 0) {
+        if (errno == ENOENT && op.kind == WALK_REMOVE)
+            return;
+        report(1, "Unable to get entry %s: %s\n", path, strerror(errno));
+    }
+    walk_at(at.dir, at.name, path, top, op);
+    path_at_close(&at);
+}
+
+void remove_tree_at(int dir, const char *name, const char *path)
+{
+    WalkOp op = {};
+    op.kind = WALK_REMOVE;
+    walk_at(dir, name, path, 1, op);
 }
 
 void remove_tree(const char *path, int top)

@@ -7,8 +7,8 @@
  * purge_deleted_entries() deletes everything set aside.  is_subdir(),
  * real_path() and is_empty_string() are the path helpers they need.
  *
- * The walks, is_subdir(), real_path() and the purge change the working
- * directory of the process while they run and restore it afterwards.
+ * is_subdir(), real_path() and the purge change the working directory of
+ * the process while they run and restore it afterwards.
  */
 #ifndef REBOX_FS_TREE_H
 #define REBOX_FS_TREE_H
@@ -17,6 +17,10 @@
 
 /* remove_tree - delete path; with top 0 a directory is emptied but kept */
 void remove_tree(const char *path, int top);
+
+/* remove_tree_at - delete name in the open directory dir, and everything
+ * below it; path names it in messages */
+void remove_tree_at(int dir, const char *name, const char *path);
 
 /* chmod_tree - regular files get file_mode, directories dir_mode (the top
  * directory only with top 1); links and special files are left alone */

@@ -3,6 +3,7 @@
 #include "mailconf/delivery.h"
 
 #include "fs/file_str.h"
+#include "fs/path_at.h"
 #include "mailconf/idn.h"
 #include "mailconf/pop3.h"
 #include "mailconf/qmail_common.h"
@@ -55,10 +56,9 @@ static void give_to_popuser(const char *path, PopuserIds *ids)
 {
     if (!popuser_known(ids))
         report(1, "Unable to define UID or GID for user popuser");
-    if (chown(path, ids->uid, ids->gid) != 0)
-        report(1, "Unable to chown %s file: %s", path, strerror(errno));
-    if (chmod(path, 0600) != 0)
-        report(1, "Unable to chmod %s file: %s", path, strerror(errno));
+    const char *step;
+    if (path_owner_mode(path, ids->uid, ids->gid, 0600, &step) != 0)
+        report(1, "Unable to %s %s file: %s", step, path, strerror(errno));
 }
 
 int add_postbox(const char *mail_name, const char *domain, const char *password,

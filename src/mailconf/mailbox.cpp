@@ -4,6 +4,7 @@
 
 #include "fs/file_str.h"
 #include "fs/file_util.h"
+#include "fs/path_at.h"
 #include "fs/tree.h"
 #include "mailconf/idn.h"
 #include "mailconf/qmail_common.h"
@@ -12,6 +13,7 @@
 #include "runtime/report.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -21,9 +23,13 @@
 /* The popuser ids of add_mailbox, looked up once per process. */
 static PopuserIds add_popuser;
 
-/* Directories made in every home, in this order, relative to it. */
-static const char *const mailbox_subdirs[] = {
-    "Maildir", "Maildir/tmp", "Maildir/new", "Maildir/cur", "@attachments", nullptr,
+/* Directories made in every home, in this order: each inside the home
+ * (parent -1) or inside the directory made at index parent. */
+static const struct {
+    const char *name;
+    int parent;
+} mailbox_subdirs[] = {
+    {"Maildir", -1}, {"tmp", 0}, {"new", 0}, {"cur", 0}, {"@attachments", -1},
 };
 
 /* format_mailbox_record - the assign record "=id-name:popuser:uid:gid:home:::" */
@@ -48,27 +54,61 @@ static void format_mailbox_record(char *buf, const char *id, const char *mail_na
     report_exit(1);
 }
 
-/* make_owned_dir - mkdir with mode 0700 (an existing one keeps its mode)
- * and give it to popuser; 0, or -1 with *what telling the failing step */
-static int make_owned_dir(const char *path, const char **what)
+/* make_owned_dir - the directory at (made with mode 0700 when missing; an
+ * existing one keeps its mode) given to popuser; its descriptor, or -1
+ * with *what telling the failing step */
+static int make_owned_dir(PathAt *at, const char **what)
 {
-    if (mkdir(path, 0700) != 0 && errno != EEXIST) {
+    int fd = at_dir(at, 0700, nullptr);
+
+    if (fd < 0) {
         *what = "make";
         return -1;
     }
     errno = 0;
-    if (chown(path, add_popuser.uid, add_popuser.gid) != 0) {
+    if (fchown(fd, add_popuser.uid, add_popuser.gid) != 0) {
+        int err = errno;
+        close(fd);
+        errno = err;
         *what = "chown";
         return -1;
     }
-    return 0;
+    return fd;
+}
+
+/* start_qmail - the home's delivery file emptied (or made) and given to
+ * popuser with mode 0600, through the home's descriptor */
+static void start_qmail(int home_fd, const char *home)
+{
+    char path[QMAIL_BUF_SIZE];
+    PathAt at;
+
+    snprintf(path, sizeof(path), "%s/.qmail", home);
+    at_child(&at, home_fd, ".qmail", path);
+    int fd = at_open(&at, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0) {
+        report(0, "Unable to truncate or create file %s: %s", path, strerror(errno));
+        report(1, "Unable to create %s file\n", ".qmail");
+    }
+    if (fchown(fd, add_popuser.uid, add_popuser.gid) != 0)
+        report(1, "Unable to chown .qmail file: %s", strerror(errno));
+    if (fchmod(fd, 0600) != 0)
+        report(1, "Unable to chmod .qmail file: %s", strerror(errno));
+    close(fd);
+    /* Edited by its full path, as the delivery writers spell it: its named
+     * lock is then the one they and the panel's other tools take. */
+    if (strlen(path) >= QMAIL_BUF_SIZE - 1
+        || file_str(path, "| true", FILE_STR_ADD, FILE_STR_AT_END) != 0)
+        report(1, "Unable to add string to .qmail file\n");
 }
 
 int add_mailbox(const char *mail_name, const char *domain)
 {
     char record[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
-    char home[QMAIL_BUF_SIZE], cwd[QMAIL_BUF_SIZE], message[QMAIL_BUF_SIZE * 3];
+    char home[QMAIL_BUF_SIZE], message[QMAIL_BUF_SIZE * 3];
     const char *what = nullptr;
+    int fds[sizeof(mailbox_subdirs) / sizeof(mailbox_subdirs[0])];
+    PathAt at;
 
     if (!mail_name_valid(mail_name) || domain == nullptr || *domain == '\0')
         report(1, "invalid mailname or domain name.");
@@ -92,48 +132,46 @@ int add_mailbox(const char *mail_name, const char *domain)
     }
     chmod(path, 0600);
 
+    /* The home and everything in it are made through directory
+     * descriptors: popuser owns the domain directory, and no link or
+     * swapped directory there may lead a mkdir, chown or write elsewhere. */
     snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii,
              mail_name);
     free(ascii);
-    if (make_owned_dir(home, &what) != 0) {
+    int home_fd = -1;
+    what = "make";
+    if (path_at(home, &at) == 0) {
+        home_fd = make_owned_dir(&at, &what);
+        int err = errno;
+        path_at_close(&at);
+        errno = err;
+    }
+    if (home_fd < 0) {
         snprintf(message, sizeof(message), "Unable to %s %s dir: %s", what, home,
                  strerror(errno));
         undo_and_die(mail_name, domain, message);
     }
 
-    if (getcwd(cwd, sizeof(cwd)) == nullptr) {
-        snprintf(message, sizeof(message), "Unable to getcwd: %s", strerror(errno));
-        undo_and_die(mail_name, domain, message);
-    }
-    if (chdir(home) != 0) {
-        snprintf(message, sizeof(message), "Unable to chdir %s: %s", home, strerror(errno));
-        undo_and_die(mail_name, domain, message);
-    }
+    start_qmail(home_fd, home);
 
-    if (truncate_file(".qmail") != 0)
-        report(1, "Unable to create %s file\n", ".qmail");
-    if (chown(".qmail", add_popuser.uid, add_popuser.gid) != 0)
-        report(1, "Unable to chown .qmail file: %s", strerror(errno));
-    if (chmod(".qmail", 0600) != 0)
-        report(1, "Unable to chmod .qmail file: %s", strerror(errno));
-    /* Edited by its full path, as the delivery writers spell it: its named
-     * lock is then the one they and the panel's other tools take. */
-    if (snprintf(path, sizeof(path), "%s/.qmail", home) >= static_cast<int>(sizeof(path))
-        || file_str(path, "| true", FILE_STR_ADD, FILE_STR_AT_END) != 0)
-        report(1, "Unable to add string to .qmail file\n");
-
-    for (int i = 0; mailbox_subdirs[i] != nullptr; i++) {
-        if (make_owned_dir(mailbox_subdirs[i], &what) != 0) {
-            snprintf(message, sizeof(message), "Unable to %s %s/%s dir: %s", what, home,
-                     mailbox_subdirs[i], strerror(errno));
+    size_t n = sizeof(mailbox_subdirs) / sizeof(mailbox_subdirs[0]);
+    for (size_t i = 0; i < n; i++) {
+        int parent = mailbox_subdirs[i].parent;
+        const char *name = mailbox_subdirs[i].name;
+        char sub[QMAIL_BUF_SIZE * 2];
+        snprintf(sub, sizeof(sub), "%s/%s%s%s", home, parent < 0 ? "" : mailbox_subdirs[parent].name,
+                 parent < 0 ? "" : "/", name);
+        at_child(&at, parent < 0 ? home_fd : fds[parent], name, sub);
+        fds[i] = make_owned_dir(&at, &what);
+        if (fds[i] < 0) {
+            snprintf(message, sizeof(message), "Unable to %s %s dir: %s", what, sub,
+                     strerror(errno));
             undo_and_die(mail_name, domain, message);
         }
     }
-
-    if (chdir(cwd) != 0) {
-        snprintf(message, sizeof(message), "Unable to chdir %s: %s", cwd, strerror(errno));
-        undo_and_die(mail_name, domain, message);
-    }
+    for (size_t i = 0; i < n; i++)
+        close(fds[i]);
+    close(home_fd);
     return 0;
 }
 

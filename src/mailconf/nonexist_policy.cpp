@@ -6,6 +6,7 @@
 #include "db/pipeline.h"
 #include "fs/file_str.h"
 #include "fs/file_util.h"
+#include "fs/path_at.h"
 #include "mailconf/idn.h"
 #include "mailconf/qmail_common.h"
 #include "mailconf/value_check.h"
@@ -208,10 +209,12 @@ int add_bounce(const char *domain, const char *line)
     unlink(path);
     if (file_str(path, line, FILE_STR_ADD, FILE_STR_AT_END) != 0)
         report(1, "add_bounce: Unable to add record to %s file.", path);
-    if (chown(path, bounce_popuser.uid, bounce_popuser.gid) != 0)
-        report(1, "add_bounce: chown %s failed: %s", path, strerror(errno));
-    if (chmod(path, 0600) != 0)
+    const char *step;
+    if (path_owner_mode(path, bounce_popuser.uid, bounce_popuser.gid, 0600, &step) != 0) {
+        if (strcmp(step, "chown") == 0)
+            report(1, "add_bounce: chown %s failed: %s", path, strerror(errno));
         report(1, "add_bounce: chmod %s failed: %s\n", path, strerror(errno));
+    }
     return 0;
 }
 

@@ -3,6 +3,7 @@
 #include "mailconf/quota.h"
 
 #include "fs/file_lock.h"
+#include "fs/path_at.h"
 #include "fs/users.h"
 #include "mailconf/qmail_common.h"
 #include "mailconf/value_check.h"
@@ -10,6 +11,7 @@
 #include "runtime/report.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -50,75 +52,101 @@ static void unlock_quota(FileLock *lock, const char *path)
         report(0, "Error while unlocking file %s\n", path);
 }
 
-int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes)
+/* write_quota_at - the number into the quota file reached through at,
+ * given to popuser with mode 0640; 1, or 0 after a warning, with no empty,
+ * cut or misowned file left behind */
+static int write_quota_at(PathAt *at, long kilobytes)
 {
-    char path[QMAIL_BUF_SIZE];
     PopuserIds ids;
+    int fd = at_open(at, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    FILE *f = fd < 0 ? nullptr : fdopen(fd, "w");
 
-    if (quota_file_path(path, domain, mail_name) != 0)
-        return 0;
-    FileLock *lock = file_lock(path, 1);
-    if (!file_lock_held(lock)) {
-        report(0, "Error while locking file %s.\n", path);
-        file_unlock(lock);
-        return 0;
-    }
-
-    FILE *f = fopen(path, "w");
     if (f == nullptr) {
-        report(0, "Unable to open file %s: %s\n", path, strerror(errno));
-        unlock_quota(lock, path);
+        report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
+        if (fd >= 0)
+            close(fd);
         return 0;
     }
     fprintf(f, "%ld\n", kilobytes);
-    if (fclose(f) != 0) {
+    int kept = dup(fileno(f));
+    if (fclose(f) != 0 || kept < 0) {
         report(0, "%s", strerror(errno));
         /* The number may not have reached the disk: no empty or cut
          * quota file stays behind. */
-        unlink(path);
-        unlock_quota(lock, path);
+        unlinkat(at->dir, at->name, 0);
+        if (kept >= 0)
+            close(kept);
         return 0;
     }
 
     /* An unknown popuser (ids 0) would leave the file to root: that counts
      * as a failed chown, and the file goes. */
     popuser_lookup(&ids);
-    if (ids.uid == 0 || ids.gid == 0 || chown(path, ids.uid, ids.gid) != 0) {
-        report(0, "Unable to chown quota file %s\n", path);
-        unlink(path);
-        unlock_quota(lock, path);
-        return 0;
-    }
-    if (chmod(path, 0640) != 0) {
-        report(0, "Unable to chmod for quota file %s\n", path);
-        unlink(path);
-        unlock_quota(lock, path);
-        return 0;
-    }
-    unlock_quota(lock, path);
-    return 1;
+    int rc = 0;
+    if (ids.uid == 0 || ids.gid == 0 || fchown(kept, ids.uid, ids.gid) != 0)
+        report(0, "Unable to chown quota file %s\n", at->path);
+    else if (fchmod(kept, 0640) != 0)
+        report(0, "Unable to chmod for quota file %s\n", at->path);
+    else
+        rc = 1;
+    if (rc == 0)
+        unlinkat(at->dir, at->name, 0);
+    close(kept);
+    return rc;
 }
 
-int remove_mbox_quota(const char *domain, const char *mail_name)
+int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes)
 {
     char path[QMAIL_BUF_SIZE];
-    struct stat st;
+    PathAt at;
 
     if (quota_file_path(path, domain, mail_name) != 0)
         return 0;
-    if (stat(path, &st) != 0)
-        return 1;
     FileLock *lock = file_lock(path, 1);
     if (!file_lock_held(lock)) {
         report(0, "Error while locking file %s.\n", path);
         file_unlock(lock);
         return 0;
     }
-    if (unlink(path) != 0) {
-        report(0, "System Error: can not remove quota file %s\n", path);
-        unlock_quota(lock, path);
-        return 0;
+    int rc = 0;
+    if (path_at(path, &at) != 0) {
+        report(0, "Unable to open file %s: %s\n", path, strerror(errno));
+    } else {
+        rc = write_quota_at(&at, kilobytes);
+        path_at_close(&at);
     }
     unlock_quota(lock, path);
-    return 1;
+    return rc;
+}
+
+int remove_mbox_quota(const char *domain, const char *mail_name)
+{
+    char path[QMAIL_BUF_SIZE];
+    struct stat st;
+    PathAt at;
+
+    if (quota_file_path(path, domain, mail_name) != 0)
+        return 0;
+    if (path_at(path, &at) != 0)
+        return 1;
+    if (at_stat(&at, &st) != 0) {
+        path_at_close(&at);
+        return 1;
+    }
+    FileLock *lock = file_lock(path, 1);
+    if (!file_lock_held(lock)) {
+        report(0, "Error while locking file %s.\n", path);
+        file_unlock(lock);
+        path_at_close(&at);
+        return 0;
+    }
+    int rc = 1;
+    /* Removing never follows a link: a link planted there goes itself. */
+    if (unlinkat(at.dir, at.name, 0) != 0) {
+        report(0, "System Error: can not remove quota file %s\n", path);
+        rc = 0;
+    }
+    path_at_close(&at);
+    unlock_quota(lock, path);
+    return rc;
 }

@@ -1,0 +1,277 @@
+/* path_at - the mail tree reached through directory descriptors (see
+ * path_at.h). */
+#include "fs/path_at.h"
+
+#include "fs/tree.h"
+#include "runtime/config.h"
+#include "runtime/report.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+static const size_t PATH_BUF_SIZE = 4096;
+
+/* tree_rest - the part of path below QMAIL_MAILNAMES_D, or null when the
+ * path does not lie inside the mail tree */
+static const char *tree_rest(const char *path)
+{
+    const char *base = panel_config.QMAIL_MAILNAMES_D;
+    size_t len = base ? strlen(base) : 0;
+
+    while (len > 1 && base[len - 1] == '/')
+        len--;
+    if (len == 0 || strncmp(path, base, len) != 0 || path[len] != '/')
+        return nullptr;
+    return path + len + 1;
+}
+
+/* root_link - 1 when name in dir is a link that root owns */
+static int root_link(int dir, const char *name)
+{
+    struct stat st;
+
+    return fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode)
+           && st.st_uid == 0;
+}
+
+/* set_name - copy the last name into the PathAt; -1 when it is too long */
+static int set_name(PathAt *at, const char *name, size_t len)
+{
+    if (len >= sizeof(at->name_buf)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    memcpy(at->name_buf, name, len);
+    at->name_buf[len] = '\0';
+    at->name = at->name_buf;
+    return 0;
+}
+
+/* plain_at - a path outside the mail tree: its directory opened as named */
+static int plain_at(const char *path, PathAt *at)
+{
+    char dir[PATH_BUF_SIZE];
+    const char *slash = strrchr(path, '/');
+
+    if (slash == nullptr) {
+        snprintf(dir, sizeof(dir), ".");
+        slash = path - 1;
+    } else if (snprintf(dir, sizeof(dir), "%.*s", slash == path ? 1 : static_cast<int>(slash - path),
+                        path) >= static_cast<int>(sizeof(dir))) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    if (set_name(at, slash + 1, strlen(slash + 1)) != 0)
+        return -1;
+    at->dir = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return at->dir < 0 ? -1 : 0;
+}
+
+int path_at(const char *path, PathAt *at)
+{
+    const char *rest = tree_rest(path);
+
+    at->dir = -1;
+    at->path = path;
+    at->guarded = 0;
+    at->owned = 1;
+    if (rest == nullptr)
+        return plain_at(path, at);
+
+    int dir = open(panel_config.QMAIL_MAILNAMES_D, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0)
+        return -1;
+    for (int depth = 1;; depth++) {
+        while (*rest == '/')
+            rest++;
+        size_t len = strcspn(rest, "/");
+        const char *next = rest + len;
+        while (*next == '/')
+            next++;
+        if (set_name(at, rest, len) != 0 || len == 0 || strcmp(at->name, "..") == 0
+            || strcmp(at->name, ".") == 0) {
+            if (errno != ENAMETOOLONG)
+                errno = EINVAL;
+            close(dir);
+            return -1;
+        }
+        /* A link that root made directly in the mail names directory is
+         * followed; popuser cannot make or change one there. */
+        int trusted = depth == 1 && root_link(dir, at->name);
+        if (*next == '\0') {
+            at->dir = dir;
+            at->guarded = !trusted;
+            return 0;
+        }
+        int sub = openat(dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (trusted ? 0 : O_NOFOLLOW));
+        int err = errno;
+        close(dir);
+        if (sub < 0) {
+            errno = err == ELOOP ? ENOTDIR : err;
+            return -1;
+        }
+        dir = sub;
+        rest = next;
+    }
+}
+
+void path_at_close(PathAt *at)
+{
+    if (at->dir >= 0 && at->owned)
+        close(at->dir);
+    at->dir = -1;
+}
+
+void at_child(PathAt *at, int dir_fd, const char *name, const char *path)
+{
+    at->dir = dir_fd;
+    at->path = path;
+    at->guarded = 1;
+    at->owned = 0;
+    at->name = name;
+}
+
+int at_temporary(const PathAt *at, PathAt *tmp, char *tmp_path)
+{
+    *tmp = *at;
+    tmp->owned = 0;
+    tmp->path = tmp_path;
+    if (snprintf(tmp_path, PATH_BUF_SIZE, "%s.tmp", at->path) >= static_cast<int>(PATH_BUF_SIZE)
+        || snprintf(tmp->name_buf, sizeof(tmp->name_buf), "%s.tmp", at->name)
+               >= static_cast<int>(sizeof(tmp->name_buf))) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    tmp->name = tmp->name_buf;
+    return 0;
+}
+
+/* replace_foreign - warn that a foreign object stands at the path and
+ * remove it; 0, or -1 with errno when it cannot be removed */
+static int replace_foreign(PathAt *at, const char *kind)
+{
+    errno = 0;
+    report(0, "Replacing %s: a link or another kind of object stood where a %s belongs",
+           at->path, kind);
+    return at_remove(at);
+}
+
+int at_open(PathAt *at, int flags, mode_t mode)
+{
+    if (!at->guarded)
+        return openat(at->dir, at->name, flags | O_CLOEXEC, mode);
+    for (int attempt = 0;; attempt++) {
+        int fd = openat(at->dir, at->name, flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY,
+                        mode);
+        struct stat st;
+        if (fd >= 0) {
+            if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1)
+                return fd;
+            close(fd);
+        } else if (errno != ELOOP && errno != EISDIR && errno != ENXIO && errno != ENODEV) {
+            return -1;
+        }
+        if (attempt > 0 || replace_foreign(at, "file") != 0)
+            return -1;
+        if (!(flags & O_CREAT)) {
+            errno = ENOENT;
+            return -1;
+        }
+        flags |= O_EXCL;
+    }
+}
+
+int path_open(const char *path, int flags, mode_t mode)
+{
+    PathAt at;
+
+    if (path_at(path, &at) != 0)
+        return -1;
+    int fd = at_open(&at, flags, mode);
+    int err = errno;
+    path_at_close(&at);
+    errno = err;
+    return fd;
+}
+
+int at_dir(PathAt *at, mode_t mode, int *made)
+{
+    int nofollow = at->guarded ? O_NOFOLLOW : 0;
+
+    if (made)
+        *made = 0;
+    for (int attempt = 0;; attempt++) {
+        if (mkdirat(at->dir, at->name, mode) == 0) {
+            if (made)
+                *made = 1;
+        } else if (errno != EEXIST) {
+            return -1;
+        }
+        int fd = openat(at->dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | nofollow);
+        if (fd >= 0 || !at->guarded || (errno != ELOOP && errno != ENOTDIR) || attempt > 0)
+            return fd;
+        if (replace_foreign(at, "directory") != 0)
+            return -1;
+    }
+}
+
+int at_stat(PathAt *at, struct stat *st)
+{
+    return fstatat(at->dir, at->name, st, at->guarded ? AT_SYMLINK_NOFOLLOW : 0);
+}
+
+int at_remove(PathAt *at)
+{
+    struct stat st;
+
+    if (fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT ? 0 : -1;
+    if (S_ISDIR(st.st_mode))
+        remove_tree_at(at->dir, at->name, at->path);
+    else if (unlinkat(at->dir, at->name, 0) != 0 && errno != ENOENT)
+        return -1;
+    return 0;
+}
+
+int path_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
+{
+    PathAt at;
+    struct stat st;
+    int fd = -1;
+
+    *step = "chown";
+    if (path_at(path, &at) != 0)
+        return -1;
+    /* Only a regular file or a directory is opened: a device or a fifo
+     * planted in its place is neither opened nor given away. */
+    if (at_stat(&at, &st) == 0) {
+        if (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode))
+            fd = openat(at.dir, at.name,
+                        O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (at.guarded ? O_NOFOLLOW : 0));
+        else
+            errno = EPERM;
+    }
+    int err = errno;
+    path_at_close(&at);
+    if (fd < 0) {
+        errno = err == ELOOP ? EPERM : err;
+        return -1;
+    }
+    int rc = 0;
+    if (fstat(fd, &st) != 0 || (S_ISREG(st.st_mode) && st.st_nlink > 1 && at.guarded)) {
+        errno = EPERM;
+        rc = -1;
+    } else if (fchown(fd, uid, gid) != 0) {
+        rc = -1;
+    } else if (fchmod(fd, mode) != 0) {
+        *step = "chmod";
+        rc = -1;
+    }
+    err = errno;
+    close(fd);
+    errno = err;
+    return rc;
+}

@@ -1,0 +1,78 @@
+/* path_at - reaching a file or directory one directory at a time, so that
+ * no link planted in the mail tree leads an operation anywhere else.
+ *
+ * Everything below a domain directory of QMAIL_MAILNAMES_D belongs to
+ * popuser, whom the delivery programs run as.  path_at() opens the
+ * directory that holds a path's last name: inside the mail tree it walks
+ * down from QMAIL_MAILNAMES_D with O_NOFOLLOW, and the caller then works on
+ * the last name through that descriptor and the *at calls, so neither a
+ * planted link nor a directory swapped between two steps can send it
+ * elsewhere.  Two links are trusted because only root can have made them:
+ * QMAIL_MAILNAMES_D itself, and a link directly inside it that root owns
+ * (a large domain moved to another disk).  Paths outside the mail tree (the
+ * root-owned qmail files, users.conf, the lock files) are opened as they
+ * are, links and all: an administrator may link those on purpose.
+ *
+ * In the guarded part of the tree, where the rebuild expects a file or a
+ * directory of its own and finds a link or another kind of object (a
+ * directory for a file, a file for a directory, a device, a file with more
+ * than one name), the object is removed, never followed, with one warning
+ * naming the path, and the caller makes its own in its place.
+ */
+#ifndef REBOX_FS_PATH_AT_H
+#define REBOX_FS_PATH_AT_H
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+/* PathAt - the opened directory of a path and the path's last name */
+struct PathAt {
+    int dir;          /* the directory holding the last name */
+    const char *name; /* the last name (points into name_buf) */
+    int guarded;      /* 1: links are not followed, foreign objects replaced */
+    int owned;        /* dir is closed by path_at_close */
+    const char *path; /* the whole path, for messages */
+    char name_buf[256];
+};
+
+/* path_at - open the directory holding path's last name; 0, or -1 with
+ * errno set and nothing open */
+int path_at(const char *path, PathAt *at);
+void path_at_close(PathAt *at);
+
+/* at_child - a guarded PathAt for name inside the open directory dir_fd,
+ * which stays the caller's; path names it in messages */
+void at_child(PathAt *at, int dir_fd, const char *name, const char *path);
+
+/* at_temporary - tmp becomes "<name>.tmp" beside at's last name (same
+ * directory, same rules), its whole path written to tmp_path (4096 bytes);
+ * 0, or -1 with ENAMETOOLONG when the path does not fit */
+int at_temporary(const PathAt *at, PathAt *tmp, char *tmp_path);
+
+/* at_open - openat of the last name.  Guarded: never through a link; a
+ * foreign object is removed (with the warning) and, with O_CREAT, a new
+ * file made, else -1 with ENOENT as for a missing file */
+int at_open(PathAt *at, int flags, mode_t mode);
+
+/* path_open - at_open for a path; the descriptor, or -1 with errno */
+int path_open(const char *path, int flags, mode_t mode);
+
+/* at_dir - the last name as a directory, made with mode when missing, and
+ * opened; a foreign object is replaced.  The descriptor, or -1 with errno;
+ * *made tells whether it was created (may be null) */
+int at_dir(PathAt *at, mode_t mode, int *made);
+
+/* at_stat - fstatat of the last name, links not followed when guarded */
+int at_stat(PathAt *at, struct stat *st);
+
+/* at_remove - remove the last name: a directory with everything in it,
+ * anything else as it is (a link is removed, not followed); a missing one
+ * counts as removed.  0, or -1 with errno */
+int at_remove(PathAt *at);
+
+/* path_owner_mode - give the file or directory at path uid, gid and mode
+ * through a descriptor of it; 0, or -1 with errno and *step "chown" or
+ * "chmod" (a missing or foreign object fails the chown) */
+int path_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
+
+#endif
