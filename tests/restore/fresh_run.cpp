@@ -11,10 +11,11 @@
 
 #include <regex>
 
-FreshRun fresh_run(const std::string &command_line)
+FreshRun fresh_run(const std::string &command_line, bool empty)
 {
-    run_command("cd \"$REBOX_SANDBOX\" && rm -rf qmail/mailnames drweb/* qmail/control/* qmail/users/* && "
-                "find . -name '*.calls' -delete");
+    if (empty)
+        run_command("cd \"$REBOX_SANDBOX\" && rm -rf qmail/mailnames drweb/* qmail/control/* qmail/users/*");
+    run_command("cd \"$REBOX_SANDBOX\" && find . -name '*.calls' -delete");
     rebox_standins();
     FreshRun o;
     o.run = run_command(command_line);

@@ -18,8 +18,9 @@ struct FreshRun {
 };
 
 /* fresh_run - empty the mail names tree, control/, users/ and the antivirus
- * directory, put fresh stand-ins in place, then run command_line */
-FreshRun fresh_run(const std::string &command_line);
+ * directory (unless empty is false), put fresh stand-ins in place, then run
+ * command_line */
+FreshRun fresh_run(const std::string &command_line, bool empty = true);
 /* generated_panel - SQL of a synthetic panel from the benchmark generator */
 std::string generated_panel(int domains, int per_domain, int seed);
 /* start_rebox - the binary in the background, its output in the sandbox's

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -64,13 +65,13 @@ std::string policy_rows(const std::string &params)
     return "UPDATE DomainServices SET parameters_id=11 WHERE dom_id=1; INSERT INTO Parameters VALUES " + params;
 }
 
-/* run_fresh - rebox --with-spam on an emptied mail tree: its tree with
+/* run_fresh - rebox --with-spam (or exe) on an emptied mail tree: its tree with
  * users.conf sorted (the server returns the antivirus rows of domain
  * aliases in an order that depends on the other rows of the table, and
  * users.conf means the same in any order), and what lies beyond the tree */
-FreshRun run_fresh()
+FreshRun run_fresh(const char *exe = REBOX_EXE, bool empty = true)
 {
-    FreshRun o = fresh_run(REBOX_EXE " --with-spam");
+    FreshRun o = fresh_run(std::string(exe) + " --with-spam", empty);
     std::string conf = sandbox_path("drweb/users.conf");
     o.tree += file_meta(conf) + "\n" + run_command("LC_ALL=C sort '" + conf + "'").out +
               run_command("cd \"$REBOX_SANDBOX\" && find . \\( -path ./qmail/mailnames -o -path ./qmail/control "
@@ -185,4 +186,55 @@ TEST_F(HostilePanel, AddressesPoliciesAndSpamSettings)
          "(90, 'rewrite_header', CONCAT('subject evil', CHAR(13)))",
          "of the spam filter settings for '*@*': a value must not contain a ", 3},
     });
+}
+
+/* Links planted as popuser below a domain directory, to a directory and to a
+ * file outside the mail tree: a rebuild follows none of them, replaces each
+ * with what it writes there (warning as often as given; an unlink that
+ * comes first removes a link without one) and leaves the rest as without
+ * them.  A temporary file of the line editor is used by record-by-record
+ * edits only. */
+TEST_F(HostilePanel, PlantedLinks)
+{
+    const struct {
+        const char *path;
+        int warnings;
+        const char *exe = REBOX_EXE;
+    } planted[] = {
+        {"example.com/alpha", 1}, {"example.com/alpha/Maildir", 1}, {"example.com/alpha/Maildir/tmp", 1},
+        {"example.com/alpha/Maildir/new", 1}, {"example.com/alpha/Maildir/cur", 1},
+        {"example.com/alpha/@attachments", 1}, {"example.com/alpha/.qmail", 1},
+        {"example.com/alpha/.qmail.tmp", 1, REBOX_PER_RECORD_EXE}, {"xn--bcher-kva.example/.qmail-default", 0},
+        {"example.com/alpha/@mbox.quota", 1}, {"example.com/@mbox.quota", 1},
+    };
+    for (const auto &p : planted)
+        for (const char *target : {"victim/dir", "victim/file"}) {
+            SCOPED_TRACE(std::string(p.path) + " -> " + target);
+            run_command(std::string("cd \"$REBOX_SANDBOX\" && rm -rf victim && mkdir -p victim/dir && echo v > "
+                                    "victim/file && echo v > victim/dir/f && cd qmail/mailnames && rm -rf ") +
+                        p.path + " && ln -s \"$REBOX_SANDBOX\"/" + target + " " + p.path +
+                        " && chown -h \"$REBOX_POPUSER_UID:$REBOX_POPUSER_GID\" " + p.path);
+            std::string victim = tree_snapshot(sandbox_path("victim"));
+            FreshRun o = run_fresh(p.exe, false);
+            EXPECT_EQ(o.run.status, 0) << o.run.err;
+            EXPECT_EQ(tree_snapshot(sandbox_path("victim")), victim);
+            int warnings = 0;
+            for (size_t at = 0; (at = o.run.err.find("Replacing ", at)) != std::string::npos; at++)
+                warnings++;
+            EXPECT_EQ(warnings, p.warnings) << o.run.err;
+            EXPECT_EQ(std::regex_replace(o.tree, std::regex("\\./victim.*\n"), ""), base.tree);
+        }
+
+    /* A domain directory that root moved to another disk and linked back
+     * is followed: the link and the mail in it stay. */
+    run_command("cd \"$REBOX_SANDBOX\" && mkdir -p disk && mv qmail/mailnames/example.com disk/ && "
+                "ln -s \"$REBOX_SANDBOX/disk/example.com\" qmail/mailnames/example.com && "
+                "echo mail > disk/example.com/alpha/Maildir/new/1");
+    FreshRun moved = run_fresh(REBOX_EXE, false);
+    EXPECT_EQ(moved.run.status, 0) << moved.run.err;
+    EXPECT_EQ(read_file(sandbox_path("qmail/mailnames/example.com/alpha/Maildir/new/1")), "mail\n");
+    run_command("cd \"$REBOX_SANDBOX\" && rm -r qmail/mailnames/example.com victim && mv disk/example.com qmail/mailnames/ && "
+                "rmdir disk && rm qmail/mailnames/example.com/alpha/Maildir/new/1");
+    EXPECT_TRUE(has(moved.tree, "example.com 0777 0 0 link ")) << moved.tree;
+    EXPECT_EQ(run_fresh(REBOX_EXE, false).tree, base.tree);
 }
