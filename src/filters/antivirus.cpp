@@ -9,10 +9,12 @@
 #include "filters/antivirus.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "fs/file_str.h"
 #include "fs/held_file.h"
@@ -81,6 +83,16 @@ int reset_users_conf(void)
     return 0;
 }
 
+/* give_to_root - owner root and mode 0644 for users.conf (when it is held,
+ * at its write) */
+static void give_to_root(const char *path)
+{
+    const char *step;
+
+    if (file_owner_mode(path, 0, 0, 0644, &step) != 0 && errno != ENOENT)
+        report(0, "ERROR: unable to %s %s: %s\n", step, path, strerror(errno));
+}
+
 int remove_antivirus_records(const char *domain, const char *local_part)
 {
     char path[AV_BUF_SIZE];
@@ -101,7 +113,7 @@ int remove_antivirus_records(const char *domain, const char *local_part)
 
     /* A missing file has nothing to remove: the result is not an error. */
     file_str_list(path, forms, FILE_STR_REMOVE, FILE_STR_AT_END);
-    set_owner_mode(path, 0, 0, 0644);
+    give_to_root(path);
     for (char **form = forms; *form; form++)
         free(*form);
     return 0;
@@ -130,7 +142,7 @@ int add_antivirus_record(const char *domain, const char *local_part, const char 
         report(0, "Unable to add record for '%s' to '%s' file", address, path);
         return -1;
     }
-    set_owner_mode(path, 0, 0, 0644);
+    give_to_root(path);
     return 0;
 }
 
@@ -190,22 +202,46 @@ static int av_run_query(MYSQL *conn, const char *query, const char *failure)
     return 0;
 }
 
+/* reset_held - start the held file from its head: the template's text when
+ * there is a readable one, else "[version=2]" */
+static void reset_held(const char *path)
+{
+    char tmpl[AV_BUF_SIZE], chunk[4096];
+    TextBuf text = {};
+    const char *head = "[version=2]\n";
+    int fd = -1;
+
+    if (snprintf(tmpl, sizeof tmpl, "%s.in", path) < static_cast<int>(sizeof tmpl))
+        fd = open(tmpl, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        ssize_t got;
+        while ((got = read(fd, chunk, sizeof chunk)) > 0)
+            if (text_buf_append(&text, chunk, static_cast<size_t>(got)) != 0)
+                report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+        close(fd);
+        if (got == 0 && text_buf_append(&text, "", 1) == 0)
+            head = text.data;
+    }
+    held_file_reset(path, head);
+    text_buf_free(&text);
+}
+
 void restore_antivirus_settings(MYSQL *conn)
 {
     char path[AV_BUF_SIZE];
 
-    reset_users_conf();
-    /* The file gets root ownership and mode 0644 right after the reset, not
-     * only after a record: a file reset to its head (a fresh one from the
-     * umask, or an old one truncated in place) must not keep another owner
-     * or mode when no mailbox has checking on. */
+    /* The file is held in memory under its lock, from its head through
+     * every record, and replaced once, only when it differs, before
+     * virusctl reads it.  A record is added by removing its old forms and
+     * appending it, once per mailbox and alias.  It is root's with mode
+     * 0644 whatever it was before, also when no mailbox has checking on. */
     users_conf_path(path, sizeof path);
-    set_owner_mode(path, 0, 0, 0644);
-
-    /* A record is added by removing its old forms and appending it, once per
-     * mailbox and alias: the file is held in memory under its lock for the
-     * queries and written once, before virusctl reads it. */
-    int held = held_file_take(path, 0) == 0;
+    int held = held_file_take(path, 1) == 0;
+    if (held)
+        reset_held(path);
+    else
+        reset_users_conf();
+    give_to_root(path);
     int failed = 0;
     for (const auto &q : av_queries) {
         if (av_run_query(conn, q.query, q.failure) != 0) {

@@ -1,6 +1,6 @@
 /* file_str - locked editing of shared line-oriented files.
  *
- * Offers file_str() and file_str_list().  The file is read whole, edited in
+ * Offers file_str() and file_str_list(), file_put() and file_owner_mode().  The file is read whole, edited in
  * memory by line_edit_apply(), and written back: appends in place,
  * everything else as "<path>.tmp" renamed over the file.  The named lock is
  * held from before the file is examined until its owner and mode are back.
@@ -11,6 +11,7 @@
 #include "fs/file_lock.h"
 #include "fs/held_file.h"
 #include "fs/path_at.h"
+#include "fs/replace_file.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -263,11 +264,9 @@ static int edit_at(PathAt *at, const char *const *lines, int operation, int mode
         }
         missing = 1;
     } else if (at->guarded && !(S_ISREG(st.st_mode) && st.st_nlink == 1)) {
-        /* A link or another object planted where the file belongs goes
-         * (at_open removes it with a warning): the file is then missing. */
-        int fd = at_open(at, O_RDONLY, 0);
-        if (fd >= 0)
-            close(fd);
+        /* A link or another object planted where the file belongs goes,
+         * with a warning: the file is then missing. */
+        at_clear_foreign(at);
         missing = 1;
     }
 
@@ -339,4 +338,34 @@ int file_str(const char *path, const char *line, int operation, int mode)
     const char *lines[2] = {line, nullptr};
 
     return file_str_list(path, lines, operation, mode);
+}
+
+int file_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
+{
+    *step = "chown";
+    if (held_file_owner(path, uid, gid, mode) == 0)
+        return 0;
+    return path_owner_mode(path, uid, gid, mode, step);
+}
+
+int file_put(const char *path, const char *text, uid_t uid, gid_t gid, mode_t mode, const char **step)
+{
+    PathAt at;
+    int rc = -1;
+
+    *step = "lock";
+    FileLock *lock = file_lock(path, 1);
+    if (!file_lock_held(lock)) {
+        file_lock_dispose(lock);
+        return -1;
+    }
+    *step = "open";
+    if (path_at(path, &at) == 0) {
+        rc = replace_file_at(&at, text, strlen(text), uid, gid, mode, 0, step);
+        path_at_close(&at);
+    }
+    int err = errno;
+    release(lock, path);
+    errno = err;
+    return rc;
 }

@@ -71,11 +71,15 @@ int make_dir(const char *path, uid_t uid, gid_t gid, mode_t mode)
         report(0, "ERROR: Unable to mkdir %s: %s\n", path, strerror(errno));
         return -1;
     }
+    /* Owner and mode are set only where they differ: an unchanged
+     * directory is not touched. */
+    struct stat st;
+    int have = fstat(fd, &st) == 0;
     int rc = 0;
-    if (fchown(fd, uid, gid) != 0) {
+    if ((!have || st.st_uid != uid || st.st_gid != gid) && fchown(fd, uid, gid) != 0) {
         report(0, "ERROR: Unable to chown %s: %s\n", path, strerror(errno));
         rc = -1;
-    } else if (fchmod(fd, mode) != 0) {
+    } else if ((!have || (st.st_mode & 07777) != mode) && fchmod(fd, mode) != 0) {
         report(0, "ERROR: Unable to chmod %s: %s\n", path, strerror(errno));
         rc = -1;
     }

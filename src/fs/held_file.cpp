@@ -1,10 +1,11 @@
 /* held_file - in-memory copies of shared files for the length of a batch.
  *
- * Each held file keeps its lock handle, its text and two flags: whether the
- * copy has been read from disk yet and whether the file exists as far as
- * the edits know.  The edit replays the decisions of file_str_list on the
- * copy (what a missing file means for each operation, the same messages),
- * so the file written at the end is the one the edits would have left.
+ * Each held file keeps its lock handle, its text, two flags (whether the
+ * copy has been read from disk yet, whether the file exists as far as the
+ * edits know) and the owner, group and mode it is to have.  The edit
+ * replays the decisions of file_str_list on the copy (what a missing file
+ * means for each operation, the same messages), so the file written at the
+ * end is the one the edits would have left.
  */
 #include "fs/held_file.h"
 
@@ -12,6 +13,7 @@
 #include "fs/line_edit.h"
 #include "fs/line_store.h"
 #include "fs/path_at.h"
+#include "fs/replace_file.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -25,21 +27,24 @@
 /* At most this many files are held at once. */
 #define HELD_MAX 8
 
+/* The mode of a file the edits created: what 0666 less the umask gives. */
+static const mode_t NEW_FILE_MODE = 0644;
+
 struct HeldFile {
     char *path;
     FileLock *lock;
     LineStore *store;
-    int loaded;   /* the copy has been read from disk */
+    int loaded;   /* the copy has been read from disk (or reset) */
     int exists;   /* the file exists, as far as the edits know */
-    int dirty;    /* the copy differs from the file on disk */
-    int in_place; /* rewritten where it is, not through a temporary file */
+    int durable;  /* its replacement is flushed to the disk */
+    uid_t uid;    /* owner, group and mode it is to have; -1: as on disk */
+    gid_t gid;
+    mode_t mode;
 };
 
 static HeldFile held[HELD_MAX];
 static int held_count;
 static pid_t held_owner;        /* only the process that took the locks writes */
-
-static const size_t PATH_BUF_SIZE = 4096;
 
 /* find_held - the held file of a path as spelled, or null */
 static HeldFile *find_held(const char *path)
@@ -52,7 +57,7 @@ static HeldFile *find_held(const char *path)
     return nullptr;
 }
 
-int held_file_take(const char *path, int in_place)
+int held_file_take(const char *path, int durable)
 {
     FileLock *lock;
 
@@ -70,7 +75,38 @@ int held_file_take(const char *path, int in_place)
     }
     if (held_count == 0)
         held_owner = getpid();
-    held[held_count++] = HeldFile{strdup(path), lock, nullptr, 0, 0, 0, in_place};
+    held[held_count++] = HeldFile{strdup(path), lock, nullptr, 0, 0, durable,
+                                  static_cast<uid_t>(-1), static_cast<gid_t>(-1), static_cast<mode_t>(-1)};
+    return 0;
+}
+
+int held_file_reset(const char *path, const char *text)
+{
+    HeldFile *h = find_held(path);
+
+    if (h == nullptr)
+        return -1;
+    line_store_free(h->store);
+    h->store = line_store_new(text, strlen(text));
+    if (!h->store)
+        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    h->loaded = 1;
+    h->exists = 1;
+    return 0;
+}
+
+int held_file_owner(const char *path, uid_t uid, gid_t gid, mode_t mode)
+{
+    HeldFile *h = find_held(path);
+
+    if (h == nullptr)
+        return -1;
+    if (uid != static_cast<uid_t>(-1))
+        h->uid = uid;
+    if (gid != static_cast<gid_t>(-1))
+        h->gid = gid;
+    if (mode != static_cast<mode_t>(-1))
+        h->mode = mode;
     return 0;
 }
 
@@ -145,113 +181,51 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
         if (operation != FILE_STR_ADD || mode != FILE_STR_AT_END)
             return 0;
         h->exists = 1;
-        h->dirty = 1;
     }
-    int removed = line_store_apply(h->store, lines, operation, mode);
-    if (removed < 0)
+    if (line_store_apply(h->store, lines, operation, mode) < 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    if (removed > 0 || operation == FILE_STR_ADD)
-        h->dirty = 1;
     return 0;
 }
 
-/* write_in_place - the copy over the file's content; 0 or 1.  The file is
- * overwritten and then cut to length (only when it was longer) rather than
- * emptied first: emptying a file with content makes the file system force
- * its new blocks to disk at the close. */
-static int write_in_place(HeldFile *h, const TextBuf *text)
-{
-    int fd = path_open(h->path, O_WRONLY | O_CREAT, 0666);
-    int err = 0;
-    struct stat st;
-
-    if (fd < 0) {
-        report(0, "Unable to open file %s: %s\n", h->path, strerror(errno));
-        return 1;
-    }
-    if (text->len && pwrite(fd, text->data, text->len, 0) != static_cast<ssize_t>(text->len))
-        err = errno ? errno : EIO;
-    if (!err && (fstat(fd, &st) != 0 || st.st_size > static_cast<off_t>(text->len))
-        && ftruncate(fd, static_cast<off_t>(text->len)) != 0)
-        err = errno;
-    if (close(fd) != 0 && !err)
-        err = errno;
-    if (err) {
-        report(0, "Unable to write file %s: %s\n", h->path, strerror(err));
-        return 1;
-    }
-    return 0;
-}
-
-/* write_through_tmp - the copy through "<path>.tmp" and a rename, both
- * made through the file's opened directory; 0 or 1.  The file keeps the
- * owner, group and mode it has on disk; a file the edits created gets
- * those of a newly created file. */
-static int write_through_tmp(HeldFile *h, const TextBuf *text)
-{
-    char tmp_path[PATH_BUF_SIZE];
-    PathAt at, tmp;
-    struct stat st;
-
-    if (path_at(h->path, &at) != 0) {
-        report(0, "Unable to open file %s.tmp: %s\n", h->path, strerror(errno));
-        return 1;
-    }
-    int have_st = at_stat(&at, &st) == 0 && S_ISREG(st.st_mode);
-    if (at_temporary(&at, &tmp, tmp_path) != 0) {
-        report(0, "Unable to open file %s.tmp: %s\n", h->path, strerror(ENAMETOOLONG));
-        path_at_close(&at);
-        return 1;
-    }
-    int fd = at_open(&tmp, O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    FILE *out = fd < 0 ? nullptr : fdopen(fd, "w");
-    if (!out) {
-        report(0, "Unable to open file %s: %s\n", tmp_path, strerror(errno));
-        if (fd >= 0)
-            close(fd);
-        path_at_close(&at);
-        return 1;
-    }
-    /* Written, flushed to the disk and given its owner and mode before the
-     * rename, so the file is always either the old or the whole new text. */
-    int err = 0;
-    if (text->len && fwrite(text->data, 1, text->len, out) != text->len)
-        err = errno;
-    if (!err && (fflush(out) != 0 || fsync(fileno(out)) != 0))
-        err = errno;
-    if (!err && have_st
-        && (fchown(fileno(out), st.st_uid, st.st_gid) != 0 || fchmod(fileno(out), st.st_mode & 07777) != 0))
-        err = errno;
-    if (fclose(out) != 0 && !err)
-        err = errno;
-    if (err) {
-        report(0, "Unable to write file %s: %s\n", tmp_path, strerror(err));
-        unlinkat(tmp.dir, tmp.name, 0);
-        path_at_close(&at);
-        return 1;
-    }
-    if (renameat(tmp.dir, tmp.name, at.dir, at.name) != 0) {
-        report(0, "Unable to rename file %s: %s\n", tmp_path, strerror(errno));
-        unlinkat(tmp.dir, tmp.name, 0);
-        path_at_close(&at);
-        return 1;
-    }
-    path_at_close(&at);
-    return 0;
-}
-
-/* write_one - the copy to disk, in place or through a temporary file */
+/* write_one - the copy to disk, replacing the file only when its content,
+ * owner or mode differ; 0 or 1.  The file keeps the owner, group and mode
+ * it has on disk unless others were asked for; a file the edits created
+ * gets those of a newly created file. */
 static int write_one(HeldFile *h)
 {
     TextBuf text = {};
+    PathAt at;
+    struct stat st;
+    const char *step = "open";
 
     if (line_store_text(h->store, &text) != 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    int result = h->in_place ? write_in_place(h, &text) : write_through_tmp(h, &text);
+    int rc = path_at(h->path, &at);
+    if (rc == 0) {
+        int on_disk = at_stat(&at, &st) == 0 && S_ISREG(st.st_mode);
+        uid_t uid = h->uid != static_cast<uid_t>(-1) ? h->uid : on_disk ? st.st_uid : geteuid();
+        gid_t gid = h->gid != static_cast<gid_t>(-1) ? h->gid : on_disk ? st.st_gid : getegid();
+        mode_t mode = h->mode != static_cast<mode_t>(-1) ? h->mode
+                      : on_disk                          ? st.st_mode & 07777
+                                                         : NEW_FILE_MODE;
+        rc = replace_file_at(&at, text.data ? text.data : "", text.len, uid, gid, mode, h->durable,
+                             &step) < 0;
+        int err = errno;
+        path_at_close(&at);
+        errno = err;
+    }
     text_buf_free(&text);
-    if (result == 0)
-        h->dirty = 0;
-    return result;
+    if (rc != 0) {
+        int err = errno;
+        if (strcmp(step, "rename") == 0)
+            report(0, "Unable to rename file %s.tmp: %s\n", h->path, strerror(err));
+        else if (strcmp(step, "open") == 0)
+            report(0, "Unable to open file %s.tmp: %s\n", h->path, strerror(err));
+        else
+            report(0, "Unable to write file %s.tmp: %s\n", h->path, strerror(err));
+        return 1;
+    }
+    return 0;
 }
 
 int held_files_write(void)
@@ -261,7 +235,7 @@ int held_files_write(void)
     if (held_count == 0 || getpid() != held_owner)
         return 0;
     for (int i = 0; i < held_count; i++)
-        if (held[i].loaded && held[i].dirty)
+        if (held[i].loaded && held[i].exists)
             result |= write_one(&held[i]);
     return result;
 }
@@ -288,7 +262,7 @@ int held_file_release(const char *path)
 
     if (h == nullptr)
         return 0;
-    int result = h->loaded && h->dirty ? write_one(h) : 0;
+    int result = h->loaded && h->exists ? write_one(h) : 0;
     return drop(static_cast<int>(h - held)) | result;
 }
 

@@ -3,23 +3,32 @@
  * A long job that edits the same few shared files thousands of times takes
  * their named locks once (held_file_take, in a fixed order), lets file_str
  * apply every edit of those paths to an in-memory copy with the very same
- * line-edit rules (held_file_edit), and writes each changed file once
- * (held_files_write), through "<path>.tmp" and a rename, with the owner,
- * group and mode the file has on disk at that moment, as the edits one by
- * one would have left it.  held_files_release writes and unlocks them all,
- * held_file_release one of them.  A file taken "in place" is rewritten
- * where it is instead, for a private file being built from scratch (a
- * mailbox's delivery file): no temporary file, no inode thrown away.
+ * line-edit rules (held_file_edit), and writes each file once
+ * (held_files_write) with replace_file: only when its text, owner or mode
+ * differ from the disk, whole, through "<path>.tmp" and a rename.  The
+ * owner, group and mode are those the file has on disk at that moment, as
+ * the edits one by one would have left it, unless held_file_owner asked
+ * for others.  held_file_reset starts a copy from a given text instead of
+ * the disk (a file rebuilt from scratch).  held_files_release writes and
+ * unlocks them all, held_file_release one of them; a file taken durable is
+ * flushed to the disk with its directory when replaced.  Nothing is
+ * written before those calls: a process that dies first leaves every file
+ * as it was.
  *
- * A copy is read from disk at its first edit, so direct operations made
- * before it (emptying the file, creating it) are seen.  Other programs that
- * take the same named locks wait until the release and lose nothing.
+ * A copy is read from disk at its first edit.  Other programs that take the
+ * same named locks wait until the release and lose nothing.
  */
 #ifndef REBOX_FS_HELD_FILE_H
 #define REBOX_FS_HELD_FILE_H
 
-int held_file_take(const char *path, int in_place);
+#include <sys/types.h>
+
+int held_file_take(const char *path, int durable);
 int held_file_edit(const char *path, const char *const *lines, int operation, int mode);
+/* held_file_reset, held_file_owner - 0, or -1 when path is not held; an
+ * owner, group or mode of -1 is left as it is */
+int held_file_reset(const char *path, const char *text);
+int held_file_owner(const char *path, uid_t uid, gid_t gid, mode_t mode);
 int held_files_write(void);
 int held_files_release(void);
 int held_file_release(const char *path);

@@ -159,6 +159,16 @@ static int replace_foreign(PathAt *at, const char *kind)
     return at_remove(at);
 }
 
+int at_clear_foreign(PathAt *at)
+{
+    struct stat st;
+
+    if (!at->guarded || fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0
+        || (S_ISREG(st.st_mode) && st.st_nlink == 1))
+        return 0;
+    return replace_foreign(at, "file");
+}
+
 int at_open(PathAt *at, int flags, mode_t mode)
 {
     if (!at->guarded)

@@ -57,6 +57,11 @@ int at_open(PathAt *at, int flags, mode_t mode);
 /* path_open - at_open for a path; the descriptor, or -1 with errno */
 int path_open(const char *path, int flags, mode_t mode);
 
+/* at_clear_foreign - guarded: remove (with the warning) a link or any other
+ * object but a regular file of its own that stands at the last name; 0, or
+ * -1 with errno when it cannot be removed */
+int at_clear_foreign(PathAt *at);
+
 /* at_dir - the last name as a directory, made with mode when missing, and
  * opened; a foreign object is replaced.  The descriptor, or -1 with errno;
  * *made tells whether it was created (may be null) */

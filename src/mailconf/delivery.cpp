@@ -3,7 +3,6 @@
 #include "mailconf/delivery.h"
 
 #include "fs/file_str.h"
-#include "fs/path_at.h"
 #include "mailconf/idn.h"
 #include "mailconf/pop3.h"
 #include "mailconf/qmail_common.h"
@@ -57,7 +56,7 @@ static void give_to_popuser(const char *path, PopuserIds *ids)
     if (!popuser_known(ids))
         report(1, "Unable to define UID or GID for user popuser");
     const char *step;
-    if (path_owner_mode(path, ids->uid, ids->gid, 0600, &step) != 0)
+    if (file_owner_mode(path, ids->uid, ids->gid, 0600, &step) != 0)
         report(1, "Unable to %s %s file: %s", step, path, strerror(errno));
 }
 
@@ -161,6 +160,6 @@ int add_mail_alias(const char *mail_name, const char *domain, const char *alias)
     /* At the beginning: above the closing "." line. */
     if (file_str(path, record, FILE_STR_ADD, FILE_STR_AT_BEGIN) != 0)
         report(1, "Unable to add record to assign file");
-    chmod(path, 0600);
+    set_shared_mode(path, 0600);
     return 0;
 }

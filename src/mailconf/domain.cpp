@@ -53,7 +53,7 @@ int add_mail_domain(const char *name, int disabled)
     /* At the beginning: above the closing "." line of the assign file. */
     if (file_str(path, record, FILE_STR_ADD, FILE_STR_AT_BEGIN) != 0)
         report(1, "Unable to add default string to assign file for mail domain");
-    chmod(path, 0600);
+    set_shared_mode(path, 0600);
 
     qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);
     if (file_str(path, ascii, FILE_STR_REMOVE, 1) != 0)

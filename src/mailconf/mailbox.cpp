@@ -4,6 +4,7 @@
 
 #include "fs/file_str.h"
 #include "fs/file_util.h"
+#include "fs/held_file.h"
 #include "fs/path_at.h"
 #include "fs/tree.h"
 #include "mailconf/idn.h"
@@ -60,13 +61,17 @@ static void format_mailbox_record(char *buf, const char *id, const char *mail_na
 static int make_owned_dir(PathAt *at, const char **what)
 {
     int fd = at_dir(at, 0700, nullptr);
+    struct stat st;
 
     if (fd < 0) {
         *what = "make";
         return -1;
     }
     errno = 0;
-    if (fchown(fd, add_popuser.uid, add_popuser.gid) != 0) {
+    /* Given away only when it is not popuser's already. */
+    if (fstat(fd, &st) != 0
+        || ((st.st_uid != add_popuser.uid || st.st_gid != add_popuser.gid)
+            && fchown(fd, add_popuser.uid, add_popuser.gid) != 0)) {
         int err = errno;
         close(fd);
         errno = err;
@@ -76,25 +81,31 @@ static int make_owned_dir(PathAt *at, const char **what)
     return fd;
 }
 
-/* start_qmail - the home's delivery file emptied (or made) and given to
- * popuser with mode 0600, through the home's descriptor */
+/* start_qmail - the home's delivery file started empty, owned by popuser
+ * with mode 0600: in the rebuild's memory when it holds the file (written
+ * at the mailbox's end, and only when it differs), else on disk through the
+ * home's descriptor; then its first line */
 static void start_qmail(int home_fd, const char *home)
 {
     char path[QMAIL_BUF_SIZE];
     PathAt at;
 
     snprintf(path, sizeof(path), "%s/.qmail", home);
-    at_child(&at, home_fd, ".qmail", path);
-    int fd = at_open(&at, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0) {
-        report(0, "Unable to truncate or create file %s: %s", path, strerror(errno));
-        report(1, "Unable to create %s file\n", ".qmail");
+    if (held_file_reset(path, "") == 0) {
+        held_file_owner(path, add_popuser.uid, add_popuser.gid, 0600);
+    } else {
+        at_child(&at, home_fd, ".qmail", path);
+        int fd = at_open(&at, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd < 0) {
+            report(0, "Unable to truncate or create file %s: %s", path, strerror(errno));
+            report(1, "Unable to create %s file\n", ".qmail");
+        }
+        if (fchown(fd, add_popuser.uid, add_popuser.gid) != 0)
+            report(1, "Unable to chown .qmail file: %s", strerror(errno));
+        if (fchmod(fd, 0600) != 0)
+            report(1, "Unable to chmod .qmail file: %s", strerror(errno));
+        close(fd);
     }
-    if (fchown(fd, add_popuser.uid, add_popuser.gid) != 0)
-        report(1, "Unable to chown .qmail file: %s", strerror(errno));
-    if (fchmod(fd, 0600) != 0)
-        report(1, "Unable to chmod .qmail file: %s", strerror(errno));
-    close(fd);
     /* Edited by its full path, as the delivery writers spell it: its named
      * lock is then the one they and the panel's other tools take. */
     if (strlen(path) >= QMAIL_BUF_SIZE - 1
@@ -130,7 +141,7 @@ int add_mailbox(const char *mail_name, const char *domain)
                  mail_name);
         undo_and_die(mail_name, domain, message);
     }
-    chmod(path, 0600);
+    set_shared_mode(path, 0600);
 
     /* The home and everything in it are made through directory
      * descriptors: popuser owns the domain directory, and no link or
@@ -192,7 +203,7 @@ int remove_mailbox(const char *mail_name, const char *domain)
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
     if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove %s mailbox record from assign file", mail_name);
-    chmod(path, 0600);
+    set_shared_mode(path, 0600);
 
     /* The home path's ending, from the slash before the domain: keeps
      * xinfo@example.com and info@example.com.au. */
@@ -200,7 +211,7 @@ int remove_mailbox(const char *mail_name, const char *domain)
     qmail_file_path(path, sizeof(path), QMAIL_POPPASSWD_FILE);
     if (file_str(path, record, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0)
         report(0, "Unable to remove %s mailbox record from password file\n", mail_name);
-    chmod(path, 0600);
+    set_shared_mode(path, 0600);
 
     snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii,
              mail_name);

@@ -6,7 +6,6 @@
 #include "db/pipeline.h"
 #include "fs/file_str.h"
 #include "fs/file_util.h"
-#include "fs/path_at.h"
 #include "mailconf/idn.h"
 #include "mailconf/qmail_common.h"
 #include "mailconf/value_check.h"
@@ -166,7 +165,10 @@ int set_reject(const char *domain, int on)
         report(1, "set_reject: empty domain");
     char *ascii = domain_ascii_valid(domain, "set_reject: empty domain");
     qmail_file_path(path, sizeof(path), QMAIL_REJECTNONEXIST_FILE);
-    if (create_file(path) != 0)
+    /* Made when missing: an addition of no lines creates the file (in
+     * the rebuild's memory when it holds the file). */
+    const char *none[] = {nullptr};
+    if (file_str_list(path, none, FILE_STR_ADD, FILE_STR_AT_END) != 0)
         report(1, "set_reject: Unable to create %s file.", path);
     if (on)
         failed = file_str(path, ascii, FILE_STR_ADD, FILE_STR_AT_END);
@@ -175,7 +177,8 @@ int set_reject(const char *domain, int on)
     if (failed)
         report(1, "set_reject: Unable to update %s file.", path);
     free(ascii);
-    if (chmod(path, 0644) != 0)
+    const char *step;
+    if (file_owner_mode(path, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0644, &step) != 0)
         report(1, "set_reject: chmod %s failed: %s\n", path, strerror(errno));
     return 0;
 }
@@ -206,14 +209,16 @@ int add_bounce(const char *domain, const char *line)
              ascii);
     free(ascii);
 
-    unlink(path);
-    if (file_str(path, line, FILE_STR_ADD, FILE_STR_AT_END) != 0)
-        report(1, "add_bounce: Unable to add record to %s file.", path);
+    /* The file holds the one line: replaced whole, and only when its line,
+     * owner or mode differ, so the delivery programs never find it empty. */
+    std::string text = std::string(line) + "\n";
     const char *step;
-    if (path_owner_mode(path, bounce_popuser.uid, bounce_popuser.gid, 0600, &step) != 0) {
+    if (file_put(path, text.c_str(), bounce_popuser.uid, bounce_popuser.gid, 0600, &step) < 0) {
         if (strcmp(step, "chown") == 0)
             report(1, "add_bounce: chown %s failed: %s", path, strerror(errno));
-        report(1, "add_bounce: chmod %s failed: %s\n", path, strerror(errno));
+        if (strcmp(step, "chmod") == 0)
+            report(1, "add_bounce: chmod %s failed: %s\n", path, strerror(errno));
+        report(1, "add_bounce: Unable to add record to %s file.", path);
     }
     return 0;
 }

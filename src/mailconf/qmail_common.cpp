@@ -3,6 +3,7 @@
 #include "mailconf/qmail_common.h"
 
 #include "db/get.h"
+#include "fs/file_str.h"
 #include "fs/users.h"
 #include "mailconf/idn.h"
 #include "mailconf/value_check.h"
@@ -18,6 +19,13 @@
 void qmail_file_path(char *buf, size_t size, const char *name)
 {
     snprintf(buf, size, "%s/%s", panel_config.QMAIL_ROOT_D, name);
+}
+
+void set_shared_mode(const char *path, unsigned mode)
+{
+    const char *step;
+
+    file_owner_mode(path, static_cast<uid_t>(-1), static_cast<gid_t>(-1), mode, &step);
 }
 
 /* domain_ascii - the ASCII form of a domain name (caller frees); a name

@@ -4,6 +4,7 @@
 
 #include "fs/file_lock.h"
 #include "fs/path_at.h"
+#include "fs/replace_file.h"
 #include "fs/users.h"
 #include "mailconf/qmail_common.h"
 #include "mailconf/value_check.h"
@@ -53,46 +54,38 @@ static void unlock_quota(FileLock *lock, const char *path)
 }
 
 /* write_quota_at - the number into the quota file reached through at,
- * given to popuser with mode 0640; 1, or 0 after a warning, with no empty,
- * cut or misowned file left behind */
+ * owned by popuser with mode 0640: replaced whole and only when it
+ * differs, so no empty, cut or misowned file is ever seen; 1, or 0 after a
+ * warning */
 static int write_quota_at(PathAt *at, long kilobytes)
 {
     PopuserIds ids;
-    int fd = at_open(at, O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    FILE *f = fd < 0 ? nullptr : fdopen(fd, "w");
-
-    if (f == nullptr) {
-        report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
-        if (fd >= 0)
-            close(fd);
-        return 0;
-    }
-    fprintf(f, "%ld\n", kilobytes);
-    int kept = dup(fileno(f));
-    if (fclose(f) != 0 || kept < 0) {
-        report(0, "%s", strerror(errno));
-        /* The number may not have reached the disk: no empty or cut
-         * quota file stays behind. */
-        unlinkat(at->dir, at->name, 0);
-        if (kept >= 0)
-            close(kept);
-        return 0;
-    }
+    char text[32];
+    const char *step;
 
     /* An unknown popuser (ids 0) would leave the file to root: that counts
-     * as a failed chown, and the file goes. */
+     * as a failed chown, and no file is written. */
     popuser_lookup(&ids);
-    int rc = 0;
-    if (ids.uid == 0 || ids.gid == 0 || fchown(kept, ids.uid, ids.gid) != 0)
+    if (ids.uid == 0 || ids.gid == 0) {
         report(0, "Unable to chown quota file %s\n", at->path);
-    else if (fchmod(kept, 0640) != 0)
+        unlinkat(at->dir, at->name, 0);
+        return 0;
+    }
+    snprintf(text, sizeof(text), "%ld\n", kilobytes);
+    if (replace_file_at(at, text, strlen(text), ids.uid, ids.gid, 0640, 0, &step) >= 0)
+        return 1;
+    if (strcmp(step, "open") == 0)
+        report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
+    else if (strcmp(step, "chown") == 0)
+        report(0, "Unable to chown quota file %s\n", at->path);
+    else if (strcmp(step, "chmod") == 0)
         report(0, "Unable to chmod for quota file %s\n", at->path);
     else
-        rc = 1;
-    if (rc == 0)
-        unlinkat(at->dir, at->name, 0);
-    close(kept);
-    return rc;
+        report(0, "%s", strerror(errno));
+    /* A quota that could not be written is no quota: an old file with
+     * another number does not stay behind. */
+    unlinkat(at->dir, at->name, 0);
+    return 0;
 }
 
 int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes)

@@ -20,6 +20,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 /* usage - print the usage text and end with status 0 */
@@ -65,6 +66,7 @@ int rebox_main(int argc, char **argv)
 {
     int with_spam = 0;
     int spam_only = 0;
+    struct timespec start, end;
 
     report_progname = argv[0];
     if (setuid(0) != 0 || setgid(0) != 0)
@@ -82,6 +84,7 @@ int rebox_main(int argc, char **argv)
         report_syslog_start(mode);
     }
     load_panel_config();
+    clock_gettime(CLOCK_MONOTONIC, &start);
     if (!spam_only)
         rebuild_mail_configuration();
     if (with_spam && is_component_installed("vdo-spamassassin"))
@@ -92,6 +95,9 @@ int rebox_main(int argc, char **argv)
         int restart = restart_qmail(1);
         status = newu | restart;
     }
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    rebuild_log_summary(static_cast<double>(end.tv_sec - start.tv_sec)
+                        + static_cast<double>(end.tv_nsec - start.tv_nsec) / 1e9);
     report_syslog_finish(status & 0xff);
     return status;
 }

@@ -26,13 +26,16 @@
  * (its length longer than its text) breaks the line rule.
  *
  * Batched (the default), the pass takes the named locks of the five shared
- * qmail files once, in a fixed order, and keeps them to its end: every
- * file_str edit of them goes to an in-memory copy, and each file is
- * written once, through a temporary file and a rename, when the domains are
- * done, or when a fatal error ends the process halfway (so the files are
- * then exactly as far as the edits went).  qmail-send is signalled once,
- * after the files are written.  The system users the files are given to
- * are looked up once for the whole pass.
+ * qmail files once, in a fixed order, and keeps them to its end: the
+ * emptying and every file_str edit of them go to an in-memory copy, and
+ * only when the domains and the antivirus pass are done is each file that
+ * differs from the disk replaced, whole, through a temporary file flushed
+ * to the disk and a rename.  A fatal error or a kill before that leaves the
+ * previous files whole: the mail server never sees them empty or half
+ * rebuilt.  A mailbox's delivery file is computed in memory the same way
+ * and replaced at the mailbox's end only when it differs.  qmail-send is
+ * signalled once, after the files are written.  The system users the
+ * files are given to are looked up once for the whole pass.
  *
  * Either way, the work a mailbox waits on is started ahead: when a
  * domain's mailbox list arrives, the mailboxes' own queries (group
@@ -53,6 +56,7 @@
 #include "fs/file_str.h"
 #include "fs/file_util.h"
 #include "fs/held_file.h"
+#include "fs/replace_file.h"
 #include "fs/users.h"
 #include "mailconf/delivery.h"
 #include "mailconf/domain.h"
@@ -88,6 +92,11 @@ static const char *const SHARED_FILES[] = {
 
 /* The salt of this run: "$1$", eight characters, a terminating zero. */
 static char run_salt[12];
+
+/* What the pass did, for the summary line of the run. */
+static struct {
+    unsigned domains, mailboxes, aliases, skipped;
+} counts;
 
 /* db_flag_on - a flag column is on unless it says "false"; a NULL (which
  * the panel never stores there) is taken as off rather than compared */
@@ -131,6 +140,7 @@ static void skip_row(const char *kind, const char *value, const char *mailbox,
 {
     char v[VALUE_PRINTABLE_SIZE], m[VALUE_PRINTABLE_SIZE], d[VALUE_PRINTABLE_SIZE];
 
+    counts.skipped++;
     value_printable(domain, d, sizeof(d));
     errno = 0;
     if (kind == nullptr)
@@ -280,23 +290,32 @@ static const char **start_mailboxes(MYSQL_RES *rows)
     return plain;
 }
 
-/* empty_qmail_files - truncate the domain data, assign keeping its "." */
+/* empty_qmail_files - empty the domain data, assign keeping its ".": the
+ * held copies when the pass holds the files (the disk keeps the old files
+ * until the pass has succeeded), else the files themselves */
 static void empty_qmail_files(void)
 {
+    static const struct {
+        const char *name;
+        const char *text;
+    } emptied[] = {
+        {"/control/rcpthosts", ""}, {"/control/virtualdomains", ""},
+        {"/users/assign", ".\n"},   {"/users/poppasswd", ""},
+    };
     char path[QUERY_SIZE];
 
-    snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/control/rcpthosts");
-    truncate_file(path);
-    snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/control/virtualdomains");
-    truncate_file(path);
-    snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/users/assign");
-    truncate_file(path);
-    file_str(path, ".\n", FILE_STR_ADD, FILE_STR_AT_END);
-    snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/users/poppasswd");
-    truncate_file(path);
+    for (const auto &e : emptied) {
+        snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, e.name);
+        if (held_file_reset(path, e.text) == 0)
+            continue;
+        truncate_file(path);
+        if (*e.text)
+            file_str(path, e.text, FILE_STR_ADD, FILE_STR_AT_END);
+    }
 }
 
-/* prepare_mailnames_dir - make the mailbox root, owned by root:gid, 0755 */
+/* prepare_mailnames_dir - make the mailbox root, owned by root:gid, 0755;
+ * owner and mode are set only where they differ */
 static void prepare_mailnames_dir(unsigned gid)
 {
     const char *dir = panel_config.QMAIL_MAILNAMES_D;
@@ -307,16 +326,18 @@ static void prepare_mailnames_dir(unsigned gid)
             report(1, "ERROR: Unable to stat for mailnames dir: %s", strerror(errno));
         if (mkdir(dir, 0755) != 0)
             report(1, "ERROR: Unable to mkdir for mailnames dir: %s", strerror(errno));
+        st.st_uid = static_cast<uid_t>(-1);
+        st.st_mode = 0;
     }
-    if (chown(dir, 0, gid) != 0)
+    if ((st.st_uid != 0 || st.st_gid != gid) && chown(dir, 0, gid) != 0)
         report(1, "ERROR: Unable to chown for mailnames dir: %s", strerror(errno));
-    if (chmod(dir, 0755) != 0)
+    if ((st.st_mode & 07777) != 0755 && chmod(dir, 0755) != 0)
         report(1, "ERROR: Unable to chmod for mailnames dir: %s", strerror(errno));
     if (chdir(dir) != 0)
         report(1, "WARNING: Unable to chdir to mailnames dir: %s", strerror(errno));
 }
 
-/* batch_end - write the held files, release their locks, signal once */
+/* batch_end - release the held files' locks, signal once */
 static void batch_end(void)
 {
     held_files_release();
@@ -325,20 +346,20 @@ static void batch_end(void)
     kill_by_name_defer(0);
 }
 
-/* batch_begin - lock and hold the shared files for the whole pass */
+/* batch_begin - lock and hold the shared files for the whole pass.  Nothing
+ * of them reaches the disk before batch_end: a fatal error or a kill
+ * leaves the previous files whole. */
 static void batch_begin(void)
 {
     char path[QUERY_SIZE];
 
     for (const char *name : SHARED_FILES) {
         snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, name);
-        if (held_file_take(path, 0) != 0)
+        if (held_file_take(path, 1) != 0)
             report(1, "Unable to lock %s for the rebuild", path);
     }
     kill_by_name_defer(1);
     users_remember(1);
-    /* Whatever ends the process from here writes what has been applied. */
-    report_on_fatal(batch_end);
 }
 
 /* restore_mailbox - row number i of a domain's mailbox list, all its
@@ -356,10 +377,11 @@ static void restore_mailbox(MYSQL_RES *rows, MYSQL_ROW m, size_t i, const char *
     }
     if (rebuild_batched) {
         snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
-        if (held_file_take(qmail, 1) != 0)
+        if (held_file_take(qmail, 0) != 0)
             report(1, "Unable to lock %s for the rebuild", qmail);
     }
     add_mailbox(mail_name, domain);
+    counts.mailboxes++;
     if (db_flag_on(m[2])) {
         const char *hash;
         if (m[3] != nullptr && strcmp(m[3], "crypt") == 0)
@@ -383,8 +405,8 @@ static void restore_mailbox(MYSQL_RES *rows, MYSQL_ROW m, size_t i, const char *
     while (MYSQL_ROW r = mysql_fetch_row(res)) {
         if (const char *why = column_rule(res, r, 0, check_mail_name))
             skip_row("mail alias", r[0], mail_name, domain, why);
-        else
-            add_mail_alias(mail_name, domain, r[0]);
+        else if (add_mail_alias(mail_name, domain, r[0]) == 0)
+            counts.aliases++;
     }
     mysql_free_result(res);
     /* A delivery file that cannot be written ends the run, as a failed
@@ -406,6 +428,7 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int ful
         return;
     }
     add_mail_domain(name, disabled);
+    counts.domains++;
     /* The name converts: check_domain_name has just converted it. */
     char *ascii = idn_toascii(name);
     const char *policy_refused = nonexist_policy_refused(name, id, conn);
@@ -425,6 +448,7 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int ful
             continue;
         }
         add_domain_alias(name, a[0]);
+        counts.aliases++;
         if (reject_aliases < 0) {
             const char *policy = get_DomainService_Parameter(id, "mail", "nonexist_mail", conn);
             reject_aliases = policy_refused == nullptr && policy != nullptr && strcmp(policy, "reject") == 0;
@@ -481,20 +505,28 @@ void rebuild_mail_configuration(void)
     while (MYSQL_ROW d = mysql_fetch_row(domains))
         restore_domain(conn, domains, d, full_names_required);
     mysql_free_result(domains);
-    if (rebuild_batched) {
-        report_on_fatal(nullptr);
-        /* Shared files that cannot be written end the run here, before
-         * qmail's user database is rebuilt from them. */
-        if (held_files_write() != 0)
-            report(1, "Unable to write the rebuilt qmail files");
-        batch_end();
-    }
     pipeline_close();
     mysql_close(ahead);
 
     if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
         restore_antivirus_settings(conn);
+    if (rebuild_batched) {
+        /* The pass has succeeded: the shared files are replaced now, each
+         * only when it differs, before qmail's user database is rebuilt
+         * from them; files that cannot be written end the run here. */
+        if (held_files_write() != 0)
+            report(1, "Unable to write the rebuilt qmail files");
+        batch_end();
+    }
     mysql_close(conn);
+}
+
+void rebuild_log_summary(double seconds)
+{
+    report_syslog_info("summary: %u domains, %u mailboxes and %u aliases restored, %u rows skipped, "
+                       "%lu files replaced, %.1f seconds",
+                       counts.domains, counts.mailboxes, counts.aliases, counts.skipped,
+                       replace_count(), seconds);
 }
 
 int run_qmail_newu(void)

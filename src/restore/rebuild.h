@@ -2,8 +2,9 @@
  *
  * rebuild_mail_configuration() empties qmail's domain data and writes it
  * again from the panel database, domain by domain and mailbox by mailbox.
- * run_qmail_newu() and restart_qmail() finish a run; make_salt() and
- * short_pop3_names_allowed() serve the password records.
+ * run_qmail_newu() and restart_qmail() finish a run; rebuild_log_summary()
+ * tells syslog what it did; make_salt() and short_pop3_names_allowed()
+ * serve the password records.
  */
 #ifndef REBOX_RESTORE_REBUILD_H
 #define REBOX_RESTORE_REBUILD_H
@@ -13,8 +14,10 @@
 #define SALT_ALPHABET "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
 
 /* rebuild_batched - 1 (the default): the pass holds the shared qmail files
- * in memory under their locks and writes each once at its end, looks each
- * domain up once over its own connection and signals qmail-send once.
+ * in memory under their locks and, once it has succeeded, replaces each
+ * that differs (nothing of them is written when it fails or is killed),
+ * looks each domain up once over its own connection and signals qmail-send
+ * once.
  * 0: every record is edited on disk at once; the result is the same, and
  * the tests compare the two. */
 extern int rebuild_batched;
@@ -22,6 +25,9 @@ extern int rebuild_batched;
 void rebuild_mail_configuration(void);
 void make_salt(char *buf, int n);
 int short_pop3_names_allowed(MYSQL *conn);
+/* rebuild_log_summary - the run's one summary line to syslog: domains,
+ * mailboxes and aliases restored, rows skipped, files replaced, seconds */
+void rebuild_log_summary(double seconds);
 int run_qmail_newu(void);
 int restart_qmail(int really);
 

@@ -21,7 +21,6 @@ const char *report_progname = nullptr;
 static const size_t REPORT_BUF_SIZE = 4096;
 
 /* Run once before a fatal exit, to leave shared files consistent. */
-static void (*fatal_hook)(void) = nullptr;
 
 /* Syslog copy of the messages: on after report_syslog_start(). */
 static int syslog_on = 0;
@@ -38,16 +37,40 @@ static void syslog_copy(int priority, const char *text)
     syslog(priority, "%.*s", static_cast<int>(len), text);
 }
 
-void report_syslog_start(const char *run_mode)
+/* set_ident - the program's base name as the syslog identity */
+static void set_ident(void)
 {
     const char *base = report_progname ? strrchr(report_progname, '/') : nullptr;
 
     base = base ? base + 1 : (report_progname ? report_progname : "rebox");
     snprintf(syslog_ident, sizeof(syslog_ident), "%s", *base ? base : "rebox");
+}
+
+void report_syslog_start(const char *run_mode)
+{
+    set_ident();
     syslog_mode = run_mode;
     openlog(syslog_ident, LOG_PID | LOG_NDELAY, LOG_MAIL);
     syslog_on = 1;
     syslog(LOG_INFO, "started: mode %s", syslog_mode);
+}
+
+void report_syslog_info(const char *format, ...)
+{
+    char text[1024];
+    va_list ap;
+
+    va_start(ap, format);
+    vsnprintf(text, sizeof(text), format, ap);
+    va_end(ap);
+    if (syslog_on) {
+        syslog(LOG_INFO, "%s", text);
+        return;
+    }
+    set_ident();
+    openlog(syslog_ident, LOG_PID, LOG_MAIL);
+    syslog(LOG_INFO, "%s", text);
+    closelog();
 }
 
 void report_syslog_finish(int exit_status)
@@ -175,19 +198,8 @@ char *xasprintf(const char *format, ...)
     return out;
 }
 
-void report_on_fatal(void (*fn)(void))
-{
-    fatal_hook = fn;
-}
-
 void report_exit(int status)
 {
-    void (*hook)(void) = fatal_hook;
-
-    /* Cleared first: a report from inside the hook must not run it again. */
-    fatal_hook = nullptr;
-    if (hook && status != 0)
-        hook();
     report_syslog_finish(status);
     exit(status);
 }

@@ -25,12 +25,11 @@ int report_text(const char *text, int exit_status);
 char *xasprintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 [[noreturn]] void report_exit(int status);
 
-/* report_on_fatal - fn runs once when a fatal status ends the process
- * (report with a non-zero status, report_exit), before the exit */
-void report_on_fatal(void (*fn)(void));
-
 void report_syslog_start(const char *run_mode);
 void report_syslog_finish(int exit_status);
+/* report_syslog_info - one LOG_INFO line to syslog (facility mail) only,
+ * detached or not: standard output and error get nothing */
+void report_syslog_info(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void report_stderr(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 #endif

@@ -133,15 +133,3 @@ TEST_F(RebuildE2E, EmptyServerAndFinishingStatuses)
     rebox_standins(0, 1);
     EXPECT_EQ(run_rebox("--without-spam").status, 255);
 }
-
-TEST_F(RebuildE2E, UnreachableDatabaseLeavesEmptiedFilesAndRunsNothing)
-{
-    write_file(sandbox_path("qmail/control/rcpthosts"), "kept.example\n");
-    write_file("/etc/vdo/.vdo.shadow", "wrong-password\n");
-    CommandResult r = run_rebox("--without-spam");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("Unable to connect to the mysql database"), std::string::npos) << r.err;
-    EXPECT_EQ(qmail("control/rcpthosts"), "");
-    EXPECT_EQ(qmail("users/assign"), ".\n");
-    EXPECT_EQ(calls(STANDIN_QMAIL_NEWU) + calls(STANDIN_QMAIL_INIT), 0u);
-}

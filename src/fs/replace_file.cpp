@@ -1,0 +1,118 @@
+/* replace_file - whole-file replacement only where something differs (see
+ * replace_file.h). */
+#include "fs/replace_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+/* Files replaced by this process. */
+static unsigned long replaced;
+
+static const size_t PATH_BUF_SIZE = 4096;
+
+/* same_bytes - 1 when the open file fd holds exactly len bytes equal to
+ * text (its size is already known to be len) */
+static int same_bytes(int fd, const char *text, size_t len)
+{
+    char chunk[4096];
+    size_t done = 0;
+
+    while (done < len) {
+        ssize_t got = read(fd, chunk, sizeof(chunk));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0 || done + static_cast<size_t>(got) > len
+            || memcmp(chunk, text + done, static_cast<size_t>(got)) != 0)
+            return 0;
+        done += static_cast<size_t>(got);
+    }
+    return 1;
+}
+
+int file_matches_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode)
+{
+    struct stat st;
+    int fd = openat(at->dir, at->name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY
+                                           | (at->guarded ? O_NOFOLLOW : 0));
+
+    if (fd < 0)
+        return 0;
+    int same = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_nlink == 1 || !at->guarded)
+               && st.st_uid == uid && st.st_gid == gid && (st.st_mode & 07777) == mode
+               && st.st_size == static_cast<off_t>(len) && same_bytes(fd, text, len);
+    close(fd);
+    return same;
+}
+
+/* write_whole - all of text to fd; 0 or -1 */
+static int write_whole(int fd, const char *text, size_t len)
+{
+    while (len > 0) {
+        ssize_t put = write(fd, text, len);
+        if (put < 0 && errno == EINTR)
+            continue;
+        if (put <= 0) {
+            if (put == 0)
+                errno = EIO;
+            return -1;
+        }
+        text += put;
+        len -= static_cast<size_t>(put);
+    }
+    return 0;
+}
+
+int replace_file_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
+                    int durable, const char **step)
+{
+    char tmp_path[PATH_BUF_SIZE];
+    PathAt tmp;
+
+    if (file_matches_at(at, text, len, uid, gid, mode))
+        return 0;
+    *step = "open";
+    if (at_clear_foreign(at) != 0 || at_temporary(at, &tmp, tmp_path) != 0)
+        return -1;
+    int fd = at_open(&tmp, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0)
+        return -1;
+    int rc = -1;
+    *step = "write";
+    if (write_whole(fd, text, len) == 0 && (!durable || fsync(fd) == 0)) {
+        *step = "chown";
+        if (fchown(fd, uid, gid) == 0) {
+            *step = "chmod";
+            if (fchmod(fd, mode) == 0)
+                rc = 0;
+        }
+    }
+    int err = errno;
+    if (close(fd) != 0 && rc == 0) {
+        *step = "write";
+        err = errno;
+        rc = -1;
+    }
+    if (rc == 0 && renameat(tmp.dir, tmp.name, at->dir, at->name) != 0) {
+        *step = "rename";
+        err = errno;
+        rc = -1;
+    }
+    if (rc != 0) {
+        unlinkat(tmp.dir, tmp.name, 0);
+        errno = err;
+        return -1;
+    }
+    if (durable)
+        fsync(at->dir);
+    replaced++;
+    return 1;
+}
+
+unsigned long replace_count(void)
+{
+    return replaced;
+}

@@ -1,0 +1,34 @@
+/* replace_file - make a file hold a given text, owner and mode, in one
+ * step and only when it does not already.
+ *
+ * The mail server reads its files while they are rebuilt: a file is never
+ * emptied or written in place.  replace_file_at() compares the file's
+ * content, owner, group and mode with what is wanted and leaves a file
+ * that matches untouched (no write, no new inode, no new time); any other
+ * is written whole into "<name>.tmp" beside it, given its owner and mode,
+ * and renamed over it, so a reader sees the old text or the new, never a
+ * part.  A durable replacement is also flushed to the disk, and the
+ * directory after the rename, so that a crash cannot leave the file empty.
+ * replace_count() tells how many files this process has replaced.
+ */
+#ifndef REBOX_FS_REPLACE_FILE_H
+#define REBOX_FS_REPLACE_FILE_H
+
+#include "fs/path_at.h"
+
+#include <stddef.h>
+#include <sys/types.h>
+
+/* replace_file_at - 0 when the file already matched, 1 when it was
+ * replaced, -1 with errno and *step ("open", "write", "chown", "chmod" or
+ * "rename") when it could not be; the temporary file is then gone */
+int replace_file_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
+                    int durable, const char **step);
+
+/* file_matches_at - 1 when the file at is a regular file of its own with
+ * exactly this content, owner, group and mode, else 0 */
+int file_matches_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode);
+
+unsigned long replace_count(void);
+
+#endif
