@@ -2,10 +2,15 @@
  * small helpers for building queries.
  *
  * Every connection logs in as "admin" to database "vdo" on the local server
- * (library default socket) with the password read from DB_PASSWORD_FILE at
- * each connect.  The session then gets foreign-key checks off and, on servers
- * that know character sets, "SET NAMES utf8" or "SET NAMES binary" as the
- * panel setting mysql41_compatible asks.
+ * with the password read from DB_PASSWORD_FILE at each connect.  It goes to
+ * the client library's built-in socket, and nothing of the caller's decides
+ * where it connects or what the library loads: main() gave the process an
+ * environment of its own (runtime/process_start), so the library finds none
+ * of its socket, port, password, plugin or plugin-directory variables, and
+ * it reads no option file, since no mysql_options() call here asks it to.
+ * The session then gets foreign-key checks off and, on servers that know
+ * character sets, "SET NAMES utf8" or "SET NAMES binary" as the panel
+ * setting mysql41_compatible asks.
  *
  * Error texts are written into the caller's buffer with snprintf: a message
  * longer than the buffer is cut to it and always terminated (a zero-sized

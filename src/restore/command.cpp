@@ -2,10 +2,11 @@
  *
  * usage: rebox --without-spam|--with-spam|--spam-only [--daemon-mode]
  *
- * rebox_main() takes root privileges, reads the run mode, optionally
- * detaches, loads the product configuration, then runs the rebuild pass,
- * the spam-filter pass and the finishing steps (qmail-newu, qmail restart)
- * as the mode asks.  Its result, the exit status, is that of qmail-newu
+ * rebox_main() first gives the process a state of its own, none of it the
+ * caller's (runtime/process_start), takes root privileges, reads the run
+ * mode, optionally detaches, loads the product configuration, then runs the
+ * rebuild pass, the spam-filter pass and the finishing steps (qmail-newu,
+ * qmail restart) as the mode asks.  Its result, the exit status, is that of qmail-newu
  * ORed with that of the restart.
  */
 #include "restore/command.h"
@@ -14,6 +15,7 @@
 #include "filters/spam.h"
 #include "restore/rebuild.h"
 #include "runtime/config.h"
+#include "runtime/process_start.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -69,7 +71,8 @@ int rebox_main(int argc, char **argv)
     struct timespec start, end;
 
     report_progname = argv[0];
-    if (setuid(0) != 0 || setgid(0) != 0)
+    process_start_clean();
+    if (process_start_root() != 0)
         report(1, "Unable to set UID or GID: %s\n", strerror(errno));
     if (argc != 2 && argc != 3)
         usage();

@@ -9,8 +9,10 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -178,9 +180,16 @@ TEST_F(Service, TomcatAndApplicationServerRules)
     EXPECT_EQ(kill_by_field("command", "rebox-no-such-process-text", 0), 0);
     EXPECT_EQ(kill_by_field("command", "COMMAND", 0), 0);
 
-    std::string no_db = "MYSQL_UNIX_PORT=" + sandbox_path("no-database.sock");
-    EXPECT_EXIT({ putenv(no_db.data()); service_control("jrun", "restart"); },
-                testing::ExitedWithCode(1), "Unable to connect to the mysql database");
+    /* No server where the client library looks: a namespace of its own
+     * with an empty directory there. */
+    std::string sockdir = getenv("REBOX_DB_SOCKET");
+    sockdir.erase(sockdir.rfind('/'));
+    EXPECT_EXIT(
+        {
+            if (unshare(CLONE_NEWNS) == 0 && mount("tmpfs", sockdir.c_str(), "tmpfs", 0, nullptr) == 0)
+                service_control("jrun", "restart");
+        },
+        testing::ExitedWithCode(1), "Unable to connect to the mysql database");
 }
 
 TEST_F(Service, TomcatStoppedByForceWhenItsScriptFails)

@@ -1,6 +1,6 @@
 /* End-to-end tests of the command line, the run modes and daemon mode. */
+#include "restore/fresh_run.h"
 #include "support/devlog.h"
-#include "support/rebox_run.h"
 #include "support/testdb.h"
 
 #include <gtest/gtest.h>
@@ -92,6 +92,41 @@ TEST_F(Command, UnprivilegedRunStopsFirst)
         EXPECT_EQ(r.status, 1) << args;
         EXPECT_EQ(r.err, want) << args;
         EXPECT_EQ(r.out, want) << args;
+    }
+}
+
+/* A set-user-ID copy started by nobody with what a caller can hand across
+ * exec, one thing a row: the client library's plugin and socket variables
+ * (the plugin, built here, leaves a mark when loaded), umask 000, a
+ * file-size limit, SIGCHLD ignored; and standard output and error closed
+ * while a message is due mid-run (a mail alias the rebuild skips), for
+ * root's own start: for a set-user-ID one the C library opens them itself.
+ * Every run loads nothing, rebuilds what an ordinary run rebuilds from the
+ * test server, and leaves nothing world-writable and no message in a file. */
+TEST_F(Command, SetUidStartTakesNothingFromTheCaller)
+{
+    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
+    testdb_exec("INSERT INTO mail_aliases (mn_id, alias) VALUES (1, 'evil/x')");
+    ASSERT_EQ(run_command("cd \"$REBOX_SANDBOX\" && cp " REBOX_EXE " rebox && chmod 4755 rebox && mkdir plugins && "
+                          "printf '#include <sys/stat.h>\\nstatic void __attribute__((constructor)) f(void) "
+                          "{ mkdir(\"%s/loaded\", 0); }' \"$PWD\" | cc -shared -fPIC -x c -o plugins/evil.so -")
+                  .status, 0);
+    FreshRun want = fresh_run(REBOX_EXE " --without-spam");
+    ASSERT_EQ(want.run.status, 0) << want.run.err;
+    const std::string nobody = "setpriv --reuid=65534 --regid=65534 --clear-groups ./rebox --without-spam";
+    for (std::string row : {"export LIBMYSQL_PLUGINS=evil MARIADB_PLUGIN_DIR=$PWD/plugins MYSQL_PLUGIN_DIR=$PWD/plugins && " +
+                                nobody,
+                            "export MYSQL_UNIX_PORT=$PWD/decoy MARIADB_UNIX_PORT=$PWD/decoy && " + nobody,
+                            "umask 000 && " + nobody, "ulimit -S -f 1 && " + nobody,
+                            "bash -c 'trap \"\" CHLD; exec \"$0\" \"$@\"' " + nobody,
+                            std::string("exec >&- 2>&- && ./rebox --without-spam")}) {
+        SCOPED_TRACE(row);
+        FreshRun o = fresh_run("cd \"$REBOX_SANDBOX\" && " + row);
+        EXPECT_EQ(o.run.status, 0) << o.run.err;
+        EXPECT_EQ(o.tree, want.tree);
+        EXPECT_EQ(run_command("cd \"$REBOX_SANDBOX\" && rmdir loaded && echo loaded; "
+                              "find qmail vdo/var drweb -perm -o+w ! -type l; grep -rl 'rebox: ' qmail vdo/var drweb")
+                      .out, "");
     }
 }
 

@@ -201,7 +201,7 @@ protected:
     {
         db_dir = sandbox_path("db");
         ASSERT_NO_FATAL_FAILURE(run_or_fail(std::string(REBOX_TEST_SUPPORT_DIR) + "/db-server start " + db_dir));
-        setenv("MYSQL_UNIX_PORT", (db_dir + "/mysqld.sock").c_str(), 1);
+        ASSERT_NO_FATAL_FAILURE(run_or_fail("ln -sfn " + db_dir + "/mysqld.sock \"$REBOX_DB_SOCKET\""));
         ASSERT_NO_FATAL_FAILURE(testdb_reset());
     }
     /* mount_qmail - the qmail root on a tmpfs of its own, with qmail/bin

@@ -15,11 +15,11 @@ namespace {
  * and a fatal failure when the server is not reachable */
 MYSQL *connect_admin(std::string &error)
 {
-    const char *sock = getenv("MYSQL_UNIX_PORT");
+    const char *sock = getenv("REBOX_DB_SOCKET");
     const char *password = getenv("REBOX_DB_PASSWORD");
-    if (!sock || !*sock) {
-        error = "MYSQL_UNIX_PORT is not set (the test must run in the sandbox "
-                "with the db fixture)";
+    if (!sock || !*sock || !getenv("REBOX_DB_DIR")) {
+        error = "REBOX_DB_SOCKET or REBOX_DB_DIR is not set (the test must run in "
+                "the sandbox with the db fixture)";
         return nullptr;
     }
     MYSQL *conn = mysql_init(nullptr);

@@ -1,9 +1,9 @@
 /* testdb - the tests' own access to the throwaway database server.
  *
  * The server is started by the CTest fixture db_server_start (see
- * tests/support/db-server) and is reached through the Unix socket named by
- * MYSQL_UNIX_PORT, which the sandbox sets for the tests of db/, mailconf/,
- * filters/ and restore/.  These helpers log in as 'admin' with the password
+ * tests/support/db-server) and is reached through the client library's
+ * built-in socket path (REBOX_DB_SOCKET), where the sandbox puts it for the
+ * tests of db/, mailconf/, filters/ and restore/.  These helpers log in as 'admin' with the password
  * in REBOX_DB_PASSWORD (default "sandbox-secret") to database "vdo", each
  * call on a connection of its own, so they work whatever a test does to
  * /etc/vdo/.vdo.shadow.  They talk to the server directly; the code under

@@ -1,0 +1,21 @@
+/* process_start - a process state of our own, whatever the caller left us.
+ *
+ * process_start_clean() replaces what any caller hands across exec (the
+ * environment, the umask, closed standard descriptors, ignored or blocked
+ * signals) and is harmless without privileges; process_start_root() takes
+ * user and group id 0 with no supplementary groups and then lifts the
+ * resource limits.  The reasons are in process_start.cpp.
+ */
+#ifndef REBOX_RUNTIME_PROCESS_START_H
+#define REBOX_RUNTIME_PROCESS_START_H
+
+/* The whole environment of the process and of every program it starts. */
+#define PROCESS_START_PATH "/usr/sbin:/usr/bin:/sbin:/bin"
+
+void process_start_clean(void);
+
+/* process_start_root - 0, or -1 with errno set by the id change that failed
+ * (the limits are left alone then) */
+int process_start_root(void);
+
+#endif
