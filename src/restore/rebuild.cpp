@@ -425,11 +425,9 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int ful
     add_mail_domain(name, disabled);
     /* The name converts: check_domain_name has just converted it. */
     char *ascii = idn_toascii(name);
-    const char *policy_refused = nonexist_policy_refused(name, id, conn);
+    const char *policy_refused = restore_nonexist_policy_checked(name, id, conn);
     if (policy_refused != nullptr)
         skip_row("unknown-recipient policy", nullptr, nullptr, name, policy_refused);
-    else
-        restore_nonexist_policy(name, id, conn);
     apply_quota(name, nullptr, get_dom_Limit(id, "mbox_quota", conn));
 
     MYSQL_RES *res = run_query(conn, domain_aliases_query(id, query), "Unable to query domain aliases: %s");
