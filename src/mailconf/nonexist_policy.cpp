@@ -212,8 +212,9 @@ int add_bounce(const char *domain, const char *line)
     char path[QMAIL_BUF_SIZE];
 
     /* A line that would break in two is refused like a bad domain name:
-     * the file holds exactly one line. */
-    if (domain == nullptr || *domain == '\0' || check_line_breaks(line) != nullptr)
+     * the file holds exactly one line (a carriage return is no line break
+     * there, only a byte of it). */
+    if (domain == nullptr || *domain == '\0' || line == nullptr || strchr(line, '\n') != nullptr)
         value_refused("add_bounce: empty domain");
     char *ascii = domain_ascii_valid(domain, "add_bounce: empty domain");
     if (!popuser_known(&bounce_popuser))
@@ -237,10 +238,10 @@ int set_bounce_message(const char *domain, const char *text)
     /* A null text bounces with an empty message rather than crashing. */
     std::string copy = text ? text : "";
 
-    /* The text becomes one line: a carriage return (a text typed with
-     * CR LF line ends) goes the way of the newline. */
+    /* The text becomes one line: each newline turns into a space, and
+     * every other byte, a carriage return too, is left to shell_escape. */
     for (char &c : copy)
-        if (c == '\n' || c == '\r')
+        if (c == '\n')
             c = ' ';
     std::string line = "|bouncesaying " + shell_escape(copy);
     set_reject(domain, 0);
