@@ -261,17 +261,18 @@ int file_str_list(const char *path, const char *const *lines, int operation, int
     if (result != 0)
         return fail(lock, path);
 
+    /* Each failure here ends the edit at once: the new content stays. */
     if (!missing) {
         if (chown(path, st.st_uid, st.st_gid) != 0) {
             report(0, "file_str: ERROR: Unable to chown file %s: %s", path, strerror(errno));
-            result = 1;
+            return fail(lock, path);
         }
         if (chmod(path, st.st_mode & 07777) != 0) {
             report(0, "file_str: ERROR: Unable to chmod file %s: %s", path, strerror(errno));
-            result = 1;
+            return fail(lock, path);
         }
     }
-    return release(lock, path) | result;
+    return release(lock, path);
 }
 
 int file_str(const char *path, const char *line, int operation, int mode)
