@@ -9,12 +9,14 @@
 #include "runtime/report.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <libgen.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
+#include <unistd.h>
 
 const char *report_progname = nullptr;
 
@@ -22,6 +24,8 @@ static const size_t REPORT_BUF_SIZE = 4096;
 
 /* Run once before a fatal exit, to leave shared files consistent. */
 static void (*fatal_hook)(void) = nullptr;
+/* Set while that hook runs: the fatal message was the last word. */
+static int after_fatal = 0;
 
 /* Syslog copy of the messages: on after report_syslog_start(). */
 static int syslog_on = 0;
@@ -69,7 +73,7 @@ void report_stderr(const char *format, ...)
     va_end(ap);
     fputs(text, stderr);
     fflush(stderr);
-    if (syslog_on)
+    if (syslog_on && !after_fatal)
         syslog_copy(LOG_ERR, text);
 }
 
@@ -103,7 +107,7 @@ int report_text(const char *text, int exit_status)
     write_decorated(stderr, prefix, text);
     write_decorated(stdout, prefix, text);
     free(copy);
-    if (syslog_on)
+    if (syslog_on && !after_fatal)
         syslog_copy(exit_status != 0 ? LOG_ERR : LOG_WARNING, text);
     if (exit_status != 0)
         report_exit(exit_status);
@@ -180,14 +184,35 @@ void report_on_fatal(void (*fn)(void))
     fatal_hook = fn;
 }
 
+/* silence_after_fatal - nothing more reaches the streams or syslog: what
+ * the hook or the programs it starts would say came after the fatal
+ * message, which ends the run's output (a failure in the hook leaves the
+ * files as they were before it, and the run has failed anyway) */
+static void silence_after_fatal(void)
+{
+    int fd = open("/dev/null", O_WRONLY);
+
+    fflush(stdout);
+    fflush(stderr);
+    if (fd >= 0) {
+        dup2(fd, 1);
+        dup2(fd, 2);
+        if (fd > 2)
+            close(fd);
+    }
+    after_fatal = 1;
+}
+
 void report_exit(int status)
 {
     void (*hook)(void) = fatal_hook;
 
     /* Cleared first: a report from inside the hook must not run it again. */
     fatal_hook = nullptr;
-    if (hook && status != 0)
+    if (hook && status != 0) {
+        silence_after_fatal();
         hook();
+    }
     report_syslog_finish(status);
     exit(status);
 }
