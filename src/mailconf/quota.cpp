@@ -73,8 +73,9 @@ int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes)
     fprintf(f, "%ld\n", kilobytes);
     if (fclose(f) != 0) {
         report(0, "%s", strerror(errno));
-        /* The number may not have reached the disk: no empty or cut
-         * quota file stays behind. */
+        /* Deliberately removed rather than left as it is: the number may
+         * not have reached the disk, and no empty or cut quota file may
+         * stay behind. */
         unlink(path);
         unlock_quota(lock, path);
         return 0;

@@ -13,7 +13,9 @@
  * a writer (which would end the process on it) it is tested with the rules
  * of value_check, and a row that breaks one is skipped with a warning that
  * names its domain, its mailbox or alias or address, and the rule; the run
- * goes on and its exit status does not change.  A skipped domain leaves
+ * goes on and its exit status does not change.  This is deliberate and
+ * stays so: the writers still end the process on such a value, and the
+ * pass alone chooses to go on without the row.  A skipped domain leaves
  * out everything of it (directory, records, policy, quota, aliases,
  * mailboxes), a skipped mailbox everything of it (home, assign record,
  * password line, delivery file, quota, aliases), a skipped alias or
@@ -135,6 +137,8 @@ static void skip_row(const char *kind, const char *value, const char *mailbox,
     char v[VALUE_PRINTABLE_SIZE], m[VALUE_PRINTABLE_SIZE], d[VALUE_PRINTABLE_SIZE];
 
     value_printable(domain, d, sizeof(d));
+    /* Deliberately no system error line: the warning is about what a table
+     * holds, and an errno left by some earlier call would only mislead. */
     errno = 0;
     if (kind == nullptr)
         report(0, "Skipping mail domain '%s': %s", d, why);
