@@ -1,27 +1,23 @@
-/* pipeline - queries sent ahead of the code that reads their results.
+/* pipeline - queries sent ahead of the code that asks them.
  *
  * Asked one at a time, every query waits a full round trip to the server
  * while the caller sits idle.  A pipeline keeps up to PIPELINE_WINDOW
- * queries on the wire over one connection of its own: the server answers
- * them while the caller works on the results before them.  Results come
- * back in the order the queries were queued.
+ * queries on the wire over a connection of its own: the server answers
+ * them while the caller works on the answers before them.
  *
- * pipeline_open() takes the connection (no other code may query over it
- * until pipeline_close()), pipeline_queue() adds a query, pipeline_result()
- * waits for the oldest query's result and ends the process with the
- * caller's message (a report() format with one %s for the server's error)
- * when that query failed or could not be sent; pipeline_close() drops
- * whatever was not read and gives the connection back.
- *
- * pipeline_prefetch() queues a query that some code will probably ask
- * later, in its own words, over another connection: pipeline_claim(),
- * called by that code with the text it is about to send, hands over the
- * prefetched result when the text is exactly one of the prefetched queries
- * at the head of the pipeline (those before it were not asked and are
- * dropped).  A prefetched query nobody claims is dropped unread when a
- * result behind it is asked for.  A prefetched query that failed is not
- * claimed: the caller then asks it itself and meets the failure (or the
- * answer) in its own way.
+ * pipeline_open() takes that connection (no other code may query over it
+ * until pipeline_close()) and names the connection whose questions the
+ * pipeline answers ahead.  pipeline_prefetch() queues a query that code
+ * will probably ask later, in its own words, over that connection.
+ * pipeline_ask() is how such code asks: a queued result is handed over
+ * only to a question of exactly the same text asked over that connection;
+ * any other question is asked over the caller's connection as if nothing
+ * had been queued.  The queued queries before the one handed over were not
+ * asked in time and are dropped unread; a queued query that failed is not
+ * handed over, so the caller asks it itself and meets the failure (or the
+ * answer) in its own way.  No result ever goes to a question it does not
+ * answer, whatever order the questions come in.  pipeline_close() drops
+ * whatever was not asked and gives the connection back.
  */
 #ifndef REBOX_DB_PIPELINE_H
 #define REBOX_DB_PIPELINE_H
@@ -33,14 +29,12 @@
  * caller to read. */
 #define PIPELINE_WINDOW 64
 
-void pipeline_open(MYSQL *conn);
-void pipeline_queue(const char *query);
-MYSQL_RES *pipeline_result(const char *failure);
+void pipeline_open(MYSQL *ahead, MYSQL *served);
 void pipeline_prefetch(const char *query);
-MYSQL_RES *pipeline_claim(const char *query);
-/* pipeline_ask - the result of query: claimed when prefetched, else asked
- * over conn and stored (null when it gives no rows, as an UPDATE does);
- * -1 when conn's server refused it, its message then in mysql_error(conn) */
+/* pipeline_ask - the result of query: the queued one when it answers this
+ * question, else asked over conn and stored (null when it gives no rows,
+ * as an UPDATE does); -1 when conn's server refused it, its message then
+ * in mysql_error(conn) */
 int pipeline_ask(MYSQL *conn, const char *query, MYSQL_RES **res);
 void pipeline_close(void);
 

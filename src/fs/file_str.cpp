@@ -284,12 +284,12 @@ static int edit_at(PathAt *at, const char *const *lines, int operation, int mode
     if (result == 0 && !missing) {
         /* The owner and mode go on the file written (or, for an operation
          * that wrote nothing, the file as it is). */
+        /* Each failure here ends the edit at once: the new content stays. */
         int fd = kept >= 0 ? kept : at_open(at, O_RDONLY, 0);
         if (fd < 0 || fchown(fd, st.st_uid, st.st_gid) != 0) {
             report(0, "file_str: ERROR: Unable to chown file %s: %s", at->path, strerror(errno));
             result = 1;
-        }
-        if (fd < 0 || fchmod(fd, st.st_mode & 07777) != 0) {
+        } else if (fchmod(fd, st.st_mode & 07777) != 0) {
             report(0, "file_str: ERROR: Unable to chmod file %s: %s", at->path, strerror(errno));
             result = 1;
         }

@@ -27,6 +27,8 @@
 /* At most this many files are held at once. */
 #define HELD_MAX 8
 
+static const size_t PATH_BUF_SIZE = 4096;
+
 /* The mode of a file the edits created: what 0666 less the umask gives. */
 static const mode_t NEW_FILE_MODE = 0644;
 
@@ -187,56 +189,104 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
     return 0;
 }
 
-/* write_one - the copy to disk, replacing the file only when its content,
- * owner or mode differ; 0 or 1.  The file keeps the owner, group and mode
- * it has on disk unless others were asked for; a file the edits created
- * gets those of a newly created file. */
-static int write_one(HeldFile *h)
+/* report_step - the message of a failed replacement of h's file */
+static void report_step(const HeldFile *h, const char *step, int err)
+{
+    if (strcmp(step, "rename") == 0)
+        report(0, "Unable to rename file %s.tmp: %s\n", h->path, strerror(err));
+    else if (strcmp(step, "open") == 0)
+        report(0, "Unable to open file %s.tmp: %s\n", h->path, strerror(err));
+    else
+        report(0, "Unable to write file %s.tmp: %s\n", h->path, strerror(err));
+}
+
+/* prepare_one - the copy written beside the file when the file's content,
+ * owner or mode differ: 1 with at and tmp open and ready to commit, 0 when
+ * the file already matches (at closed), -1 after the message.  The file
+ * keeps the owner, group and mode it has on disk unless others were asked
+ * for; a file the edits created gets those of a newly created file. */
+static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
 {
     TextBuf text = {};
-    PathAt at;
     struct stat st;
     const char *step = "open";
+    int rc = -1;
 
     if (line_store_text(h->store, &text) != 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    int rc = path_at(h->path, &at);
-    if (rc == 0) {
-        int on_disk = at_stat(&at, &st) == 0 && S_ISREG(st.st_mode);
+    if (path_at(h->path, at) == 0) {
+        int on_disk = at_stat(at, &st) == 0 && S_ISREG(st.st_mode);
         uid_t uid = h->uid != static_cast<uid_t>(-1) ? h->uid : on_disk ? st.st_uid : geteuid();
         gid_t gid = h->gid != static_cast<gid_t>(-1) ? h->gid : on_disk ? st.st_gid : getegid();
         mode_t mode = h->mode != static_cast<mode_t>(-1) ? h->mode
                       : on_disk                          ? st.st_mode & 07777
                                                          : NEW_FILE_MODE;
-        rc = replace_file_at(&at, text.data ? text.data : "", text.len, uid, gid, mode, h->durable,
-                             &step) < 0;
-        int err = errno;
-        path_at_close(&at);
-        errno = err;
+        rc = replace_file_prepare(at, text.data ? text.data : "", text.len, uid, gid, mode, h->durable,
+                                  &step, tmp, tmp_path);
+        if (rc <= 0) {
+            int err = errno;
+            path_at_close(at);
+            errno = err;
+        }
     }
     text_buf_free(&text);
-    if (rc != 0) {
-        int err = errno;
-        if (strcmp(step, "rename") == 0)
-            report(0, "Unable to rename file %s.tmp: %s\n", h->path, strerror(err));
-        else if (strcmp(step, "open") == 0)
-            report(0, "Unable to open file %s.tmp: %s\n", h->path, strerror(err));
-        else
-            report(0, "Unable to write file %s.tmp: %s\n", h->path, strerror(err));
-        return 1;
-    }
-    return 0;
+    if (rc < 0)
+        report_step(h, step, errno);
+    return rc;
+}
+
+/* commit_one - rename a prepared copy over the file; 0 or 1 */
+static int commit_one(HeldFile *h, PathAt *at, PathAt *tmp)
+{
+    const char *step;
+    int rc = replace_file_commit(at, tmp, h->durable, &step);
+
+    if (rc != 0)
+        report_step(h, step, errno);
+    path_at_close(at);
+    return rc != 0;
+}
+
+/* write_one - the copy to disk, replacing the file only when it differs */
+static int write_one(HeldFile *h)
+{
+    char tmp_path[PATH_BUF_SIZE];
+    PathAt at, tmp;
+
+    int rc = prepare_one(h, &at, &tmp, tmp_path);
+    if (rc <= 0)
+        return rc < 0;
+    return commit_one(h, &at, &tmp);
 }
 
 int held_files_write(void)
 {
-    int result = 0;
+    static char tmp_path[HELD_MAX][PATH_BUF_SIZE];
+    PathAt at[HELD_MAX], tmp[HELD_MAX];
+    int ready[HELD_MAX] = {}, failed = 0;
 
     if (held_count == 0 || getpid() != held_owner)
         return 0;
-    for (int i = 0; i < held_count; i++)
-        if (held[i].loaded && held[i].exists)
-            result |= write_one(&held[i]);
+    /* Every changed file is written beside itself first; only when all
+     * are ready are they renamed, so a failure there leaves them all as
+     * they were. */
+    for (int i = 0; i < held_count && !failed; i++)
+        if (held[i].loaded && held[i].exists) {
+            int rc = prepare_one(&held[i], &at[i], &tmp[i], tmp_path[i]);
+            ready[i] = rc > 0;
+            failed = rc < 0;
+        }
+    int result = failed;
+    for (int i = 0; i < held_count; i++) {
+        if (!ready[i])
+            continue;
+        if (failed) {
+            replace_file_abort(&tmp[i]);
+            path_at_close(&at[i]);
+        } else {
+            result |= commit_one(&held[i], &at[i], &tmp[i]);
+        }
+    }
     return result;
 }
 

@@ -40,13 +40,12 @@ static int root_link(int dir, const char *name)
 /* set_name - copy the last name into the PathAt; -1 when it is too long */
 static int set_name(PathAt *at, const char *name, size_t len)
 {
-    if (len >= sizeof(at->name_buf)) {
+    if (len >= sizeof(at->name)) {
         errno = ENAMETOOLONG;
         return -1;
     }
-    memcpy(at->name_buf, name, len);
-    at->name_buf[len] = '\0';
-    at->name = at->name_buf;
+    memcpy(at->name, name, len);
+    at->name[len] = '\0';
     return 0;
 }
 
@@ -131,7 +130,7 @@ void at_child(PathAt *at, int dir_fd, const char *name, const char *path)
     at->path = path;
     at->guarded = 1;
     at->owned = 0;
-    at->name = name;
+    set_name(at, name, strlen(name));
 }
 
 int at_temporary(const PathAt *at, PathAt *tmp, char *tmp_path)
@@ -140,12 +139,11 @@ int at_temporary(const PathAt *at, PathAt *tmp, char *tmp_path)
     tmp->owned = 0;
     tmp->path = tmp_path;
     if (snprintf(tmp_path, PATH_BUF_SIZE, "%s.tmp", at->path) >= static_cast<int>(PATH_BUF_SIZE)
-        || snprintf(tmp->name_buf, sizeof(tmp->name_buf), "%s.tmp", at->name)
-               >= static_cast<int>(sizeof(tmp->name_buf))) {
+        || snprintf(tmp->name, sizeof(tmp->name), "%s.tmp", at->name)
+               >= static_cast<int>(sizeof(tmp->name))) {
         errno = ENAMETOOLONG;
         return -1;
     }
-    tmp->name = tmp->name_buf;
     return 0;
 }
 

@@ -28,11 +28,10 @@
 /* PathAt - the opened directory of a path and the path's last name */
 struct PathAt {
     int dir;          /* the directory holding the last name */
-    const char *name; /* the last name (points into name_buf) */
+    char name[256];   /* the last name (a copy: the struct may be copied) */
     int guarded;      /* 1: links are not followed, foreign objects replaced */
     int owned;        /* dir is closed by path_at_close */
     const char *path; /* the whole path, for messages */
-    char name_buf[256];
 };
 
 /* path_at - open the directory holding path's last name; 0, or -1 with

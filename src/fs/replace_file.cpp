@@ -66,18 +66,15 @@ static int write_whole(int fd, const char *text, size_t len)
     return 0;
 }
 
-int replace_file_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
-                    int durable, const char **step)
+int replace_file_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
+                         int durable, const char **step, PathAt *tmp, char *tmp_path)
 {
-    char tmp_path[PATH_BUF_SIZE];
-    PathAt tmp;
-
     if (file_matches_at(at, text, len, uid, gid, mode))
         return 0;
     *step = "open";
-    if (at_clear_foreign(at) != 0 || at_temporary(at, &tmp, tmp_path) != 0)
+    if (at_clear_foreign(at) != 0 || at_temporary(at, tmp, tmp_path) != 0)
         return -1;
-    int fd = at_open(&tmp, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    int fd = at_open(tmp, O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (fd < 0)
         return -1;
     int rc = -1;
@@ -96,20 +93,44 @@ int replace_file_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t g
         err = errno;
         rc = -1;
     }
-    if (rc == 0 && renameat(tmp.dir, tmp.name, at->dir, at->name) != 0) {
-        *step = "rename";
-        err = errno;
-        rc = -1;
-    }
     if (rc != 0) {
-        unlinkat(tmp.dir, tmp.name, 0);
+        replace_file_abort(tmp);
+        errno = err;
+        return -1;
+    }
+    return 1;
+}
+
+int replace_file_commit(PathAt *at, PathAt *tmp, int durable, const char **step)
+{
+    *step = "rename";
+    if (renameat(tmp->dir, tmp->name, at->dir, at->name) != 0) {
+        int err = errno;
+        replace_file_abort(tmp);
         errno = err;
         return -1;
     }
     if (durable)
         fsync(at->dir);
     replaced++;
-    return 1;
+    return 0;
+}
+
+void replace_file_abort(PathAt *tmp)
+{
+    unlinkat(tmp->dir, tmp->name, 0);
+}
+
+int replace_file_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
+                    int durable, const char **step)
+{
+    char tmp_path[PATH_BUF_SIZE];
+    PathAt tmp;
+
+    int rc = replace_file_prepare(at, text, len, uid, gid, mode, durable, step, &tmp, tmp_path);
+    if (rc <= 0)
+        return rc;
+    return replace_file_commit(at, &tmp, durable, step) == 0 ? 1 : -1;
 }
 
 unsigned long replace_count(void)

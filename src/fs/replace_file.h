@@ -25,6 +25,18 @@
 int replace_file_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
                     int durable, const char **step);
 
+/* replace_file_prepare, replace_file_commit, replace_file_abort - the two
+ * halves of replace_file_at, for several files replaced together: every
+ * temporary file is written first, and only when all are ready are they
+ * renamed.  prepare gives 0 when the file already matches, 1 when tmp
+ * (its path in tmp_path, 4096 bytes) is ready, -1 as replace_file_at;
+ * commit renames tmp over the file, 0 or -1 (tmp then removed); abort
+ * removes tmp. */
+int replace_file_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
+                         int durable, const char **step, PathAt *tmp, char *tmp_path);
+int replace_file_commit(PathAt *at, PathAt *tmp, int durable, const char **step);
+void replace_file_abort(PathAt *tmp);
+
 /* file_matches_at - 1 when the file at is a regular file of its own with
  * exactly this content, owner, group and mode, else 0 */
 int file_matches_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode);

@@ -101,20 +101,50 @@ void nonexist_policy_prefetch(const char *domain_id)
     if (strpbrk(domain_id, "'\\") != nullptr)
         return;
     pipeline_prefetch(policy_nul_query(domain_id, query, sizeof(query)));
-    domain_service_parameter_query(domain_id, "mail", "nonexist_mail", query, sizeof(query));
-    pipeline_prefetch(query);
-    pipeline_prefetch(query);
+    pipeline_prefetch(domain_service_parameter_query(domain_id, "mail", "nonexist_mail", query,
+                                                     sizeof(query)));
 }
 
-/* nonexist_policy_refused - null when restore_nonexist_policy can apply the
- * domain's policy, else why not (a static text): the domain name breaks a
- * rule, a policy value holds a NUL byte, or the catch-all address is
- * refused.  A bounce text always makes a line (its line breaks become
- * spaces and shell_escape quotes the rest). */
-const char *nonexist_policy_refused(const char *domain, const char *domain_id, MYSQL *conn)
+/* work_out - read the domain's policy, each parameter once: its
+ * nonexist_mail value into policy, and into value the catch-all address
+ * ("catch") or the bounce text (a bounce, the default one included) */
+static void work_out(const char *domain, const char *domain_id, MYSQL *conn, char *policy,
+                     char *value)
+{
+    mail_parameter(domain_id, "nonexist_mail", conn, policy);
+    *value = '\0';
+    if (strcmp(policy, "catch") == 0)
+        catch_address(domain, domain_id, conn, value);
+    else if (strcmp(policy, "bounce") == 0)
+        mail_parameter(domain_id, "bounce_mess", conn, value);
+    if (*policy == '\0' || (strcmp(policy, "bounce") == 0 && *value == '\0'))
+        snprintf(value, QMAIL_BUF_SIZE, "%s", DEFAULT_BOUNCE_TEXT);
+}
+
+/* apply - write the policy work_out() found */
+static void apply(const char *domain, const char *policy, const char *value)
+{
+    if (*policy == '\0' || strcmp(policy, "bounce") == 0) {
+        set_bounce_message(domain, value);
+    } else if (strcmp(policy, "catch") == 0) {
+        set_catch_all(domain, value);
+    } else {
+        set_reject(domain, 0);
+        set_reject(domain, 1);
+    }
+}
+
+/* restore_nonexist_policy_checked - restore_nonexist_policy, with the
+ * values tested first: null when the policy was applied, else why not (a
+ * static text), nothing then written.  The domain name breaks a rule, a
+ * policy value holds a NUL byte, or the catch-all address is refused; a
+ * bounce text always makes a line (its newlines become spaces and
+ * shell_escape quotes the rest). */
+const char *restore_nonexist_policy_checked(const char *domain, const char *domain_id,
+                                            MYSQL *conn)
 {
     static char reason[QMAIL_BUF_SIZE];
-    char policy[QMAIL_BUF_SIZE], address[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
+    char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
     char shown[VALUE_PRINTABLE_SIZE];
 
     if (const char *why = check_domain_name(domain))
@@ -122,37 +152,24 @@ const char *nonexist_policy_refused(const char *domain, const char *domain_id, M
     if (conn != nullptr && domain_id != nullptr && strpbrk(domain_id, "'\\") == nullptr
         && policy_has_nul(domain_id, conn))
         return "a policy value must not contain a NUL byte";
-    mail_parameter(domain_id, "nonexist_mail", conn, policy);
-    if (strcmp(policy, "catch") != 0)
-        return nullptr;
-    catch_address(domain, domain_id, conn, address);
-    const char *why = catch_line(address, line);
-    if (why == nullptr)
-        return nullptr;
-    snprintf(reason, sizeof(reason), "catch-all address '%s': %s",
-             value_printable(address, shown, sizeof(shown)), why);
-    return reason;
+    work_out(domain, domain_id, conn, policy, value);
+    if (strcmp(policy, "catch") == 0) {
+        if (const char *why = catch_line(value, line)) {
+            snprintf(reason, sizeof(reason), "catch-all address '%s': %s",
+                     value_printable(value, shown, sizeof(shown)), why);
+            return reason;
+        }
+    }
+    apply(domain, policy, value);
+    return nullptr;
 }
 
 int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *conn)
 {
     char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE];
-    /* Held zero-filled in a buffer of its own, like any other text. */
-    char default_text[QMAIL_BUF_SIZE] = DEFAULT_BOUNCE_TEXT;
 
-    mail_parameter(domain_id, "nonexist_mail", conn, policy);
-    if (*policy == '\0') {
-        set_bounce_message(domain, default_text);
-    } else if (strcmp(policy, "catch") == 0) {
-        catch_address(domain, domain_id, conn, value);
-        set_catch_all(domain, value);
-    } else if (strcmp(policy, "bounce") == 0) {
-        mail_parameter(domain_id, "bounce_mess", conn, value);
-        set_bounce_message(domain, *value != '\0' ? value : default_text);
-    } else {
-        set_reject(domain, 0);
-        set_reject(domain, 1);
-    }
+    work_out(domain, domain_id, conn, policy, value);
+    apply(domain, policy, value);
     return 0;
 }
 
@@ -199,8 +216,9 @@ int add_bounce(const char *domain, const char *line)
     char path[QMAIL_BUF_SIZE];
 
     /* A line that would break in two is refused like a bad domain name:
-     * the file holds exactly one line. */
-    if (domain == nullptr || *domain == '\0' || check_line_breaks(line) != nullptr)
+     * the file holds exactly one line (a carriage return is no line break
+     * there, only a byte of it). */
+    if (domain == nullptr || *domain == '\0' || line == nullptr || strchr(line, '\n') != nullptr)
         value_refused("add_bounce: empty domain");
     char *ascii = domain_ascii_valid(domain, "add_bounce: empty domain");
     if (!popuser_known(&bounce_popuser))
@@ -228,10 +246,10 @@ int set_bounce_message(const char *domain, const char *text)
     /* A null text bounces with an empty message rather than crashing. */
     std::string copy = text ? text : "";
 
-    /* The text becomes one line: a carriage return (a text typed with
-     * CR LF line ends) goes the way of the newline. */
+    /* The text becomes one line: each newline turns into a space, and
+     * every other byte, a carriage return too, is left to shell_escape. */
     for (char &c : copy)
-        if (c == '\n' || c == '\r')
+        if (c == '\n')
             c = ' ';
     std::string line = "|bouncesaying " + shell_escape(copy);
     set_reject(domain, 0);

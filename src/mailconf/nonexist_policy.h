@@ -3,10 +3,11 @@
  * Reject: the domain's ASCII name in control/rejectnonexist.  Bounce or
  * catch-all: the one line of the domain's .qmail-default ("|bouncesaying
  * text" or "&address").  restore_nonexist_policy() applies the choice kept
- * in the domain's mail-service parameters; nonexist_policy_refused() tells
- * beforehand whether it would meet a value the writers refuse;
+ * in the domain's mail-service parameters, reading each of them once;
+ * restore_nonexist_policy_checked() does the same unless it meets a value
+ * the writers refuse, and then writes nothing and says why;
  * nonexist_policy_prefetch() queues on the query pipeline the questions
- * these two ask of every domain, in the order they ask them.
+ * the latter asks of every domain, in the order it asks them.
  */
 #ifndef REBOX_MAILCONF_NONEXIST_POLICY_H
 #define REBOX_MAILCONF_NONEXIST_POLICY_H
@@ -17,7 +18,8 @@
 #define DEFAULT_BOUNCE_TEXT "This address no longer accepts mail."
 
 int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *conn);
-const char *nonexist_policy_refused(const char *domain, const char *domain_id, MYSQL *conn);
+const char *restore_nonexist_policy_checked(const char *domain, const char *domain_id,
+                                            MYSQL *conn);
 void nonexist_policy_prefetch(const char *domain_id);
 int set_reject(const char *domain, int on);
 int add_reject(const char *domain);

@@ -55,7 +55,8 @@ char *domain_ascii_valid(const char *domain, const char *message)
 }
 
 /* value_refused - end the process with a writer's invalid-name message;
- * the refusal is no system failure, so no stale errno is appended */
+ * the refusal is about a value, not a failed call, so deliberately no
+ * stale errno is appended */
 void value_refused(const char *message)
 {
     errno = 0;

@@ -82,8 +82,9 @@ static int write_quota_at(PathAt *at, long kilobytes)
         report(0, "Unable to chmod for quota file %s\n", at->path);
     else
         report(0, "%s", strerror(errno));
-    /* A quota that could not be written is no quota: an old file with
-     * another number does not stay behind. */
+    /* Deliberately removed rather than left as it is: a quota that could
+     * not be written is no quota, and an old file with another number must
+     * not stay behind. */
     unlinkat(at->dir, at->name, 0);
     return 0;
 }

@@ -41,7 +41,8 @@ static const char *const KNOWN_SERVICES[] = {
 
 static const size_t PATH_BUF_SIZE = 4096;
 static const char TOMCAT_PROCESS[] = "org.apache.catalina.startup.Bootstrap";
-/* Polls of "status" after the web server was started. */
+/* Polls of "status" after the web server was started, each failed one
+ * followed by a second's sleep: up to 21 seconds. */
 static const int HTTPD_STATUS_POLLS = 21;
 /* Counts of the servlet engine's processes after SIGTERM, 5 s apart. */
 static const int TOMCAT_STOP_CHECKS = 5;
@@ -146,13 +147,12 @@ static int control_httpd(const char *action)
     if (rc == 0 && (strcmp(action, "start") == 0 || strcmp(action, "restart") == 0 ||
                     strcmp(action, "force-reload") == 0)) {
         int up = 0;
-        for (int poll = 1; poll <= HTTPD_STATUS_POLLS; poll++) {
+        for (int poll = 0; poll < HTTPD_STATUS_POLLS; poll++) {
             if (service_control(panel_config.HTTPD_SERVICE, "status") == 0) {
                 up = 1;
                 break;
             }
-            if (poll < HTTPD_STATUS_POLLS)
-                sleep(1);
+            sleep(1);
         }
         if (!up)
             rc = -1;

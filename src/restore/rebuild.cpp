@@ -13,7 +13,9 @@
  * a writer (which would end the process on it) it is tested with the rules
  * of value_check, and a row that breaks one is skipped with a warning that
  * names its domain, its mailbox or alias or address, and the rule; the run
- * goes on and its exit status does not change.  A skipped domain leaves
+ * goes on and its exit status does not change.  This is deliberate and
+ * stays so: the writers still end the process on such a value, and the
+ * pass alone chooses to go on without the row.  A skipped domain leaves
  * out everything of it (directory, records, policy, quota, aliases,
  * mailboxes), a skipped mailbox everything of it (home, assign record,
  * password line, delivery file, quota, aliases), a skipped alias or
@@ -44,7 +46,10 @@
  * processor answer them while the mailboxes before them are written; the
  * questions the writers ask of every domain (its policy, quota, aliases
  * and mailbox list; batched, its identifier too) follow them for the next
- * domain, and the writers take those answers instead of asking again.
+ * domain.  Every question is still asked in its own words: the pipeline
+ * hands it the queued answer of the very same query text, or asks the
+ * server when there is none, so what was queued ahead can make the pass
+ * faster but never changes what a question is answered.
  */
 #include "restore/rebuild.h"
 
@@ -142,6 +147,8 @@ static void skip_row(const char *kind, const char *value, const char *mailbox,
 
     counts.skipped++;
     value_printable(domain, d, sizeof(d));
+    /* Deliberately no system error line: the warning is about what a table
+     * holds, and an errno left by some earlier call would only mislead. */
     errno = 0;
     if (kind == nullptr)
         report(0, "Skipping mail domain '%s': %s", d, why);
@@ -216,6 +223,20 @@ static const char *domain_aliases_query(const char *id, char *buf)
     return buf;
 }
 
+/* mailgroup_query - the query of a mailbox's group members, into buf */
+static const char *mailgroup_query(const char *mailbox_id, char *buf)
+{
+    snprintf(buf, QUERY_SIZE, "SELECT address FROM mail_redir WHERE mn_id=%s", mailbox_id);
+    return buf;
+}
+
+/* mail_aliases_query - the query of a mailbox's aliases, into buf */
+static const char *mail_aliases_query(const char *mailbox_id, char *buf)
+{
+    snprintf(buf, QUERY_SIZE, "SELECT alias FROM mail_aliases WHERE mn_id=%s", mailbox_id);
+    return buf;
+}
+
 /* mailboxes_query - the query of a domain's mailbox list, into buf */
 static const char *mailboxes_query(const char *id, char *buf)
 {
@@ -262,8 +283,8 @@ static void prefetch_next_domain(MYSQL_RES *domains)
 }
 
 /* start_mailboxes - start the work restore_mailbox() will wait on for a
- * domain's mailbox list: queue each row's queries in the order it reads
- * them and hand the plain passwords to the hashing thread; the list is
+ * domain's mailbox list: queue the queries it will ask of each row, in its
+ * order, and hand the plain passwords to the hashing thread; the list is
  * rewound for the walk that writes the mailboxes.  Returns the password
  * list, to be freed after hash_ahead_stop(). */
 static const char **start_mailboxes(MYSQL_RES *rows)
@@ -278,12 +299,9 @@ static const char **start_mailboxes(MYSQL_RES *rows)
             continue;
         if (db_flag_on(m[2]) && !(m[3] != nullptr && strcmp(m[3], "crypt") == 0))
             plain[i] = m[4] ? m[4] : "";
-        if (db_flag_on(m[7])) {
-            snprintf(query, sizeof(query), "SELECT address FROM mail_redir WHERE mn_id=%s", m[0]);
-            pipeline_queue(query);
-        }
-        snprintf(query, sizeof(query), "SELECT alias FROM mail_aliases WHERE mn_id=%s", m[0]);
-        pipeline_queue(query);
+        if (db_flag_on(m[7]))
+            pipeline_prefetch(mailgroup_query(m[0], query));
+        pipeline_prefetch(mail_aliases_query(m[0], query));
     }
     mysql_data_seek(rows, 0);
     hash_ahead_start(plain, i, run_salt);
@@ -365,10 +383,11 @@ static void batch_begin(void)
 /* restore_mailbox - row number i of a domain's mailbox list, all its
  * records; batched, its delivery file is held in memory from add_mailbox
  * to the end */
-static void restore_mailbox(MYSQL_RES *rows, MYSQL_ROW m, size_t i, const char *domain,
-                            const char *ascii, int disabled, int full_names_required)
+static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
+                            const char *domain, const char *ascii, int disabled,
+                            int full_names_required)
 {
-    char qmail[QUERY_SIZE];
+    char qmail[QUERY_SIZE], query[QUERY_SIZE];
     const char *mail_name = m[1];
 
     if (const char *why = mailbox_rule(rows, m)) {
@@ -393,7 +412,8 @@ static void restore_mailbox(MYSQL_RES *rows, MYSQL_ROW m, size_t i, const char *
     if (db_flag_on(m[5]) && m[6] != nullptr && m[6][0] != 0)
         add_forward_row(rows, m, 6, mail_name, domain);
     if (db_flag_on(m[7])) {
-        MYSQL_RES *res = pipeline_result("Unable to query mailgroup members: %s");
+        MYSQL_RES *res = run_query(conn, mailgroup_query(m[0], query),
+                                   "Unable to query mailgroup members: %s");
         while (MYSQL_ROW r = mysql_fetch_row(res))
             add_forward_row(res, r, 0, mail_name, domain);
         mysql_free_result(res);
@@ -401,7 +421,8 @@ static void restore_mailbox(MYSQL_RES *rows, MYSQL_ROW m, size_t i, const char *
     if (db_flag_on(m[8]))
         add_autoresponder(mail_name, domain);
     apply_quota(domain, mail_name, m[9]);
-    MYSQL_RES *res = pipeline_result("Unable to query alias for mail: %s");
+    MYSQL_RES *res = run_query(conn, mail_aliases_query(m[0], query),
+                               "Unable to query alias for mail: %s");
     while (MYSQL_ROW r = mysql_fetch_row(res)) {
         if (const char *why = column_rule(res, r, 0, check_mail_name))
             skip_row("mail alias", r[0], mail_name, domain, why);
@@ -431,11 +452,9 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int ful
     counts.domains++;
     /* The name converts: check_domain_name has just converted it. */
     char *ascii = idn_toascii(name);
-    const char *policy_refused = nonexist_policy_refused(name, id, conn);
+    const char *policy_refused = restore_nonexist_policy_checked(name, id, conn);
     if (policy_refused != nullptr)
         skip_row("unknown-recipient policy", nullptr, nullptr, name, policy_refused);
-    else
-        restore_nonexist_policy(name, id, conn);
     apply_quota(name, nullptr, get_dom_Limit(id, "mbox_quota", conn));
 
     MYSQL_RES *res = run_query(conn, domain_aliases_query(id, query), "Unable to query domain aliases: %s");
@@ -462,7 +481,7 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int ful
     const char **plain = start_mailboxes(res);
     prefetch_next_domain(domains);
     for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(res); i++)
-        restore_mailbox(res, m, i, name, ascii, disabled, full_names_required);
+        restore_mailbox(conn, res, m, i, name, ascii, disabled, full_names_required);
     hash_ahead_stop();
     free(plain);
     mysql_free_result(res);
@@ -488,7 +507,7 @@ void rebuild_mail_configuration(void)
     MYSQL *ahead = panel_db_open();
     if (ahead == nullptr)
         report(1, "Unable to connect to the mysql database");
-    pipeline_open(ahead);
+    pipeline_open(ahead, conn);
     int full_names_required = short_pop3_names_allowed(conn) == 0;
 
     MYSQL_RES *domains = run_query(conn,

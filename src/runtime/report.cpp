@@ -9,18 +9,18 @@
 #include "runtime/report.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <libgen.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
+#include <unistd.h>
 
 const char *report_progname = nullptr;
 
 static const size_t REPORT_BUF_SIZE = 4096;
-
-/* Run once before a fatal exit, to leave shared files consistent. */
 
 /* Syslog copy of the messages: on after report_syslog_start(). */
 static int syslog_on = 0;

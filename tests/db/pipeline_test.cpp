@@ -1,6 +1,6 @@
-/* Tests of the query pipeline: results in queue order across more queries
- * than the window holds, failures reported where their result is read,
- * and a connection that is usable again after closing with results unread. */
+/* Tests of the query pipeline: whatever order the questions come in, each
+ * gets the answer to its own text, from the queue when it was queued for
+ * the asking connection and from the server otherwise. */
 #include "db/connect.h"
 #include "db/get.h"
 #include "db/pipeline.h"
@@ -12,109 +12,71 @@
 
 #include <string>
 
-/* next_value - the single value of the pipeline's next result */
-static std::string next_value(void)
+/* q - a query whose answer names itself and the connection that gave it */
+static std::string q(const std::string &v)
 {
-    MYSQL_RES *res = pipeline_result("failed: %s");
+    return "SELECT '" + v + "', CONNECTION_ID()";
+}
+
+/* answer - what query asked over conn gets: "v@connection", or "failed"
+ * and the caller's error number */
+static std::string answer(MYSQL *conn, const std::string &query)
+{
+    MYSQL_RES *res;
+    if (pipeline_ask(conn, query.c_str(), &res) != 0 || res == nullptr)
+        return "failed " + std::to_string(mysql_errno(conn));
     MYSQL_ROW row = mysql_fetch_row(res);
-    std::string value = row != nullptr && row[0] != nullptr ? row[0] : "(none)";
+    std::string got = std::string(row[0]) + "@" + row[1];
     mysql_free_result(res);
-    return value;
+    return got;
 }
 
-TEST(DbPipeline, ResultsComeInQueueOrderAndFailuresWhereRead)
+TEST(DbPipeline, EveryQuestionGetsTheAnswerToItsOwnText)
 {
     REQUIRE_SANDBOX();
     testdb_reset();
-    MYSQL *conn = panel_db_open();
-    ASSERT_NE(conn, nullptr);
-    pipeline_open(conn);
-    /* Queue in bursts larger than the window, read in smaller ones. */
-    int queued = 0, read = 0;
-    while (read < 5 * PIPELINE_WINDOW) {
-        for (int i = 0; i < PIPELINE_WINDOW + 7 && queued < 5 * PIPELINE_WINDOW; i++)
-            pipeline_queue(("SELECT " + std::to_string(queued++)).c_str());
-        for (int i = 0; i < 40 && read < queued; i++)
-            ASSERT_EQ(next_value(), std::to_string(read++));
-    }
-    /* Closing drops the results still on the wire. */
-    for (const char *q : {"SELECT 'one'", "SELECT 'two'", "SELECT 'three'"})
-        pipeline_queue(q);
-    EXPECT_EQ(next_value(), "one");
+    MYSQL *conn = panel_db_open(), *ahead = panel_db_open(), *other = panel_db_open();
+    ASSERT_TRUE(conn && ahead && other);
+    auto at = [](MYSQL *c) { return "@" + std::to_string(mysql_thread_id(c)); };
+    pipeline_open(ahead, conn);
+    const std::string bad = "SELECT nosuchcolumn FROM misc";
+    for (const std::string &query : {q("a"), q("b"), q("a"), q("c"), q("d"), bad, q("e")})
+        pipeline_prefetch(query.c_str());
+    const struct {
+        MYSQL *asker;
+        std::string query, want;
+    } steps[] = {
+        {conn, q("x"), "x" + at(conn)},   /* never queued */
+        {other, q("a"), "a" + at(other)}, /* queued for another connection */
+        {conn, q("b"), "b" + at(ahead)},  /* the first "a" is dropped unread */
+        {conn, q("a"), "a" + at(ahead)},  /* queued twice: the second */
+        {conn, q("a"), "a" + at(conn)},   /* none left */
+        {conn, q("d"), "d" + at(ahead)},  /* "c" is never asked */
+        {conn, q("c"), "c" + at(conn)},
+        {conn, bad, "failed 1054"},       /* failed ahead: the caller meets it */
+        {conn, q("e"), "e" + at(ahead)},
+    };
+    for (const auto &s : steps)
+        EXPECT_EQ(answer(s.asker, s.query), s.want) << s.query;
+
+    /* More than the window holds, asked in order: all answered ahead. */
+    for (int i = 0; i < 3 * PIPELINE_WINDOW; i++)
+        pipeline_prefetch(q(std::to_string(i)).c_str());
+    for (int i = 0; i < 3 * PIPELINE_WINDOW; i++)
+        ASSERT_EQ(answer(conn, q(std::to_string(i))), std::to_string(i) + at(ahead));
+    /* Closing drops what was not asked; the connection works again. */
+    pipeline_prefetch(q("unasked").c_str());
     pipeline_close();
-    EXPECT_STREQ(get_query_value("SELECT 'again'", conn, 0), "again");
+    EXPECT_STREQ(get_query_value("SELECT 'again'", ahead, 0), "again");
 
-    /* A failed query ends the process where its result is read.  The
-     * child reads from the connection it shares with this process, so the
-     * connection is not used here afterwards. */
-    pipeline_open(conn);
-    EXPECT_EXIT(
-        {
-            pipeline_queue("SELECT 'first'");
-            pipeline_queue("SELECT nosuchcolumn FROM misc");
-            pipeline_queue("SELECT 'after'");
-            if (next_value() == "first")
-                next_value();
-        },
-        testing::ExitedWithCode(1), "failed: Unknown column 'nosuchcolumn'");
+    /* The pipeline's server hung up: the caller asks for itself. */
+    pipeline_open(ahead, conn);
+    testdb_exec(("KILL " + std::to_string(mysql_thread_id(ahead))).c_str());
+    for (const char *v : {"f", "g"})
+        pipeline_prefetch(q(v).c_str());
+    EXPECT_EQ(answer(conn, q("g")), "g" + at(conn));
+    EXPECT_EQ(answer(conn, q("f")), "f" + at(conn));
     pipeline_close();
-    mysql_close(conn);
-}
-
-TEST(DbPipeline, QueriesAfterTheServerHungUpFailWhereRead)
-{
-    REQUIRE_SANDBOX();
-    testdb_reset();
-    MYSQL *conn = panel_db_open();
-    ASSERT_NE(conn, nullptr);
-    pipeline_open(conn);
-    testdb_exec(("KILL " + std::to_string(mysql_thread_id(conn))).c_str());
-    EXPECT_EXIT(
-        {
-            for (int i = 0; i < 3; i++)
-                pipeline_queue("SELECT 1");
-            for (int i = 0; i < 3; i++)
-                next_value();
-        },
-        testing::ExitedWithCode(1), "failed: ");
-    pipeline_close();
-    mysql_close(conn);
-}
-
-TEST(DbPipeline, PrefetchedResultsAreClaimedByTheirText)
-{
-    REQUIRE_SANDBOX();
-    testdb_reset();
-    MYSQL *conn = panel_db_open(), *ahead = panel_db_open();
-    ASSERT_NE(conn, nullptr);
-    ASSERT_NE(ahead, nullptr);
-    std::string ahead_id = std::to_string(mysql_thread_id(ahead));
-    std::string own_id = std::to_string(mysql_thread_id(conn));
-    pipeline_open(ahead);
-
-    /* Claimed: answered over the pipeline's connection.  An entry skipped
-     * by a later claim is dropped; a text not prefetched, or one behind a
-     * plain query, is asked by the caller itself. */
-    pipeline_prefetch("SELECT CONNECTION_ID(), 'a'");
-    pipeline_prefetch("SELECT CONNECTION_ID(), 'b'");
-    pipeline_prefetch("SELECT CONNECTION_ID(), 'c'");
-    EXPECT_EQ(pipeline_claim("SELECT 'never prefetched'"), nullptr);
-    EXPECT_STREQ(get_query_value("SELECT CONNECTION_ID(), 'b'", conn, 0), ahead_id.c_str());
-    EXPECT_STREQ(get_query_value("SELECT CONNECTION_ID(), 'a'", conn, 0), own_id.c_str());
-    pipeline_queue("SELECT 'plain'");
-    pipeline_prefetch("SELECT CONNECTION_ID(), 'd'");
-    EXPECT_STREQ(get_query_value("SELECT CONNECTION_ID(), 'd'", conn, 0), own_id.c_str());
-    /* The unclaimed 'c' goes before the plain result is read. */
-    EXPECT_EQ(next_value(), "plain");
-    EXPECT_STREQ(get_query_value("SELECT CONNECTION_ID(), 'd'", conn, 0), ahead_id.c_str());
-
-    /* A prefetched query that failed is not claimed: the caller asks it and
-     * meets the failure itself. */
-    pipeline_prefetch("SELECT nosuchcolumn FROM misc");
-    EXPECT_EQ(pipeline_claim("SELECT nosuchcolumn FROM misc"), nullptr);
-    pipeline_prefetch("SELECT 'after'");
-    EXPECT_STREQ(get_query_value("SELECT 'after'", conn, 0), "after");
-    pipeline_close();
-    mysql_close(ahead);
-    mysql_close(conn);
+    for (MYSQL *c : {conn, ahead, other})
+        mysql_close(c);
 }

@@ -96,11 +96,17 @@ TEST(FileStr, OverlongPathAndLockFailure)
     EXPECT_EQ(file_str(lp, "last", FILE_STR_ADD, FILE_STR_AT_END), 0);
     EXPECT_EQ(read_file(longpath), "line\nlast\n");
 
+    /* The owner cannot be put back on an append-only file: one message,
+     * and the mode is not tried after it. */
     std::string file = sandbox_path("plain");
     write_file(file, "x\n");
+    ASSERT_EQ(run_command("chattr +a " + file).status, 0);
+    std::string err = captured([&] { EXPECT_EQ(file_str(file.c_str(), "x", FILE_STR_ADD, 5), 1); });
+    run_command("chattr -a " + file);
+    EXPECT_TRUE(has(err, "Unable to chown file " + file) && !has(err, "chmod")) << err;
     /* No lock directory: the lock's own message, then file_str's. */
     ASSERT_EQ(rename(sandbox_path("vdo/var/lock/files").c_str(), sandbox_path("vdo/var/lock/gone").c_str()), 0);
-    std::string err = captured([&] { EXPECT_EQ(file_str(file.c_str(), "y", FILE_STR_ADD, FILE_STR_AT_END), 1); });
+    err = captured([&] { EXPECT_EQ(file_str(file.c_str(), "y", FILE_STR_ADD, FILE_STR_AT_END), 1); });
     EXPECT_TRUE(has(err, "Unable to open file \"" + sandbox_path("vdo/var/lock/files/")));
     EXPECT_TRUE(has(err, "Error occurred while locking the file " + file + ": No such file or directory"));
     EXPECT_EQ(read_file(file), "x\n");
