@@ -111,6 +111,8 @@ int rename_dir(const char *source, const char *target)
         report(0, "Remaming %s to %s failed: %s\n", source, target, strerror(errno));
         return -1;
     }
+    /* A directory path_at keeps open may now have another name. */
+    path_at_forget();
     return 0;
 }
 

@@ -215,7 +215,9 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
     if (line_store_text(h->store, &text) != 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
     if (path_at(h->path, at) == 0) {
-        int on_disk = at_stat(at, &st) == 0 && S_ISREG(st.st_mode);
+        int asked = h->uid != static_cast<uid_t>(-1) && h->gid != static_cast<gid_t>(-1)
+                    && h->mode != static_cast<mode_t>(-1);
+        int on_disk = !asked && at_stat(at, &st) == 0 && S_ISREG(st.st_mode);
         uid_t uid = h->uid != static_cast<uid_t>(-1) ? h->uid : on_disk ? st.st_uid : geteuid();
         gid_t gid = h->gid != static_cast<gid_t>(-1) ? h->gid : on_disk ? st.st_gid : getegid();
         mode_t mode = h->mode != static_cast<mode_t>(-1) ? h->mode

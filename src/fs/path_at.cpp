@@ -14,6 +14,17 @@
 
 static const size_t PATH_BUF_SIZE = 4096;
 
+/* The mail names directory and the domain directory reached last, kept open
+ * between calls: popuser can neither rename nor replace them (their names
+ * live in root's directories), and a removed one is noticed by its link
+ * count. */
+static struct {
+    char base_path[4096];
+    int base;
+    char domain[256];
+    int domain_fd;
+} open_dirs = {"", -1, "", -1};
+
 /* tree_rest - the part of path below QMAIL_MAILNAMES_D, or null when the
  * path does not lie inside the mail tree */
 static const char *tree_rest(const char *path)
@@ -69,6 +80,60 @@ static int plain_at(const char *path, PathAt *at)
     return at->dir < 0 ? -1 : 0;
 }
 
+/* alive - fd is a directory that has not been removed */
+static int alive(int fd)
+{
+    struct stat st;
+
+    return fd >= 0 && fstat(fd, &st) == 0 && st.st_nlink > 0;
+}
+
+void path_at_forget(void)
+{
+    if (open_dirs.domain_fd >= 0)
+        close(open_dirs.domain_fd);
+    if (open_dirs.base >= 0)
+        close(open_dirs.base);
+    open_dirs.base = open_dirs.domain_fd = -1;
+    open_dirs.base_path[0] = open_dirs.domain[0] = '\0';
+}
+
+/* mail_names_dir - the kept descriptor of QMAIL_MAILNAMES_D, or -1 */
+static int mail_names_dir(void)
+{
+    const char *base = panel_config.QMAIL_MAILNAMES_D;
+
+    if (strcmp(open_dirs.base_path, base) == 0 && alive(open_dirs.base))
+        return open_dirs.base;
+    path_at_forget();
+    if (strlen(base) >= sizeof(open_dirs.base_path)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    open_dirs.base = open(base, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (open_dirs.base >= 0)
+        snprintf(open_dirs.base_path, sizeof(open_dirs.base_path), "%s", base);
+    return open_dirs.base;
+}
+
+/* domain_dir - the kept descriptor of the domain directory name in base,
+ * or -1.  A link there is followed only when root owns it. */
+static int domain_dir(int base, const char *name)
+{
+    if (strcmp(open_dirs.domain, name) == 0 && alive(open_dirs.domain_fd))
+        return open_dirs.domain_fd;
+    if (open_dirs.domain_fd >= 0)
+        close(open_dirs.domain_fd);
+    open_dirs.domain[0] = '\0';
+    int fd = openat(base, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0 && (errno == ENOTDIR || errno == ELOOP) && root_link(base, name))
+        fd = openat(base, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    open_dirs.domain_fd = fd;
+    if (fd >= 0)
+        snprintf(open_dirs.domain, sizeof(open_dirs.domain), "%s", name);
+    return fd;
+}
+
 int path_at(const char *path, PathAt *at)
 {
     const char *rest = tree_rest(path);
@@ -80,7 +145,7 @@ int path_at(const char *path, PathAt *at)
     if (rest == nullptr)
         return plain_at(path, at);
 
-    int dir = open(panel_config.QMAIL_MAILNAMES_D, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int dir = mail_names_dir();
     if (dir < 0)
         return -1;
     for (int depth = 1;; depth++) {
@@ -94,20 +159,23 @@ int path_at(const char *path, PathAt *at)
             || strcmp(at->name, ".") == 0) {
             if (errno != ENAMETOOLONG)
                 errno = EINVAL;
-            close(dir);
+            if (depth > 2)
+                close(dir);
             return -1;
         }
-        /* A link that root made directly in the mail names directory is
-         * followed; popuser cannot make or change one there. */
-        int trusted = depth == 1 && root_link(dir, at->name);
         if (*next == '\0') {
             at->dir = dir;
-            at->guarded = !trusted;
+            at->owned = depth > 2;
+            /* A link that root made directly in the mail names directory
+             * is followed; popuser cannot make or change one there. */
+            at->guarded = !(depth == 1 && root_link(dir, at->name));
             return 0;
         }
-        int sub = openat(dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (trusted ? 0 : O_NOFOLLOW));
+        int sub = depth == 1 ? domain_dir(dir, at->name)
+                             : openat(dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
         int err = errno;
-        close(dir);
+        if (depth > 2)
+            close(dir);
         if (sub < 0) {
             errno = err == ELOOP ? ENOTDIR : err;
             return -1;
@@ -212,16 +280,19 @@ int at_dir(PathAt *at, mode_t mode, int *made)
     if (made)
         *made = 0;
     for (int attempt = 0;; attempt++) {
-        if (mkdirat(at->dir, at->name, mode) == 0) {
+        int fd = openat(at->dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | nofollow);
+        if (fd >= 0)
+            return fd;
+        if (errno == ENOENT) {
+            if (mkdirat(at->dir, at->name, mode) != 0 && errno != EEXIST)
+                return -1;
             if (made)
-                *made = 1;
-        } else if (errno != EEXIST) {
+                *made = errno != EEXIST;
+        } else if (!at->guarded || (errno != ELOOP && errno != ENOTDIR) || attempt > 0
+                   || replace_foreign(at, "directory") != 0) {
             return -1;
         }
-        int fd = openat(at->dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | nofollow);
-        if (fd >= 0 || !at->guarded || (errno != ELOOP && errno != ENOTDIR) || attempt > 0)
-            return fd;
-        if (replace_foreign(at, "directory") != 0)
+        if (attempt > 1)
             return -1;
     }
 }

@@ -38,6 +38,9 @@ struct PathAt {
  * errno set and nothing open */
 int path_at(const char *path, PathAt *at);
 void path_at_close(PathAt *at);
+/* path_at_forget - drop the directories path_at keeps open between calls
+ * (after a domain directory was renamed) */
+void path_at_forget(void);
 
 /* at_child - a guarded PathAt for name inside the open directory dir_fd,
  * which stays the caller's; path names it in messages */

@@ -90,7 +90,9 @@ static void start_qmail(int home_fd, const char *home)
     char path[QMAIL_BUF_SIZE];
     PathAt at;
 
-    snprintf(path, sizeof(path), "%s/.qmail", home);
+    /* A path cut by the buffer would name another file's lock. */
+    if (snprintf(path, sizeof(path), "%s/.qmail", home) >= static_cast<int>(sizeof(path)))
+        report(1, "Unable to add string to .qmail file\n");
     if (held_file_reset(path, "") == 0) {
         held_file_owner(path, add_popuser.uid, add_popuser.gid, 0600);
     } else {
@@ -108,8 +110,7 @@ static void start_qmail(int home_fd, const char *home)
     }
     /* Edited by its full path, as the delivery writers spell it: its named
      * lock is then the one they and the panel's other tools take. */
-    if (strlen(path) >= QMAIL_BUF_SIZE - 1
-        || file_str(path, "| true", FILE_STR_ADD, FILE_STR_AT_END) != 0)
+    if (file_str(path, "| true", FILE_STR_ADD, FILE_STR_AT_END) != 0)
         report(1, "Unable to add string to .qmail file\n");
 }
 
