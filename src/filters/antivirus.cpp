@@ -21,6 +21,7 @@
 #include "fs/file_util.h"
 #include "mailconf/value_check.h"
 #include "proc/exec.h"
+#include "runtime/check_report.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -251,6 +252,6 @@ void restore_antivirus_settings(MYSQL *conn)
     }
     if (held)
         held_file_release(path);
-    if (!failed)
+    if (!failed && !check_run)
         admin_util_exec("virusctl", "-r", nullptr);
 }

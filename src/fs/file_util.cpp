@@ -73,16 +73,10 @@ int make_dir(const char *path, uid_t uid, gid_t gid, mode_t mode)
     }
     /* Owner and mode are set only where they differ: an unchanged
      * directory is not touched. */
-    struct stat st;
-    int have = fstat(fd, &st) == 0;
-    int rc = 0;
-    if ((!have || st.st_uid != uid || st.st_gid != gid) && fchown(fd, uid, gid) != 0) {
-        report(0, "ERROR: Unable to chown %s: %s\n", path, strerror(errno));
-        rc = -1;
-    } else if ((!have || (st.st_mode & 07777) != mode) && fchmod(fd, mode) != 0) {
-        report(0, "ERROR: Unable to chmod %s: %s\n", path, strerror(errno));
-        rc = -1;
-    }
+    const char *step;
+    int rc = fd_owner_mode(fd, path, uid, gid, mode, &step);
+    if (rc != 0)
+        report(0, "ERROR: Unable to %s %s: %s\n", step, path, strerror(errno));
     close(fd);
     return rc;
 }

@@ -14,6 +14,7 @@
 #include "fs/line_store.h"
 #include "fs/path_at.h"
 #include "fs/replace_file.h"
+#include "runtime/check_report.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -112,14 +113,30 @@ int held_file_owner(const char *path, uid_t uid, gid_t gid, mode_t mode)
     return 0;
 }
 
+/* read_whole - append the rest of the open file fd to text; 0, or -1 with
+ * errno on a read error */
+static int read_whole(int fd, TextBuf *text)
+{
+    char chunk[4096];
+    ssize_t got;
+
+    while ((got = read(fd, chunk, sizeof(chunk))) != 0) {
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return -1;
+        if (text_buf_append(text, chunk, static_cast<size_t>(got)) != 0)
+            report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    }
+    return 0;
+}
+
 /* load - read the copy from disk at its first edit; 0 or 1.  The file is
  * opened first and stat()ed only when that fails, to tell the message
  * file_str would give: a missing file, or one that cannot be looked at. */
 static int load(HeldFile *h)
 {
     struct stat st;
-    char chunk[4096];
-    ssize_t got;
     TextBuf text = {};
 
     if (h->loaded)
@@ -139,21 +156,16 @@ static int load(HeldFile *h)
     } else {
         /* An empty file (a delivery file just made) needs no read. */
         int empty = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0;
-        while (!empty && (got = read(fd, chunk, sizeof(chunk))) != 0) {
-            if (got < 0 && errno == EINTR)
-                continue;
-            if (got < 0) {
-                report(0, "Unable to read file %s: %s\n", h->path, strerror(errno));
-                close(fd);
-                text_buf_free(&text);
-                return 1;
-            }
-            if (text_buf_append(&text, chunk, static_cast<size_t>(got)) != 0)
-                report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+        if (!empty && read_whole(fd, &text) != 0) {
+            report(0, "Unable to read file %s: %s\n", h->path, strerror(errno));
+            close(fd);
+            text_buf_free(&text);
+            return 1;
         }
         close(fd);
         h->exists = 1;
     }
+    line_store_free(h->store);
     h->store = line_store_new(text.data, text.len);
     text_buf_free(&text);
     if (!h->store)
@@ -200,6 +212,27 @@ static void report_step(const HeldFile *h, const char *step, int err)
         report(0, "Unable to write file %s.tmp: %s\n", h->path, strerror(err));
 }
 
+/* diff_shared - a check run's report on a shared file: the unified diff of
+ * its text on disk (none when missing) and the copy, poppasswd's hashes
+ * masked, and its owner and mode where asked for and different */
+static void diff_shared(const HeldFile *h, PathAt *at, const TextBuf *copy)
+{
+    TextBuf disk = {};
+    struct stat st;
+    int fd = at_open(at, O_RDONLY, 0);
+
+    if (fd >= 0 && (fstat(fd, &st) != 0 || read_whole(fd, &disk) != 0))
+        report(0, "Unable to read file %s: %s\n", h->path, strerror(errno));
+    size_t len = strlen(h->path);
+    check_diff(h->path, disk.data ? disk.data : "", disk.len, copy->data ? copy->data : "", copy->len,
+               len >= 10 && strcmp(h->path + len - 10, "/poppasswd") == 0);
+    if (fd >= 0) {
+        check_owner_mode(h->path, st.st_uid, st.st_gid, st.st_mode, h->uid, h->gid, h->mode);
+        close(fd);
+    }
+    text_buf_free(&disk);
+}
+
 /* prepare_one - the copy written beside the file when the file's content,
  * owner or mode differ: 1 with at and tmp open and ready to commit, 0 when
  * the file already matches (at closed), -1 after the message.  The file
@@ -214,9 +247,17 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
 
     if (line_store_text(h->store, &text) != 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    /* Written (or reported) once: the copy is then what the disk holds. */
+    h->loaded = 0;
     if (path_at(h->path, at) == 0) {
         int asked = h->uid != static_cast<uid_t>(-1) && h->gid != static_cast<gid_t>(-1)
                     && h->mode != static_cast<mode_t>(-1);
+        if (check_run && h->durable) {
+            diff_shared(h, at, &text);
+            path_at_close(at);
+            text_buf_free(&text);
+            return 0;
+        }
         int on_disk = !asked && at_stat(at, &st) == 0 && S_ISREG(st.st_mode);
         uid_t uid = h->uid != static_cast<uid_t>(-1) ? h->uid : on_disk ? st.st_uid : geteuid();
         gid_t gid = h->gid != static_cast<gid_t>(-1) ? h->gid : on_disk ? st.st_gid : getegid();

@@ -3,6 +3,7 @@
 #include "fs/path_at.h"
 
 #include "fs/tree.h"
+#include "runtime/check_report.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -80,6 +81,26 @@ static int plain_at(const char *path, PathAt *at)
     return at->dir < 0 ? -1 : 0;
 }
 
+/* absent_dir - the stand-in of a check run for a directory that is not
+ * there: a descriptor of /dev/null, in which every lookup fails */
+static int absent_dir(void)
+{
+    return open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+int at_absent(const PathAt *at)
+{
+    struct stat st;
+
+    return fstat(at->dir, &st) == 0 && S_ISCHR(st.st_mode);
+}
+
+/* kept - fd is one of the directories kept open between calls */
+static int kept(int fd)
+{
+    return fd == open_dirs.base || fd == open_dirs.domain_fd;
+}
+
 /* alive - fd is a directory that has not been removed */
 static int alive(int fd)
 {
@@ -146,6 +167,8 @@ int path_at(const char *path, PathAt *at)
         return plain_at(path, at);
 
     int dir = mail_names_dir();
+    if (dir < 0 && check_run)
+        dir = absent_dir();
     if (dir < 0)
         return -1;
     for (int depth = 1;; depth++) {
@@ -159,13 +182,13 @@ int path_at(const char *path, PathAt *at)
             || strcmp(at->name, ".") == 0) {
             if (errno != ENAMETOOLONG)
                 errno = EINVAL;
-            if (depth > 2)
+            if (!kept(dir))
                 close(dir);
             return -1;
         }
         if (*next == '\0') {
             at->dir = dir;
-            at->owned = depth > 2;
+            at->owned = !kept(dir);
             /* A link that root made directly in the mail names directory
              * is followed; popuser cannot make or change one there. */
             at->guarded = !(depth == 1 && root_link(dir, at->name));
@@ -174,7 +197,12 @@ int path_at(const char *path, PathAt *at)
         int sub = depth == 1 ? domain_dir(dir, at->name)
                              : openat(dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
         int err = errno;
-        if (depth > 2)
+        /* A check run goes on below a directory that is missing or is not
+         * one (reported where it was expected), through a stand-in in
+         * which nothing exists. */
+        if (sub < 0 && check_run)
+            sub = absent_dir();
+        if (!kept(dir))
             close(dir);
         if (sub < 0) {
             errno = err == ELOOP ? ENOTDIR : err;
@@ -219,6 +247,11 @@ int at_temporary(const PathAt *at, PathAt *tmp, char *tmp_path)
  * remove it; 0, or -1 with errno when it cannot be removed */
 static int replace_foreign(PathAt *at, const char *kind)
 {
+    if (check_run) {
+        check_note("foreign", at->path);
+        errno = EEXIST;
+        return -1;
+    }
     errno = 0;
     report(0, "Replacing %s: a link or another kind of object stood where a %s belongs",
            at->path, kind);
@@ -283,6 +316,13 @@ int at_dir(PathAt *at, mode_t mode, int *made)
         int fd = openat(at->dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | nofollow);
         if (fd >= 0)
             return fd;
+        /* A check run reports what a restore would make or replace, and
+         * goes on inside a stand-in. */
+        if (check_run) {
+            if (!at_absent(at))
+                check_note(errno == ENOENT ? "missing" : "foreign", at->path);
+            return absent_dir();
+        }
         if (errno == ENOENT) {
             if (mkdirat(at->dir, at->name, mode) != 0 && errno != EEXIST)
                 return -1;
@@ -315,6 +355,28 @@ int at_remove(PathAt *at)
     return 0;
 }
 
+int fd_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
+{
+    struct stat st;
+
+    *step = "chown";
+    if (fstat(fd, &st) != 0)
+        return -1;
+    if (S_ISCHR(st.st_mode))
+        return 0;
+    if (check_run) {
+        check_owner_mode(path, st.st_uid, st.st_gid, st.st_mode, uid, gid, mode);
+        return 0;
+    }
+    if (((uid != static_cast<uid_t>(-1) && st.st_uid != uid) || (gid != static_cast<gid_t>(-1) && st.st_gid != gid))
+        && fchown(fd, uid, gid) != 0)
+        return -1;
+    *step = "chmod";
+    if (mode != static_cast<mode_t>(-1) && (st.st_mode & 07777) != mode && fchmod(fd, mode) != 0)
+        return -1;
+    return 0;
+}
+
 int path_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
 {
     PathAt at;
@@ -343,11 +405,8 @@ int path_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const c
     if (fstat(fd, &st) != 0 || (S_ISREG(st.st_mode) && st.st_nlink > 1 && at.guarded)) {
         errno = EPERM;
         rc = -1;
-    } else if (fchown(fd, uid, gid) != 0) {
-        rc = -1;
-    } else if (fchmod(fd, mode) != 0) {
-        *step = "chmod";
-        rc = -1;
+    } else {
+        rc = fd_owner_mode(fd, path, uid, gid, mode, step);
     }
     err = errno;
     close(fd);

@@ -77,6 +77,14 @@ int at_stat(PathAt *at, struct stat *st);
  * counts as removed.  0, or -1 with errno */
 int at_remove(PathAt *at);
 
+/* at_absent - 1 when at lies below a directory a check run found missing */
+int at_absent(const PathAt *at);
+
+/* fd_owner_mode - give the open file or directory fd (path names it) uid,
+ * gid and mode, each only where it differs (-1: left as it is); in a check
+ * run, report the differences instead.  0, or -1 with errno and *step */
+int fd_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
+
 /* path_owner_mode - give the file or directory at path uid, gid and mode
  * through a descriptor of it; 0, or -1 with errno and *step "chown" or
  * "chmod" (a missing or foreign object fails the chown) */

@@ -61,7 +61,6 @@ static void format_mailbox_record(char *buf, const char *id, const char *mail_na
 static int make_owned_dir(PathAt *at, const char **what)
 {
     int fd = at_dir(at, 0700, nullptr);
-    struct stat st;
 
     if (fd < 0) {
         *what = "make";
@@ -69,9 +68,7 @@ static int make_owned_dir(PathAt *at, const char **what)
     }
     errno = 0;
     /* Given away only when it is not popuser's already. */
-    if (fstat(fd, &st) != 0
-        || ((st.st_uid != add_popuser.uid || st.st_gid != add_popuser.gid)
-            && fchown(fd, add_popuser.uid, add_popuser.gid) != 0)) {
+    if (fd_owner_mode(fd, at->path, add_popuser.uid, add_popuser.gid, static_cast<mode_t>(-1), what) != 0) {
         int err = errno;
         close(fd);
         errno = err;

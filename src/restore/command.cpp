@@ -1,19 +1,22 @@
 /* command - the rebox command: run modes, detaching, the passes in order.
  *
- * usage: rebox --without-spam|--with-spam|--spam-only [--daemon-mode]
+ * usage: rebox --without-spam|--with-spam|--spam-only|--check [--daemon-mode]
  *
  * rebox_main() first gives the process a state of its own, none of it the
  * caller's (runtime/process_start), takes root privileges, reads the run
  * mode, optionally detaches, loads the product configuration, then runs the
  * rebuild pass, the spam-filter pass and the finishing steps (qmail-newu,
- * qmail restart) as the mode asks.  Its result, the exit status, is that of qmail-newu
- * ORed with that of the restart.
+ * qmail restart) as the mode asks.  Its result, the exit status, is that of
+ * qmail-newu ORed with that of the restart.  A check run makes the rebuild
+ * pass compare instead of write (runtime/check_report) and nothing else:
+ * its status is 0 when the disk matches the panel, 2 when it does not.
  */
 #include "restore/command.h"
 
 #include "db/component.h"
 #include "filters/spam.h"
 #include "restore/rebuild.h"
+#include "runtime/check_report.h"
 #include "runtime/config.h"
 #include "runtime/process_start.h"
 #include "runtime/report.h"
@@ -34,30 +37,35 @@
          "  --with-spam [--daemon-mode]\n"
          "         restore all settings\n"
          "  --spam-only [--daemon-mode]\n"
-         "         restore only SpamAssassin settings");
+         "         restore only SpamAssassin settings\n"
+         "  --check [--daemon-mode]\n"
+         "         report what a restore would change, without changing anything");
     exit(0);
 }
 
 /* parse_mode - the run flags for the first argument and the name of the
  * mode for the log; null when the argument is unknown */
-static const char *parse_mode(const char *arg, int *with_spam, int *spam_only)
+static const char *parse_mode(const char *arg, int *with_spam, int *spam_only, int *check)
 {
     static const struct {
         const char *name;
         const char *mode;
         int with_spam;
         int spam_only;
+        int check;
     } modes[] = {
-        {"with-spam", "with-spam", 1, 0},       {"--with-spam", "with-spam", 1, 0},
-        {"without-spam", "without-spam", 0, 0}, {"--without-spam", "without-spam", 0, 0},
-        {"-v", "with-spam", 1, 0},              {"spam-only", "spam-only", 1, 1},
-        {"--spam-only", "spam-only", 1, 1},
+        {"with-spam", "with-spam", 1, 0, 0},       {"--with-spam", "with-spam", 1, 0, 0},
+        {"without-spam", "without-spam", 0, 0, 0}, {"--without-spam", "without-spam", 0, 0, 0},
+        {"-v", "with-spam", 1, 0, 0},              {"spam-only", "spam-only", 1, 1, 0},
+        {"--spam-only", "spam-only", 1, 1, 0},     {"check", "check", 0, 0, 1},
+        {"--check", "check", 0, 0, 1},
     };
 
     for (const auto &m : modes) {
         if (strcmp(arg, m.name) == 0) {
             *with_spam = m.with_spam;
             *spam_only = m.spam_only;
+            *check = m.check;
             return m.mode;
         }
     }
@@ -76,7 +84,7 @@ int rebox_main(int argc, char **argv)
         report(1, "Unable to set UID or GID: %s\n", strerror(errno));
     if (argc != 2 && argc != 3)
         usage();
-    const char *mode = parse_mode(argv[1], &with_spam, &spam_only);
+    const char *mode = parse_mode(argv[1], &with_spam, &spam_only, &check_run);
     if (mode == nullptr)
         usage();
     if (argc == 3) {
@@ -93,7 +101,9 @@ int rebox_main(int argc, char **argv)
     if (with_spam && is_component_installed("vdo-spamassassin"))
         restore_spam_settings();
     int status = 0;
-    if (!spam_only) {
+    if (check_run) {
+        status = check_found() ? 2 : 0;
+    } else if (!spam_only) {
         int newu = run_qmail_newu();
         int restart = restart_qmail(1);
         status = newu | restart;

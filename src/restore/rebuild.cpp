@@ -61,6 +61,7 @@
 #include "fs/file_str.h"
 #include "fs/file_util.h"
 #include "fs/held_file.h"
+#include "fs/path_at.h"
 #include "fs/replace_file.h"
 #include "fs/users.h"
 #include "mailconf/delivery.h"
@@ -74,16 +75,24 @@
 #include "restore/hash_ahead.h"
 #include "proc/send_sig.h"
 #include "proc/service.h"
+#include "runtime/check_report.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
+#include <crypt.h>
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <set>
+#include <string>
+#include <unordered_map>
 
 static const size_t QUERY_SIZE = 4096;
 
@@ -97,6 +106,13 @@ static const char *const SHARED_FILES[] = {
 
 /* The salt of this run: "$1$", eight characters, a terminating zero. */
 static char run_salt[12];
+
+/* What a check run has seen of the panel, to tell what on disk is surplus
+ * to it: the domains' directory names and the current domain's mailbox
+ * names; and the hashes of users/poppasswd on disk by home directory, to
+ * verify the panel's plain passwords against. */
+static std::set<std::string> seen_domains, seen_mailboxes;
+static std::unordered_map<std::string, std::string> disk_hashes;
 
 /* What the pass did, for the summary line of the run. */
 static struct {
@@ -333,24 +349,31 @@ static void empty_qmail_files(void)
 }
 
 /* prepare_mailnames_dir - make the mailbox root, owned by root:gid, 0755;
- * owner and mode are set only where they differ */
+ * owner and mode are set only where they differ (a check run reports
+ * them) */
 static void prepare_mailnames_dir(unsigned gid)
 {
     const char *dir = panel_config.QMAIL_MAILNAMES_D;
+    const char *step = "chown";
     struct stat st;
 
     if (stat(dir, &st) != 0) {
         if (errno != ENOENT)
             report(1, "ERROR: Unable to stat for mailnames dir: %s", strerror(errno));
+        if (check_run) {
+            check_note("missing", dir);
+            return;
+        }
         if (mkdir(dir, 0755) != 0)
             report(1, "ERROR: Unable to mkdir for mailnames dir: %s", strerror(errno));
-        st.st_uid = static_cast<uid_t>(-1);
-        st.st_mode = 0;
     }
-    if ((st.st_uid != 0 || st.st_gid != gid) && chown(dir, 0, gid) != 0)
+    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || fd_owner_mode(fd, dir, 0, gid, 0755, &step) != 0) {
+        if (strcmp(step, "chmod") == 0)
+            report(1, "ERROR: Unable to chmod for mailnames dir: %s", strerror(errno));
         report(1, "ERROR: Unable to chown for mailnames dir: %s", strerror(errno));
-    if ((st.st_mode & 07777) != 0755 && chmod(dir, 0755) != 0)
-        report(1, "ERROR: Unable to chmod for mailnames dir: %s", strerror(errno));
+    }
+    close(fd);
     if (chdir(dir) != 0)
         report(1, "WARNING: Unable to chdir to mailnames dir: %s", strerror(errno));
 }
@@ -380,6 +403,69 @@ static void batch_begin(void)
     users_remember(1);
 }
 
+/* load_disk_hashes - a check run's map of users/poppasswd on disk: home
+ * directory to hash ("name:[!]hash:popuser:home" lines) */
+static void load_disk_hashes(void)
+{
+    char path[QUERY_SIZE], line[QUERY_SIZE];
+
+    snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/users/poppasswd");
+    FILE *f = fopen(path, "r");
+    while (f != nullptr && fgets(line, sizeof(line), f) != nullptr) {
+        line[strcspn(line, "\n")] = '\0';
+        char *hash = strchr(line, ':');
+        char *home = hash ? strchr(hash + 1, ':') : nullptr;
+        char *rest = home ? strchr(home + 1, ':') : nullptr;
+        if (rest == nullptr)
+            continue;
+        *home = '\0';
+        hash += 1 + (hash[1] == '!');
+        disk_hashes[rest + 1] = hash;
+    }
+    if (f != nullptr)
+        fclose(f);
+}
+
+/* known_hash - in a check run, the hash on disk of a mailbox's plain
+ * password when it verifies the password (so that the run's new salt does
+ * not count as a change), else hash */
+static const char *known_hash(const char *ascii, const char *mail_name, const char *plain,
+                              const char *hash)
+{
+    static struct crypt_data data;
+    char home[QUERY_SIZE];
+
+    snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
+    auto known = disk_hashes.find(home);
+    if (known == disk_hashes.end())
+        return hash;
+    const char *again = crypt_r(plain, known->second.c_str(), &data);
+    return again != nullptr && known->second == again ? known->second.c_str() : hash;
+}
+
+/* note_surplus - a check run's line for each directory (or link) in dir
+ * that names nothing the panel has, in name order; set-aside directories
+ * are left out */
+static void note_surplus(const char *dir, const std::set<std::string> &seen)
+{
+    std::set<std::string> surplus;
+    DIR *d = opendir(dir);
+    struct stat st;
+
+    for (struct dirent *e; d != nullptr && (e = readdir(d)) != nullptr;) {
+        std::string name = e->d_name;
+        if (name == "." || name == ".." || name.starts_with("__deleted") || seen.count(name)
+            || fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0
+            || !(S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode)))
+            continue;
+        surplus.insert(std::string(dir) + "/" + name);
+    }
+    if (d != nullptr)
+        closedir(d);
+    for (const std::string &path : surplus)
+        check_note("surplus", path.c_str());
+}
+
 /* restore_mailbox - row number i of a domain's mailbox list, all its
  * records; batched, its delivery file is held in memory from add_mailbox
  * to the end */
@@ -401,12 +487,15 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
     }
     add_mailbox(mail_name, domain);
     counts.mailboxes++;
+    seen_mailboxes.insert(mail_name);
     if (db_flag_on(m[2])) {
         const char *hash;
         if (m[3] != nullptr && strcmp(m[3], "crypt") == 0)
             hash = m[4];
         else
             hash = hash_ahead_get(i);
+        if (check_run && hash != m[4])
+            hash = known_hash(ascii, mail_name, m[4] ? m[4] : "", hash);
         add_postbox(mail_name, domain, hash, disabled, full_names_required);
     }
     if (db_flag_on(m[5]) && m[6] != nullptr && m[6][0] != 0)
@@ -485,6 +574,12 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int ful
     hash_ahead_stop();
     free(plain);
     mysql_free_result(res);
+    if (check_run) {
+        snprintf(query, sizeof(query), "%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii);
+        note_surplus(query, seen_mailboxes);
+        seen_mailboxes.clear();
+        seen_domains.insert(ascii);
+    }
     free(ascii);
 }
 
@@ -494,6 +589,8 @@ void rebuild_mail_configuration(void)
 
     if (chdir(panel_config.QMAIL_ROOT_D) != 0)
         report(1, "ERROR: Unable to chdir to qmail dir: %s", strerror(errno));
+    if (check_run)
+        load_disk_hashes();
     if (rebuild_batched)
         batch_begin();
     empty_qmail_files();
@@ -529,6 +626,8 @@ void rebuild_mail_configuration(void)
 
     if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
         restore_antivirus_settings(conn);
+    if (check_run)
+        note_surplus(panel_config.QMAIL_MAILNAMES_D, seen_domains);
     if (rebuild_batched) {
         /* The pass has succeeded: the shared files are replaced now, each
          * only when it differs, before qmail's user database is rebuilt

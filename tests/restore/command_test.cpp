@@ -29,7 +29,7 @@ protected:
 TEST_F(Command, BadCommandLinesPrintUsageAndExitZero)
 {
     for (const char *args : {"", "--with-spam daemon-mode extra", "-vv", "--WITH-SPAM", "--with-spam=1",
-                             "--spam-only now", "--without-spam --daemon"}) {
+                             "--spam-only now", "--without-spam --daemon", "--check=1"}) {
         CommandResult r = run_rebox(args);
         EXPECT_EQ(r.status, 0) << args;
         EXPECT_EQ(r.out, "Usage: rebox [OPTION]\n  Restore settings for all mailboxes.\n\n"
@@ -38,7 +38,10 @@ TEST_F(Command, BadCommandLinesPrintUsageAndExitZero)
                          "  --with-spam [--daemon-mode]\n"
                          "         restore all settings\n"
                          "  --spam-only [--daemon-mode]\n"
-                         "         restore only SpamAssassin settings\n") << args;
+                         "         restore only SpamAssassin settings\n"
+                         "  --check [--daemon-mode]\n"
+                         "         report what a restore would change, without changing anything\n")
+            << args;
     }
     EXPECT_EQ(calls(STANDIN_QMAIL_NEWU), 0u);
 }
