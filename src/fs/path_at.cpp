@@ -66,16 +66,16 @@ static int plain_at(const char *path, PathAt *at)
 {
     char dir[PATH_BUF_SIZE];
     const char *slash = strrchr(path, '/');
+    const char *name = slash ? slash + 1 : path;
 
     if (slash == nullptr) {
         snprintf(dir, sizeof(dir), ".");
-        slash = path - 1;
     } else if (snprintf(dir, sizeof(dir), "%.*s", slash == path ? 1 : static_cast<int>(slash - path),
                         path) >= static_cast<int>(sizeof(dir))) {
         errno = ENAMETOOLONG;
         return -1;
     }
-    if (set_name(at, slash + 1, strlen(slash + 1)) != 0)
+    if (set_name(at, name, strlen(name)) != 0)
         return -1;
     at->dir = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     return at->dir < 0 ? -1 : 0;
@@ -166,12 +166,23 @@ int path_at(const char *path, PathAt *at)
     if (rest == nullptr)
         return plain_at(path, at);
 
-    int dir = mail_names_dir();
-    if (dir < 0 && check_run)
-        dir = absent_dir();
-    if (dir < 0)
-        return -1;
-    for (int depth = 1;; depth++) {
+    /* Below the domain directory reached last, the walk starts there. */
+    size_t first = strcspn(rest, "/");
+    int depth = 1, dir;
+    if (rest[first] == '/' && rest[first + strspn(rest + first, "/")] != '\0'
+        && first == strlen(open_dirs.domain) && strncmp(rest, open_dirs.domain, first) == 0
+        && alive(open_dirs.domain_fd)) {
+        dir = open_dirs.domain_fd;
+        rest += first;
+        depth = 2;
+    } else {
+        dir = mail_names_dir();
+        if (dir < 0 && check_run)
+            dir = absent_dir();
+        if (dir < 0)
+            return -1;
+    }
+    for (;; depth++) {
         while (*rest == '/')
             rest++;
         size_t len = strcspn(rest, "/");

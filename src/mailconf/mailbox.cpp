@@ -25,12 +25,14 @@
 static PopuserIds add_popuser;
 
 /* Directories made in every home, in this order: each inside the home
- * (parent -1) or inside the directory made at index parent. */
+ * (parent -1) or inside the directory made at index parent; a leaf holds
+ * none of the others. */
 static const struct {
     const char *name;
     int parent;
+    int leaf;
 } mailbox_subdirs[] = {
-    {"Maildir", -1}, {"tmp", 0}, {"new", 0}, {"cur", 0}, {"@attachments", -1},
+    {"Maildir", -1, 0}, {"tmp", 0, 1}, {"new", 0, 1}, {"cur", 0, 1}, {"@attachments", -1, 1},
 };
 
 /* format_mailbox_record - the assign record "=id-name:popuser:uid:gid:home:::" */
@@ -168,9 +170,16 @@ int add_mailbox(const char *mail_name, const char *domain)
         int parent = mailbox_subdirs[i].parent;
         const char *name = mailbox_subdirs[i].name;
         char sub[QMAIL_BUF_SIZE * 2];
+        struct stat st;
+        fds[i] = -1;
         snprintf(sub, sizeof(sub), "%s/%s%s%s", home, parent < 0 ? "" : mailbox_subdirs[parent].name,
                  parent < 0 ? "" : "/", name);
         at_child(&at, parent < 0 ? home_fd : fds[parent], name, sub);
+        /* A directory that holds none of the others and is popuser's
+         * already needs only a look. */
+        if (mailbox_subdirs[i].leaf && fstatat(at.dir, name, &st, AT_SYMLINK_NOFOLLOW) == 0
+            && S_ISDIR(st.st_mode) && st.st_uid == add_popuser.uid && st.st_gid == add_popuser.gid)
+            continue;
         fds[i] = make_owned_dir(&at, &what);
         if (fds[i] < 0) {
             snprintf(message, sizeof(message), "Unable to %s %s dir: %s", what, sub,
@@ -179,7 +188,8 @@ int add_mailbox(const char *mail_name, const char *domain)
         }
     }
     for (size_t i = 0; i < n; i++)
-        close(fds[i]);
+        if (fds[i] >= 0)
+            close(fds[i]);
     close(home_fd);
     return 0;
 }
