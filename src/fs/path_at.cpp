@@ -283,13 +283,28 @@ int at_open(PathAt *at, int flags, mode_t mode)
 {
     if (!at->guarded)
         return openat(at->dir, at->name, flags | O_CLOEXEC, mode);
+    /* Emptied only once it is known to be a file of its own: a hard link
+     * to another file must not be cut by the open itself. */
+    int truncate = flags & O_TRUNC;
+    flags &= ~O_TRUNC;
     for (int attempt = 0;; attempt++) {
-        int fd = openat(at->dir, at->name, flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY,
-                        mode);
         struct stat st;
+        int fd = -1;
+        /* A link, device or fifo is not even opened. */
+        if (fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0 || S_ISREG(st.st_mode))
+            fd = openat(at->dir, at->name, flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode);
+        else
+            errno = ELOOP;
         if (fd >= 0) {
-            if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1)
+            if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1) {
+                if (truncate && ftruncate(fd, 0) != 0) {
+                    int err = errno;
+                    close(fd);
+                    errno = err;
+                    return -1;
+                }
                 return fd;
+            }
             close(fd);
         } else if (errno != ELOOP && errno != EISDIR && errno != ENXIO && errno != ENODEV) {
             return -1;

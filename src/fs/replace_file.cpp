@@ -104,7 +104,10 @@ int replace_file_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gi
     *step = "open";
     if (at_clear_foreign(at) != 0 || at_temporary(at, tmp, tmp_path) != 0)
         return -1;
-    int fd = at_open(tmp, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    /* The temporary file is always a new one: whatever stands at its name
+     * (a leftover, a planted link) goes first. */
+    unlinkat(tmp->dir, tmp->name, 0);
+    int fd = at_open(tmp, O_WRONLY | O_CREAT | O_EXCL, 0600);
     if (fd < 0)
         return -1;
     int rc = -1;
