@@ -1,8 +1,7 @@
-/* The batched rebuild: the same trees, messages and exit status as the
- * record-by-record one; all or nothing (a failed or killed run leaves the
- * previous shared files, readers see whole files, a rerun on an unchanged
- * panel touches nothing but poppasswd); other editors of the shared files
- * wait for the pass and lose nothing. */
+/* The rebuild is all or nothing: a failed or killed run leaves the previous
+ * shared files, readers see whole files, a rerun on an unchanged panel
+ * touches nothing but poppasswd; other editors of the shared files wait for
+ * the pass and lose nothing. */
 #include "fs/file_lock.h"
 #include "fs/file_str.h"
 #include "restore/fresh_run.h"
@@ -30,50 +29,15 @@ protected:
     {
         REQUIRE_SANDBOX();
         ASSERT_NO_FATAL_FAILURE(testdb_reset());
-        /* The record-by-record variant runs under the name rebox too, so
-         * that the messages compare. */
-        run_command("mkdir -p \"$REBOX_SANDBOX/per-record\" && ln -sf " REBOX_PER_RECORD_EXE
-                    " \"$REBOX_SANDBOX/per-record/rebox\"");
     }
     /* shared_files - qmail's control and users directories, exactly */
     std::string shared_files()
     {
         return tree_snapshot(sandbox_path("qmail/control")) + tree_snapshot(sandbox_path("qmail/users"));
     }
-    /* run_both - the batched run, and the record-by-record one compared to it */
-    FreshRun run_both(const char *what)
-    {
-        FreshRun batched = fresh_run(REBOX_EXE " --without-spam");
-        batched.tree += tree_snapshot(sandbox_path("drweb"));
-        FreshRun one = fresh_run("\"$REBOX_SANDBOX/per-record/rebox\" --without-spam");
-        one.tree += tree_snapshot(sandbox_path("drweb"));
-        EXPECT_EQ(batched.run.status, one.run.status) << what;
-        EXPECT_EQ(batched.run.out, one.run.out) << what;
-        EXPECT_EQ(batched.run.err, one.run.err) << what;
-        EXPECT_EQ(batched.tree, one.tree) << what;
-        EXPECT_NE(batched.tree.find("\nassign 0600 0 0 file\n"), std::string::npos) << what;
-        return batched;
-    }
 };
 
 } // namespace
-
-TEST_F(Batch, SameTreesAsRecordByRecord)
-{
-    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
-    /* Duplicates: an alias and a mailbox twice, a member repeating the
-     * redirect, a second domain sharing an alias name. */
-    testdb_exec("INSERT INTO domainaliases (name, dom_id, status, mail) VALUES ('example.net', 1, 0, 'true'),"
-                " ('example.net', 3, 0, 'true');"
-                "INSERT INTO mail (mail_name, dom_id, postbox, mbox_quota) VALUES ('charlie', 1, 'true', 5);"
-                "INSERT INTO mail_redir (mn_id, address) VALUES (1, 'a@example.org')");
-    run_both("full panel");
-    for (int seed = 1; seed <= 2; seed++) {
-        ASSERT_NO_FATAL_FAILURE(testdb_reset());
-        testdb_exec(generated_panel(15, 4, seed).c_str());
-        run_both(("generated panel, seed " + std::to_string(seed)).c_str());
-    }
-}
 
 /* A run that fails or is killed before its end leaves the shared files of
  * the run before, whole, although the panel has changed; the next good run

@@ -82,28 +82,38 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecordAndIsStableAcrossRuns)
     EXPECT_EQ(crypt("pw", h[4].c_str()), h[4]);
     EXPECT_EQ(h[0].substr(0, 12), h[2].substr(0, 12));
 
-    /* Delivery files, policy files and quotas, with owners and modes. */
-    std::string d1 = M + "/example.com";
-    EXPECT_EQ(read_file(d1 + "/alpha/.qmail"),
-              "| true\n./Maildir/\n&a@example.org\n&boss@xn--bcher-kva.example\n|autoresponder\n");
-    EXPECT_EQ(read_file(d1 + "/echo/.qmail"), "| true\n");
-    EXPECT_EQ(read_file(d1 + "/bravo/.qmail"), "| true\n./Maildir/\n");
-    EXPECT_EQ(read_file(d1 + "/.qmail-default"), "|bouncesaying This\\ address\\ no\\ longer\\ accepts\\ mail.\n");
-    EXPECT_EQ(read_file(M + "/xn--bcher-kva.example/.qmail-default"), "&postmaster@xn--bcher-kva.example\n");
-    EXPECT_EQ(file_meta(M + "/disabled.example/.qmail-default"), "missing");
-    EXPECT_EQ(read_file(d1 + "/@mbox.quota"), "10240\n");
-    EXPECT_EQ(read_file(d1 + "/alpha/@mbox.quota"), "1024\n");
-    EXPECT_EQ(read_file(d1 + "/charlie/@mbox.quota"), "0\n");
-    EXPECT_EQ(read_file(d1 + "/delta/@mbox.quota"), "0\n");
-    EXPECT_EQ(file_meta(d1 + "/bravo/@mbox.quota"), "missing");
-    EXPECT_EQ(file_meta(M), "0755 0 7780");
-    for (const char *dir : {"", "/alpha", "/alpha/Maildir", "/alpha/Maildir/tmp", "/alpha/Maildir/new",
-                            "/alpha/Maildir/cur", "/alpha/@attachments"})
-        EXPECT_EQ(file_meta(d1 + dir), "0700 7781 7781") << dir;
-    EXPECT_EQ(file_meta(d1 + "/alpha/.qmail"), "0600 7781 7781");
-    EXPECT_EQ(file_meta(d1 + "/.qmail-default"), "0600 7781 7781");
-    EXPECT_EQ(file_meta(d1 + "/alpha/@mbox.quota"), "0640 7781 7781");
-    EXPECT_EQ(file_meta(M + "/nomail.example"), "missing");
+    /* Every file and directory the writers make: owner and mode, and
+     * the content ("-" for a directory, "missing" for none). */
+    const char *tree[][3] = {
+        {"", "0755 0 7780", "-"},
+        {"example.com", "0700 7781 7781", "-"},
+        {"example.com/.qmail-default", "0600 7781 7781",
+         "|bouncesaying Gone.\\ It\\'s\\ \\$5\\;\\ \\\"bye\\\"\n"},
+        {"example.com/@mbox.quota", "0640 7781 7781", "10240\n"},
+        {"example.com/alpha", "0700 7781 7781", "-"},
+        {"example.com/alpha/Maildir", "0700 7781 7781", "-"},
+        {"example.com/alpha/Maildir/tmp", "0700 7781 7781", "-"},
+        {"example.com/alpha/Maildir/new", "0700 7781 7781", "-"},
+        {"example.com/alpha/Maildir/cur", "0700 7781 7781", "-"},
+        {"example.com/alpha/@attachments", "0700 7781 7781", "-"},
+        {"example.com/alpha/.qmail", "0600 7781 7781",
+         "| true\n./Maildir/\n&a@example.org\n&boss@xn--bcher-kva.example\n|autoresponder\n"},
+        {"example.com/alpha/@mbox.quota", "0640 7781 7781", "1024\n"},
+        {"example.com/bravo/.qmail", "0600 7781 7781", "| true\n./Maildir/\n"},
+        {"example.com/bravo/@mbox.quota", "missing", ""},
+        {"example.com/charlie/@mbox.quota", "0640 7781 7781", "0\n"},
+        {"example.com/delta/@mbox.quota", "0640 7781 7781", "0\n"},
+        {"example.com/echo/.qmail", "0600 7781 7781", "| true\n"},
+        {"xn--bcher-kva.example/.qmail-default", "0600 7781 7781", "&postmaster@xn--bcher-kva.example\n"},
+        {"disabled.example/.qmail-default", "missing", ""},
+        {"nomail.example", "missing", ""},
+    };
+    for (auto &t : tree) {
+        std::string path = M + "/" + t[0];
+        EXPECT_EQ(file_meta(path), t[1]) << t[0];
+        if (std::string(t[2]) != "-")
+            EXPECT_EQ(read_file(path), t[2]) << t[0];
+    }
 
     /* Finishing steps, once each; the antivirus pass did not run. */
     EXPECT_EQ(calls(STANDIN_QMAIL_NEWU), 1u);
