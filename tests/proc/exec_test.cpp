@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
@@ -34,6 +35,11 @@ TEST(ExecCapture, StreamsCodesSignalsAndADescendantHoldingThePipes)
     EXPECT_EQ(fork_execl_getouterr(&out, &err, "/bin/sh", "sh", "-c", "exit 0", nullptr), 0);
     EXPECT_TRUE(out == nullptr && err == nullptr);
     EXPECT_EQ(fork_execl_getouterr(&out, &err, "/bin/sh", "sh", "-c", "kill -9 $$", nullptr), -1);
+    /* Input from /dev/null, and none of the caller's other descriptors. */
+    int held = dup(2);
+    EXPECT_EQ(fork_execl_getouterr(&out, &err, "/bin/sh", "sh", "-c", "readlink /proc/$$/fd/0; ls /proc/$$/fd", nullptr), 0);
+    EXPECT_EQ(taken(out) + "|" + taken(err), "/dev/null\n0\n1\n2\n|(null)");
+    close(held);
 
     /* Several buffer growths, on the standard-output-only engine. */
     EXPECT_TRUE(has(stderr_of([&] {

@@ -315,12 +315,13 @@ TEST_F(RebuildFaults, DatabaseStoppedHalfwayEndsThePassWithFinishedFilesIntact)
     Files before = prepare_qmail();
     pid_t pass = start_rebox("--without-spam");
     std::string reading;
-    for (int i = 0; i < 3000 && reading != "1"; i++) {
+    for (int i = 0; i < 3000 && reading != "1\n"; i++) {
         usleep(10000);
-        reading = testdb_query_value("SELECT COUNT(*) FROM information_schema.processlist "
-                                     "WHERE info LIKE 'SELECT alias FROM mail_aliases WHERE mn_id=7%'");
+        reading = run_command("mariadb --no-defaults -uroot -N -B --socket=" + db_dir + "/mysqld.sock -e \"SELECT "
+                              "COUNT(*) FROM information_schema.processlist WHERE info LIKE 'SELECT alias FROM "
+                              "mail_aliases WHERE mn_id=7%'\"").out;
     }
-    ASSERT_EQ(reading, "1") << "the pass never reached mailbox 7";
+    ASSERT_EQ(reading, "1\n") << "the pass never reached mailbox 7";
     ASSERT_NO_FATAL_FAILURE(run_or_fail(std::string(REBOX_TEST_SUPPORT_DIR) + "/db-server stop " + db_dir));
     db_dir.clear();
     r = CommandResult{wait_status(pass), "", read_file(sandbox_path("rebox.err"))};
