@@ -65,13 +65,13 @@ std::string policy_rows(const std::string &params)
     return "UPDATE DomainServices SET parameters_id=11 WHERE dom_id=1; INSERT INTO Parameters VALUES " + params;
 }
 
-/* run_fresh - rebox --with-spam (or exe) on an emptied mail tree: its tree with
+/* run_fresh - rebox --with-spam on an emptied mail tree: its tree with
  * users.conf sorted (the server returns the antivirus rows of domain
  * aliases in an order that depends on the other rows of the table, and
  * users.conf means the same in any order), and what lies beyond the tree */
-FreshRun run_fresh(const char *exe = REBOX_EXE, bool empty = true)
+FreshRun run_fresh(bool empty = true)
 {
-    FreshRun o = fresh_run(std::string(exe) + " --with-spam", empty);
+    FreshRun o = fresh_run(REBOX_EXE " --with-spam", empty);
     std::string conf = sandbox_path("drweb/users.conf");
     o.tree += file_meta(conf) + "\n" + run_command("LC_ALL=C sort '" + conf + "'").out +
               run_command("cd \"$REBOX_SANDBOX\" && find . \\( -path ./qmail/mailnames -o -path ./qmail/control "
@@ -206,7 +206,7 @@ TEST_F(HostilePanel, PlantedLinks)
                         p + " && ln -s \"$REBOX_SANDBOX\"/" + target + " " + p +
                         " && chown -h \"$REBOX_POPUSER_UID:$REBOX_POPUSER_GID\" " + p);
             std::string victim = tree_snapshot(sandbox_path("victim"));
-            FreshRun o = run_fresh(REBOX_EXE, false);
+            FreshRun o = run_fresh(false);
             EXPECT_EQ(o.run.status, 0) << o.run.err;
             EXPECT_EQ(tree_snapshot(sandbox_path("victim")), victim);
             int warnings = 0;
@@ -221,11 +221,11 @@ TEST_F(HostilePanel, PlantedLinks)
     run_command("cd \"$REBOX_SANDBOX\" && mkdir -p disk && mv qmail/mailnames/example.com disk/ && "
                 "ln -s \"$REBOX_SANDBOX/disk/example.com\" qmail/mailnames/example.com && "
                 "echo mail > disk/example.com/alpha/Maildir/new/1");
-    FreshRun moved = run_fresh(REBOX_EXE, false);
+    FreshRun moved = run_fresh(false);
     EXPECT_EQ(moved.run.status, 0) << moved.run.err;
     EXPECT_EQ(read_file(sandbox_path("qmail/mailnames/example.com/alpha/Maildir/new/1")), "mail\n");
     run_command("cd \"$REBOX_SANDBOX\" && rm -r qmail/mailnames/example.com victim && mv disk/example.com qmail/mailnames/ && "
                 "rmdir disk && rm qmail/mailnames/example.com/alpha/Maildir/new/1");
     EXPECT_TRUE(has(moved.tree, "example.com 0777 0 0 link ")) << moved.tree;
-    EXPECT_EQ(run_fresh(REBOX_EXE, false).tree, base.tree);
+    EXPECT_EQ(run_fresh(false).tree, base.tree);
 }
