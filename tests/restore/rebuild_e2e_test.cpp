@@ -130,6 +130,19 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecordAndIsStableAcrossRuns)
     r = run_rebox("without-spam");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(state(), first);
+
+    /* Short POP3 logins disabled: every login carries its domain.  An
+     * existing mailbox keeps its mail and modes and gets its owners back. */
+    testdb_exec("INSERT INTO misc (param, val) VALUES ('allow_short_pop3_names', 'disabled')");
+    write_file(M + "/example.com/alpha/Maildir/new/1", "mail");
+    ASSERT_EQ(chmod((M + "/example.com/alpha/Maildir").c_str(), 0750) + chown((M + "/example.com/alpha/Maildir/cur").c_str(), 0, 0), 0);
+    ASSERT_EQ(run_rebox("--without-spam").status, 0);
+    EXPECT_EQ(read_file(M + "/example.com/alpha/Maildir/new/1"), "mail");
+    EXPECT_EQ(file_meta(M + "/example.com/alpha/Maildir") + file_meta(M + "/example.com/alpha/Maildir/cur"), "0750 7781 77810700 7781 7781");
+    EXPECT_EQ(std::regex_replace(qmail("users/poppasswd"), MD5_CRYPT, "<h>"),
+              "alpha@example.com:<h>" + tail + "alpha\nbravo@example.com:<h>" + tail + "bravo\ncharlie@example.com:<h>" +
+                  tail + "charlie\ndelta@example.com:<h>" + tail + "delta\nuser@disabled.example:!<h>:popuser:" + M +
+                  "/disabled.example/user\n");
 }
 
 TEST_F(RebuildE2E, EmptyServerAndFinishingStatuses)
