@@ -3,7 +3,7 @@
  * touches nothing but poppasswd; other editors of the shared files wait for
  * the pass and lose nothing. */
 #include "fs/file_lock.h"
-#include "restore/fresh_run.h"
+#include "support/rebox_run.h"
 #include "runtime/config.h"
 #include "support/snapshot.h"
 #include "support/testdb.h"

@@ -1,5 +1,5 @@
 /* End-to-end tests of the command line, the run modes and daemon mode. */
-#include "restore/fresh_run.h"
+#include "support/rebox_run.h"
 #include "support/devlog.h"
 #include "support/testdb.h"
 

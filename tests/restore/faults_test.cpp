@@ -6,7 +6,7 @@
  * qmail-newu and the restart alone. */
 #include "fs/file_str.h"
 #include "runtime/config.h"
-#include "restore/fresh_run.h"
+#include "support/rebox_run.h"
 #include "support/snapshot.h"
 #include "support/testdb.h"
 

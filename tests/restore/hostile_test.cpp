@@ -2,7 +2,7 @@
  * each refused row is skipped with a warning, and the mail tree, the qmail
  * files, users.conf, the spamctl runs and everything outside the mail tree
  * come out exactly as without the hostile rows. */
-#include "restore/fresh_run.h"
+#include "support/rebox_run.h"
 #include "support/snapshot.h"
 #include "support/testdb.h"
 
