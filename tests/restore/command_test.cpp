@@ -158,4 +158,7 @@ TEST_F(Command, DaemonModeDetachesAndLogsToSyslog)
     EXPECT_EQ(read_file(sandbox_path("qmail/control/rcpthosts")), "");
     EXPECT_EQ(calls(STANDIN_QMAIL_NEWU), 0u);
     EXPECT_EQ(calls(STANDIN_QMAIL_INIT), 0u);
+    /* The catch-all domain without an address catches with root's. */
+    EXPECT_EQ(read_file(sandbox_path("qmail/mailnames/xn--bcher-kva.example/.qmail-default")),
+              "&root@xn--bcher-kva.example\n");
 }

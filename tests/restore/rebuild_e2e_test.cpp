@@ -7,6 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <crypt.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <regex>
 #include <string>
 #include <vector>
@@ -38,9 +42,21 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecordAndIsStableAcrossRuns)
     write_file(sandbox_path("qmail/users/assign"), "+9:popuser:1:1:/x:::\n.\n");
     write_file(sandbox_path("qmail/users/poppasswd"), "old:x:popuser:/x/old\n");
 
+    /* A process named qmail-se stands for qmail-send, which is told to
+     * reread its control files. */
+    ASSERT_EQ(run_command("cp /bin/sleep \"$REBOX_SANDBOX/qmail-se\"").status, 0);
+    pid_t sender = fork();
+    if (sender == 0)
+        _exit(execl(sandbox_path("qmail-se").c_str(), "qmail-se", "60", (char *)nullptr));
+    usleep(200000);
     CommandResult r = run_rebox("--without-spam");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "");
+    int st = 0;
+    for (int i = 0; i < 50 && waitpid(sender, &st, WNOHANG) == 0; i++)
+        usleep(100000);
+    EXPECT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGHUP) << st;
+    kill(sender, SIGKILL);
 
     const std::string rec = ":popuser:7781:7781:" + M + "/";
     EXPECT_EQ(qmail("users/assign"), "=3-user" + rec + "disabled.example/user:::\n"
