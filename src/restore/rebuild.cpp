@@ -27,7 +27,7 @@
  * domain's catch-all gets it).  A database value holding a NUL byte
  * (its length longer than its text) breaks the line rule.
  *
- * Batched (the default), the pass takes the named locks of the five shared
+ * The pass takes the named locks of the five shared
  * qmail files once, in a fixed order, and keeps them to its end: the
  * emptying and every file_str edit of them go to an in-memory copy, and
  * only when the domains and the antivirus pass are done is each file that
@@ -39,14 +39,13 @@
  * signalled once, after the files are written.  The system users the
  * files are given to are looked up once for the whole pass.
  *
- * Either way, the work a mailbox waits on is started ahead: when a
+ * The work a mailbox waits on is started ahead: when a
  * domain's mailbox list arrives, the mailboxes' own queries (group
  * members, aliases) are queued over a second connection and their plain
  * passwords handed to a hashing thread, so the server and the second
  * processor answer them while the mailboxes before them are written; the
- * questions the writers ask of every domain (its policy, quota, aliases
- * and mailbox list; batched, its identifier too) follow them for the next
- * domain.  Every question is still asked in its own words: the pipeline
+ * questions the writers ask of every domain (its identifier, policy,
+ * quota, aliases and mailbox list) follow them for the next domain.  Every question is still asked in its own words: the pipeline
  * hands it the queued answer of the very same query text, or asks the
  * server when there is none, so what was queued ahead can make the pass
  * faster but never changes what a question is answered.
@@ -96,9 +95,7 @@
 
 static const size_t QUERY_SIZE = 4096;
 
-int rebuild_batched = 1;
-
-/* The shared qmail files a batched pass holds, in the order of locking. */
+/* The shared qmail files the pass holds, in the order of locking. */
 static const char *const SHARED_FILES[] = {
     "/control/rcpthosts", "/control/virtualdomains", "/users/assign", "/users/poppasswd",
     "/control/rejectnonexist",
@@ -275,12 +272,10 @@ static void prefetch_domain(MYSQL_RES *domains, MYSQL_ROW d)
     if (id == nullptr || id[strspn(id, "0123456789")] != '\0'
         || column_rule(domains, d, 1, check_domain_name) != nullptr)
         return;
-    if (rebuild_batched) {
-        char *ascii = idn_toascii(d[1]);
-        if (ascii != nullptr)
-            pipeline_prefetch(dom_id_query(ascii, query, sizeof(query)));
-        free(ascii);
-    }
+    char *ascii = idn_toascii(d[1]);
+    if (ascii != nullptr)
+        pipeline_prefetch(dom_id_query(ascii, query, sizeof(query)));
+    free(ascii);
     nonexist_policy_prefetch(id);
     pipeline_prefetch(dom_limit_query(id, "mbox_quota", query, sizeof(query)));
     pipeline_prefetch(domain_aliases_query(id, query));
@@ -467,8 +462,8 @@ static void note_surplus(const char *dir, const std::set<std::string> &seen)
 }
 
 /* restore_mailbox - row number i of a domain's mailbox list, all its
- * records; batched, its delivery file is held in memory from add_mailbox
- * to the end */
+ * records; its delivery file is held in memory from add_mailbox to the
+ * end */
 static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
                             const char *domain, const char *ascii, int disabled,
                             int full_names_required)
@@ -480,11 +475,9 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
         skip_row("mailbox", mail_name, nullptr, domain, why);
         return;
     }
-    if (rebuild_batched) {
-        snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
-        if (held_file_take(qmail, 0) != 0)
-            report(1, "Unable to lock %s for the rebuild", qmail);
-    }
+    snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
+    if (held_file_take(qmail, 0) != 0)
+        report(1, "Unable to lock %s for the rebuild", qmail);
     add_mailbox(mail_name, domain);
     counts.mailboxes++;
     seen_mailboxes.insert(mail_name);
@@ -519,9 +512,8 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
             counts.aliases++;
     }
     mysql_free_result(res);
-    /* A delivery file that cannot be written ends the run, as a failed
-     * edit of it does when records are written one by one. */
-    if (rebuild_batched && held_file_release(qmail) != 0)
+    /* A delivery file that cannot be written ends the run. */
+    if (held_file_release(qmail) != 0)
         report(1, "Unable to write %s", qmail);
 }
 
@@ -591,16 +583,14 @@ void rebuild_mail_configuration(void)
         report(1, "ERROR: Unable to chdir to qmail dir: %s", strerror(errno));
     if (check_run)
         load_disk_hashes();
-    if (rebuild_batched)
-        batch_begin();
+    batch_begin();
     empty_qmail_files();
     prepare_mailnames_dir(gid);
 
     MYSQL *conn = panel_db_open();
     if (conn == nullptr)
         report(1, "Unable to connect to the mysql database");
-    if (rebuild_batched)
-        get_dom_id_share(conn);
+    get_dom_id_share(conn);
     MYSQL *ahead = panel_db_open();
     if (ahead == nullptr)
         report(1, "Unable to connect to the mysql database");
@@ -628,14 +618,12 @@ void rebuild_mail_configuration(void)
         restore_antivirus_settings(conn);
     if (check_run)
         note_surplus(panel_config.QMAIL_MAILNAMES_D, seen_domains);
-    if (rebuild_batched) {
-        /* The pass has succeeded: the shared files are replaced now, each
-         * only when it differs, before qmail's user database is rebuilt
-         * from them; files that cannot be written end the run here. */
-        if (held_files_write() != 0)
-            report(1, "Unable to write the rebuilt qmail files");
-        batch_end();
-    }
+    /* The pass has succeeded: the shared files are replaced now, each only
+     * when it differs, before qmail's user database is rebuilt from them;
+     * files that cannot be written end the run here. */
+    if (held_files_write() != 0)
+        report(1, "Unable to write the rebuilt qmail files");
+    batch_end();
     mysql_close(conn);
 }
 

@@ -13,15 +13,6 @@
 
 #define SALT_ALPHABET "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
 
-/* rebuild_batched - 1 (the default): the pass holds the shared qmail files
- * in memory under their locks and, once it has succeeded, replaces each
- * that differs (nothing of them is written when it fails or is killed),
- * looks each domain up once over its own connection and signals qmail-send
- * once.
- * 0: every record is edited on disk at once; the result is the same, and
- * the tests compare the two. */
-extern int rebuild_batched;
-
 void rebuild_mail_configuration(void);
 void make_salt(char *buf, int n);
 int short_pop3_names_allowed(MYSQL *conn);

@@ -2,7 +2,7 @@
  * nothing; each drift, one at a time, is named in its report with status 2,
  * while nothing on disk changes and no program runs; a rebuild then brings
  * the check back to 0. */
-#include "restore/fresh_run.h"
+#include "support/rebox_run.h"
 #include "support/snapshot.h"
 #include "support/testdb.h"
 

@@ -1,5 +1,5 @@
 /* End-to-end tests of the command line, the run modes and daemon mode. */
-#include "restore/fresh_run.h"
+#include "support/rebox_run.h"
 #include "support/devlog.h"
 #include "support/testdb.h"
 
@@ -161,4 +161,7 @@ TEST_F(Command, DaemonModeDetachesAndLogsToSyslog)
     EXPECT_EQ(read_file(sandbox_path("qmail/control/rcpthosts")), "");
     EXPECT_EQ(calls(STANDIN_QMAIL_NEWU), 0u);
     EXPECT_EQ(calls(STANDIN_QMAIL_INIT), 0u);
+    /* The catch-all domain without an address catches with root's. */
+    EXPECT_EQ(read_file(sandbox_path("qmail/mailnames/xn--bcher-kva.example/.qmail-default")),
+              "&root@xn--bcher-kva.example\n");
 }

@@ -2,7 +2,7 @@
  * each refused row is skipped with a warning, and the mail tree, the qmail
  * files, users.conf, the spamctl runs and everything outside the mail tree
  * come out exactly as without the hostile rows. */
-#include "restore/fresh_run.h"
+#include "support/rebox_run.h"
 #include "support/snapshot.h"
 #include "support/testdb.h"
 
@@ -65,13 +65,13 @@ std::string policy_rows(const std::string &params)
     return "UPDATE DomainServices SET parameters_id=11 WHERE dom_id=1; INSERT INTO Parameters VALUES " + params;
 }
 
-/* run_fresh - rebox --with-spam (or exe) on an emptied mail tree: its tree with
+/* run_fresh - rebox --with-spam on an emptied mail tree: its tree with
  * users.conf sorted (the server returns the antivirus rows of domain
  * aliases in an order that depends on the other rows of the table, and
  * users.conf means the same in any order), and what lies beyond the tree */
-FreshRun run_fresh(const char *exe = REBOX_EXE, bool empty = true)
+FreshRun run_fresh(bool empty = true)
 {
-    FreshRun o = fresh_run(std::string(exe) + " --with-spam", empty);
+    FreshRun o = fresh_run(REBOX_EXE " --with-spam", empty);
     std::string conf = sandbox_path("drweb/users.conf");
     o.tree += file_meta(conf) + "\n" + run_command("LC_ALL=C sort '" + conf + "'").out +
               run_command("cd \"$REBOX_SANDBOX\" && find . \\( -path ./qmail/mailnames -o -path ./qmail/control "
@@ -122,9 +122,11 @@ protected:
 
 } // namespace
 
-TEST_F(HostilePanel, DomainNames)
+TEST_F(HostilePanel, RowsAreSkippedAndChangeNothingElse)
 {
-    const char *w = "Skipping mail domain '";
+    const char *w = "Skipping mail domain '", *box = "Skipping mailbox '";
+    const char *policy = "Skipping the unknown-recipient policy of mail domain 'example.com'";
+    const char *qdefault = "example.com/.qmail-default";
     check({
         {"path escape", domain_rows("'../../evil'"), w},
         {"colon", domain_rows("'evil:1.example'"), w},
@@ -134,19 +136,12 @@ TEST_F(HostilePanel, DomainNames)
         {"over-long", "ALTER TABLE domains MODIFY name VARCHAR(300) NOT NULL;" +
                           domain_rows("CONCAT(REPEAT(CONCAT(REPEAT('e', 60), '.'), 4), 'evil.example')"), w},
         {"NUL byte", domain_rows("CONCAT('evil', CHAR(0), '.example')"), w},
-    });
-}
-
-TEST_F(HostilePanel, MailboxAndAliasNames)
-{
-    const char *w = "Skipping mailbox '";
-    check({
-        {"path escape", mailbox_rows("'alpha/../../../../evil'"), w},
-        {"colon", mailbox_rows("'evil:0:0:/root:::'"), w},
-        {"over-long", "ALTER TABLE mail MODIFY mail_name VARCHAR(300) NOT NULL;" +
-                          mailbox_rows("CONCAT('evil', REPEAT('e', 252))"), w},
-        {"NUL byte", mailbox_rows("CONCAT('evil', CHAR(0), 'x')"), w},
-        {"crypt hash", mailbox_rows("'evilhash'", "61, 'crypt', CONCAT('$1$evil:0', CHAR(10), 'x')"), w},
+        {"mailbox path escape", mailbox_rows("'alpha/../../../../evil'"), box},
+        {"mailbox colon", mailbox_rows("'evil:0:0:/root:::'"), box},
+        {"over-long mailbox", "ALTER TABLE mail MODIFY mail_name VARCHAR(300) NOT NULL;" +
+                                  mailbox_rows("CONCAT('evil', REPEAT('e', 252))"), box},
+        {"NUL in mailbox", mailbox_rows("CONCAT('evil', CHAR(0), 'x')"), box},
+        {"crypt hash", mailbox_rows("'evilhash'", "61, 'crypt', CONCAT('$1$evil:0', CHAR(10), 'x')"), box},
         {"mail aliases",
          "INSERT INTO mail_aliases (mn_id, alias) VALUES (1, 'evil/../x'), (1, 'evil:x'), "
          "(1, CONCAT('evil', CHAR(13))), (1, '.evil'), (1, CONCAT('evil', CHAR(0), 'x'))",
@@ -156,14 +151,6 @@ TEST_F(HostilePanel, MailboxAndAliasNames)
          "(CONCAT('evil', CHAR(10), '.example'), 1, 0, 'true'), ('evil:1.example', 1, 0, 'true'), "
          "('evil''.example', 1, 0, 'true')",
          "Skipping domain alias '", 4},
-    });
-}
-
-TEST_F(HostilePanel, AddressesPoliciesAndSpamSettings)
-{
-    const char *w = "Skipping the unknown-recipient policy of mail domain 'example.com'";
-    const char *qdefault = "example.com/.qmail-default";
-    check({
         {"group members",
          "INSERT INTO mail_redir (mn_id, address) VALUES (1, '|evil@x.example'), (1, '/evil@x.example'), "
          "(1, '&evil@x.example'), (1, CONCAT('evil@x.example', CHAR(10), '|/bin/sh')), (1, 'evil'), "
@@ -171,14 +158,14 @@ TEST_F(HostilePanel, AddressesPoliciesAndSpamSettings)
          "Skipping forward address '", 7},
         {"redirect", "UPDATE mail SET redirect='true', redir_addr='|/bin/evil' WHERE id=3",
          "Skipping forward address '"},
-        {"catch-all", policy_rows("(11, 'nonexist_mail', 'catch'), (11, 'catch_addr', '|evil@x.example')"), w, 1,
+        {"catch-all", policy_rows("(11, 'nonexist_mail', 'catch'), (11, 'catch_addr', '|evil@x.example')"), policy, 1,
          qdefault},
         {"client address",
          policy_rows("(11, 'nonexist_mail', 'catch')") +
              "; UPDATE clients SET email=CONCAT('evil@x.example', CHAR(10), '|/bin/sh')",
-         w, 1, qdefault},
+         policy, 1, qdefault},
         {"NUL in bounce text",
-         policy_rows("(11, 'nonexist_mail', 'bounce'), (11, 'bounce_mess', CONCAT('evil', CHAR(0), 'x'))"), w, 1,
+         policy_rows("(11, 'nonexist_mail', 'bounce'), (11, 'bounce_mess', CONCAT('evil', CHAR(0), 'x'))"), policy, 1,
          qdefault},
         {"spam-filter values",
          "INSERT INTO spamfilter_preferences (spamfilter_id, preference, value) VALUES (90, 'whitelist_from', "
@@ -191,28 +178,22 @@ TEST_F(HostilePanel, AddressesPoliciesAndSpamSettings)
 /* Links planted as popuser below a domain directory, to a directory and to a
  * file outside the mail tree: a rebuild follows none of them, replaces each
  * with what it writes there, with one warning, and leaves the rest as
- * without them.  A temporary file of the line editor is used by
- * record-by-record edits only. */
+ * without them. */
 TEST_F(HostilePanel, PlantedLinks)
 {
-    const struct {
-        const char *path;
-        const char *exe = REBOX_EXE;
-    } planted[] = {
-        {"example.com/alpha"}, {"example.com/alpha/Maildir"}, {"example.com/alpha/Maildir/tmp"},
-        {"example.com/alpha/Maildir/new"}, {"example.com/alpha/Maildir/cur"}, {"example.com/alpha/@attachments"},
-        {"example.com/alpha/.qmail"}, {"example.com/alpha/.qmail.tmp", REBOX_PER_RECORD_EXE},
-        {"xn--bcher-kva.example/.qmail-default"}, {"example.com/alpha/@mbox.quota"}, {"example.com/@mbox.quota"},
-    };
-    for (const auto &p : planted)
+    for (const char *p : {"example.com/alpha", "example.com/alpha/Maildir", "example.com/alpha/Maildir/tmp",
+                          "example.com/alpha/Maildir/new", "example.com/alpha/Maildir/cur",
+                          "example.com/alpha/@attachments", "example.com/alpha/.qmail",
+                          "xn--bcher-kva.example/.qmail-default", "example.com/alpha/@mbox.quota",
+                          "example.com/@mbox.quota"})
         for (const char *target : {"victim/dir", "victim/file"}) {
-            SCOPED_TRACE(std::string(p.path) + " -> " + target);
+            SCOPED_TRACE(std::string(p) + " -> " + target);
             run_command(std::string("cd \"$REBOX_SANDBOX\" && rm -rf victim && mkdir -p victim/dir && echo v > "
                                     "victim/file && echo v > victim/dir/f && cd qmail/mailnames && rm -rf ") +
-                        p.path + " && ln -s \"$REBOX_SANDBOX\"/" + target + " " + p.path +
-                        " && chown -h \"$REBOX_POPUSER_UID:$REBOX_POPUSER_GID\" " + p.path);
+                        p + " && ln -s \"$REBOX_SANDBOX\"/" + target + " " + p +
+                        " && chown -h \"$REBOX_POPUSER_UID:$REBOX_POPUSER_GID\" " + p);
             std::string victim = tree_snapshot(sandbox_path("victim"));
-            FreshRun o = run_fresh(p.exe, false);
+            FreshRun o = run_fresh(false);
             EXPECT_EQ(o.run.status, 0) << o.run.err;
             EXPECT_EQ(tree_snapshot(sandbox_path("victim")), victim);
             int warnings = 0;
@@ -227,11 +208,11 @@ TEST_F(HostilePanel, PlantedLinks)
     run_command("cd \"$REBOX_SANDBOX\" && mkdir -p disk && mv qmail/mailnames/example.com disk/ && "
                 "ln -s \"$REBOX_SANDBOX/disk/example.com\" qmail/mailnames/example.com && "
                 "echo mail > disk/example.com/alpha/Maildir/new/1");
-    FreshRun moved = run_fresh(REBOX_EXE, false);
+    FreshRun moved = run_fresh(false);
     EXPECT_EQ(moved.run.status, 0) << moved.run.err;
     EXPECT_EQ(read_file(sandbox_path("qmail/mailnames/example.com/alpha/Maildir/new/1")), "mail\n");
     run_command("cd \"$REBOX_SANDBOX\" && rm -r qmail/mailnames/example.com victim && mv disk/example.com qmail/mailnames/ && "
                 "rmdir disk && rm qmail/mailnames/example.com/alpha/Maildir/new/1");
     EXPECT_TRUE(has(moved.tree, "example.com 0777 0 0 link ")) << moved.tree;
-    EXPECT_EQ(run_fresh(REBOX_EXE, false).tree, base.tree);
+    EXPECT_EQ(run_fresh(false).tree, base.tree);
 }

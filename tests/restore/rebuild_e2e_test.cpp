@@ -7,6 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <crypt.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <regex>
 #include <string>
 #include <vector>
@@ -38,9 +42,21 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecordAndIsStableAcrossRuns)
     write_file(sandbox_path("qmail/users/assign"), "+9:popuser:1:1:/x:::\n.\n");
     write_file(sandbox_path("qmail/users/poppasswd"), "old:x:popuser:/x/old\n");
 
+    /* A process named qmail-se stands for qmail-send, which is told to
+     * reread its control files. */
+    ASSERT_EQ(run_command("cp /bin/sleep \"$REBOX_SANDBOX/qmail-se\"").status, 0);
+    pid_t sender = fork();
+    if (sender == 0)
+        _exit(execl(sandbox_path("qmail-se").c_str(), "qmail-se", "60", (char *)nullptr));
+    usleep(200000);
     CommandResult r = run_rebox("--without-spam");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "");
+    int st = 0;
+    for (int i = 0; i < 50 && waitpid(sender, &st, WNOHANG) == 0; i++)
+        usleep(100000);
+    EXPECT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGHUP) << st;
+    kill(sender, SIGKILL);
 
     const std::string rec = ":popuser:7781:7781:" + M + "/";
     EXPECT_EQ(qmail("users/assign"), "=3-user" + rec + "disabled.example/user:::\n"
@@ -82,28 +98,39 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecordAndIsStableAcrossRuns)
     EXPECT_EQ(crypt("pw", h[4].c_str()), h[4]);
     EXPECT_EQ(h[0].substr(0, 12), h[2].substr(0, 12));
 
-    /* Delivery files, policy files and quotas, with owners and modes. */
-    std::string d1 = M + "/example.com";
-    EXPECT_EQ(read_file(d1 + "/alpha/.qmail"),
-              "| true\n./Maildir/\n&a@example.org\n&boss@xn--bcher-kva.example\n|autoresponder\n");
-    EXPECT_EQ(read_file(d1 + "/echo/.qmail"), "| true\n");
-    EXPECT_EQ(read_file(d1 + "/bravo/.qmail"), "| true\n./Maildir/\n");
-    EXPECT_EQ(read_file(d1 + "/.qmail-default"), "|bouncesaying This\\ address\\ no\\ longer\\ accepts\\ mail.\n");
-    EXPECT_EQ(read_file(M + "/xn--bcher-kva.example/.qmail-default"), "&postmaster@xn--bcher-kva.example\n");
-    EXPECT_EQ(file_meta(M + "/disabled.example/.qmail-default"), "missing");
-    EXPECT_EQ(read_file(d1 + "/@mbox.quota"), "10240\n");
-    EXPECT_EQ(read_file(d1 + "/alpha/@mbox.quota"), "1024\n");
-    EXPECT_EQ(read_file(d1 + "/charlie/@mbox.quota"), "0\n");
-    EXPECT_EQ(read_file(d1 + "/delta/@mbox.quota"), "0\n");
-    EXPECT_EQ(file_meta(d1 + "/bravo/@mbox.quota"), "missing");
-    EXPECT_EQ(file_meta(M), "0755 0 7780");
-    for (const char *dir : {"", "/alpha", "/alpha/Maildir", "/alpha/Maildir/tmp", "/alpha/Maildir/new",
-                            "/alpha/Maildir/cur", "/alpha/@attachments"})
-        EXPECT_EQ(file_meta(d1 + dir), "0700 7781 7781") << dir;
-    EXPECT_EQ(file_meta(d1 + "/alpha/.qmail"), "0600 7781 7781");
-    EXPECT_EQ(file_meta(d1 + "/.qmail-default"), "0600 7781 7781");
-    EXPECT_EQ(file_meta(d1 + "/alpha/@mbox.quota"), "0640 7781 7781");
-    EXPECT_EQ(file_meta(M + "/nomail.example"), "missing");
+    /* Every file and directory the writers make: owner and mode, and
+     * the content ("-" for a directory, "missing" for none). */
+    const char *tree[][3] = {
+        {"", "0755 0 7780", "-"},
+        {"example.com", "0700 7781 7781", "-"},
+        {"example.com/.qmail-default", "0600 7781 7781",
+         "|bouncesaying Gone.\\ It\\'s\\ \\$5\\;\\ \\\"bye\\\"\n"},
+        {"example.com/@mbox.quota", "0640 7781 7781", "10240\n"},
+        {"example.com/alpha", "0700 7781 7781", "-"},
+        {"example.com/alpha/Maildir", "0700 7781 7781", "-"},
+        {"example.com/alpha/Maildir/tmp", "0700 7781 7781", "-"},
+        {"example.com/alpha/Maildir/new", "0700 7781 7781", "-"},
+        {"example.com/alpha/Maildir/cur", "0700 7781 7781", "-"},
+        {"example.com/alpha/@attachments", "0700 7781 7781", "-"},
+        {"example.com/alpha/.qmail", "0600 7781 7781",
+         "| true\n./Maildir/\n&a@example.org\n&boss@xn--bcher-kva.example\n|autoresponder\n"},
+        {"example.com/alpha/@mbox.quota", "0640 7781 7781", "1024\n"},
+        {"example.com/bravo/.qmail", "0600 7781 7781", "| true\n./Maildir/\n"},
+        {"example.com/bravo/@mbox.quota", "missing", ""},
+        {"example.com/charlie/@mbox.quota", "0640 7781 7781", "0\n"},
+        {"example.com/delta/@mbox.quota", "0640 7781 7781", "0\n"},
+        {"example.com/echo/.qmail", "0600 7781 7781", "| true\n"},
+        {"xn--bcher-kva.example/.qmail-default", "0600 7781 7781", "&postmaster@xn--bcher-kva.example\n"},
+        {"disabled.example/.qmail-default", "missing", ""},
+        {"nomail.example", "missing", ""},
+    };
+    for (auto &t : tree) {
+        std::string path = M + "/" + t[0];
+        EXPECT_EQ(file_meta(path), t[1]) << t[0];
+        if (std::string(t[2]) != "-") {
+            EXPECT_EQ(read_file(path), t[2]) << t[0];
+        }
+    }
 
     /* Finishing steps, once each; the antivirus pass did not run. */
     EXPECT_EQ(calls(STANDIN_QMAIL_NEWU), 1u);
@@ -120,6 +147,19 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecordAndIsStableAcrossRuns)
     r = run_rebox("without-spam");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(state(), first);
+
+    /* Short POP3 logins disabled: every login carries its domain.  An
+     * existing mailbox keeps its mail and modes and gets its owners back. */
+    testdb_exec("INSERT INTO misc (param, val) VALUES ('allow_short_pop3_names', 'disabled')");
+    write_file(M + "/example.com/alpha/Maildir/new/1", "mail");
+    ASSERT_EQ(chmod((M + "/example.com/alpha/Maildir").c_str(), 0750) + chown((M + "/example.com/alpha/Maildir/cur").c_str(), 0, 0), 0);
+    ASSERT_EQ(run_rebox("--without-spam").status, 0);
+    EXPECT_EQ(read_file(M + "/example.com/alpha/Maildir/new/1"), "mail");
+    EXPECT_EQ(file_meta(M + "/example.com/alpha/Maildir") + file_meta(M + "/example.com/alpha/Maildir/cur"), "0750 7781 77810700 7781 7781");
+    EXPECT_EQ(std::regex_replace(qmail("users/poppasswd"), MD5_CRYPT, "<h>"),
+              "alpha@example.com:<h>" + tail + "alpha\nbravo@example.com:<h>" + tail + "bravo\ncharlie@example.com:<h>" +
+                  tail + "charlie\ndelta@example.com:<h>" + tail + "delta\nuser@disabled.example:!<h>:popuser:" + M +
+                  "/disabled.example/user\n");
 }
 
 TEST_F(RebuildE2E, EmptyServerAndFinishingStatuses)

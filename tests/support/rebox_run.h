@@ -2,13 +2,17 @@
  *
  * rebox_standins() puts recording stand-ins where rebox finds qmail-newu,
  * the qmail init script and the panel's virusctl and spamctl; run_rebox()
- * runs the binary with the given arguments; load_sql_file() loads a fixture
- * into the test database.
+ * runs the binary with the given arguments (start_rebox() in the
+ * background); fresh_run() runs a command on an emptied mail tree and gives
+ * the tree as text that compares whole between runs; load_sql_file() and
+ * generated_panel() give the panels.
  */
 #ifndef REBOX_TESTS_SUPPORT_REBOX_RUN_H
 #define REBOX_TESTS_SUPPORT_REBOX_RUN_H
 
 #include "support/sandbox.h"
+
+#include <sys/types.h>
 
 #include <string>
 
@@ -21,5 +25,24 @@
 void rebox_standins(int qmail_newu_exit = 0, int qmail_init_exit = 0);
 CommandResult run_rebox(const std::string &args);
 void load_sql_file(const std::string &fixture_name);
+
+struct FreshRun {
+    CommandResult run;
+    /* the mail names tree, qmail's control and users directories (MD5-crypt
+     * hashes masked: plain passwords get a new salt each second) and the
+     * spamctl and virusctl calls */
+    std::string tree;
+};
+
+/* fresh_run - empty the mail names tree, control/, users/ and the antivirus
+ * directory (unless empty is false), put fresh stand-ins in place, then run
+ * command_line */
+FreshRun fresh_run(const std::string &command_line, bool empty = true);
+/* generated_panel - SQL of a synthetic panel from the benchmark generator */
+std::string generated_panel(int domains, int per_domain, int seed);
+/* start_rebox - the binary in the background, its output in the sandbox's
+ * rebox.out and rebox.err; wait_status - its exit status, -1 for none */
+pid_t start_rebox(const char *args);
+int wait_status(pid_t pid);
 
 #endif

@@ -2,7 +2,6 @@
 #include "support/sandbox.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -77,49 +76,15 @@ std::vector<std::vector<std::string>> read_calls(const std::string &stub_path)
     return calls;
 }
 
-/* slurp - everything readable from a descriptor */
-static std::string slurp(int fd)
-{
-    std::string text;
-    char buf[4096];
-    ssize_t n;
-
-    while ((n = read(fd, buf, sizeof(buf))) > 0)
-        text.append(buf, static_cast<size_t>(n));
-    return text;
-}
-
 CommandResult run_command(const std::string &command_line)
 {
-    CommandResult result{-1, "", ""};
-    char out_name[] = "/tmp/rebox-test-out.XXXXXX";
-    char err_name[] = "/tmp/rebox-test-err.XXXXXX";
-    int out_fd = mkstemp(out_name);
-    int err_fd = mkstemp(err_name);
-
-    if (out_fd < 0 || err_fd < 0) {
-        ADD_FAILURE() << "mkstemp: " << strerror(errno);
-        return result;
-    }
-    unlink(out_name);
-    unlink(err_name);
-    fflush(stdout);
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(out_fd, 1);
-        dup2(err_fd, 2);
-        execl("/bin/sh", "sh", "-c", command_line.c_str(), (char *)nullptr);
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    lseek(out_fd, 0, SEEK_SET);
-    lseek(err_fd, 0, SEEK_SET);
-    result.out = slurp(out_fd);
-    result.err = slurp(err_fd);
-    close(out_fd);
-    close(err_fd);
+    char out[] = "/tmp/rebox-test-out.XXXXXX", err[] = "/tmp/rebox-test-err.XXXXXX";
+    close(mkstemp(out));
+    close(mkstemp(err));
+    fflush(nullptr);
+    int status = system(("(" + command_line + ") > " + out + " 2> " + err).c_str());
+    CommandResult result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(out), read_file(err)};
+    unlink(out);
+    unlink(err);
     return result;
 }
