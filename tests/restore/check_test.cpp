@@ -10,18 +10,13 @@
 
 #include <string>
 
-namespace {
-
-/* disk - everything a check could touch: the qmail and antivirus trees
- * (content, owners, modes), the inodes and times below them, the lock
- * files and the stand-ins' call records */
-std::string disk()
+/* disk - everything a check could touch: the qmail and antivirus trees,
+ * inodes and times, the lock files and the stand-ins' call records */
+static std::string disk()
 {
     return tree_snapshot(sandbox_path("qmail")) + tree_snapshot(sandbox_path("drweb")) +
            run_command("cd \"$REBOX_SANDBOX\" && find qmail drweb vdo rc.d -printf '%p %i %T@ %C@\\n' | sort").out;
 }
-
-} // namespace
 
 TEST(Check, ReportsEachDriftAndChangesNothing)
 {
@@ -62,10 +57,7 @@ TEST(Check, ReportsEachDriftAndChangesNothing)
         std::string report = r.out;
         for (size_t at; (at = report.find(names)) != std::string::npos;)
             report.erase(at, names.size());
-        if (c.shell)
-            EXPECT_TRUE(report.ends_with(c.report)) << report;
-        else
-            EXPECT_TRUE(has(report, c.report)) << report;
+        EXPECT_TRUE(c.shell ? report.ends_with(c.report) : has(report, c.report)) << report;
         EXPECT_EQ(disk(), before);
         ASSERT_EQ(fresh_run(REBOX_EXE " --without-spam", false).run.status, 0);
     }
