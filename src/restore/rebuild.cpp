@@ -58,7 +58,6 @@
 #include "db/pipeline.h"
 #include "filters/antivirus.h"
 #include "fs/file_str.h"
-#include "fs/file_util.h"
 #include "fs/held_file.h"
 #include "fs/path_at.h"
 #include "fs/replace_file.h"
@@ -319,27 +318,17 @@ static const char **start_mailboxes(MYSQL_RES *rows)
     return plain;
 }
 
-/* empty_qmail_files - empty the domain data, assign keeping its ".": the
- * held copies when the pass holds the files (the disk keeps the old files
- * until the pass has succeeded), else the files themselves */
+/* empty_qmail_files - empty the held copies of the domain data, assign
+ * keeping its "."; the disk keeps the old files until the pass has
+ * succeeded */
 static void empty_qmail_files(void)
 {
-    static const struct {
-        const char *name;
-        const char *text;
-    } emptied[] = {
-        {"/control/rcpthosts", ""}, {"/control/virtualdomains", ""},
-        {"/users/assign", ".\n"},   {"/users/poppasswd", ""},
-    };
     char path[QUERY_SIZE];
 
-    for (const auto &e : emptied) {
-        snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, e.name);
-        if (held_file_reset(path, e.text) == 0)
-            continue;
-        truncate_file(path);
-        if (*e.text)
-            file_str(path, e.text, FILE_STR_ADD, FILE_STR_AT_END);
+    for (const char *name : SHARED_FILES) {
+        snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, name);
+        if (strcmp(name, "/control/rejectnonexist") != 0)
+            held_file_reset(path, strcmp(name, "/users/assign") == 0 ? ".\n" : "");
     }
 }
 
