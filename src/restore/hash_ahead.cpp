@@ -1,18 +1,23 @@
 /* hash_ahead - password hashes made on a second processor, ahead of use.
  *
- * Every entry has a state: free, claimed or done.  The thread walks the
- * entries in order and hashes each one it can claim; the caller, asking
- * for entry i, claims it itself when the thread has not got there yet and
- * hashes it on the spot (the thread then skips it), and otherwise waits
- * for the thread to mark it done (a futex on the entry's state, no lock).
- * The caller thus never waits for the thread to start or to catch up, only
- * for a hash already under way.  The thread only calls crypt_r() on memory
- * allocated before it starts: it takes no lock and allocates nothing, so
- * the processes the caller forks meanwhile cannot inherit a lock it holds.
+ * The thread walks the lists in order.  Each list has a state: free,
+ * being read by the thread, ready (read), or the caller's (the caller got
+ * there first: the thread passes it over, and so catches up with the pass
+ * at once instead of hashing what is no longer wanted).  Within a ready
+ * list every entry has a state too: free, claimed by the thread, claimed
+ * by the caller, or done.  The caller, asking for entry i, waits only for
+ * a hash already under way; one the thread has not started it claims and
+ * makes itself.  When the pass leaves a list, it claims what is left, waits
+ * for the thread to be out of the list and frees it.  States are atomic
+ * bytes waited on with futexes; there is no lock.
+ *
+ * The thread reads at most HASH_LEAD entries more than the pass has left
+ * behind, so a slow pass (a fresh rebuild, making every file) keeps only
+ * a window of lists in memory.  The thread allocates memory and talks to
+ * the server; the children the pass starts meanwhile only exec, and the
+ * ones that run the shell come after hash_ahead_stop().
  */
 #include "restore/hash_ahead.h"
-
-#include "db/connect.h"
 
 #include <atomic>
 #include <crypt.h>
@@ -20,111 +25,243 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* Room for any hash crypt_r() writes (its output buffer's size); a slot
- * left empty means no hash. */
-typedef char HashSlot[CRYPT_OUTPUT_SIZE];
+/* How many entries the thread may have read that the pass has not yet
+ * left behind. */
+static const size_t HASH_LEAD = 8192;
 
-enum { ENTRY_FREE, ENTRY_CLAIMED, ENTRY_DONE };
+enum { ENTRY_FREE, ENTRY_THREAD, ENTRY_CALLER, ENTRY_DONE };
+enum { LIST_FREE, LIST_READING, LIST_READY, LIST_CALLER };
 
-static const char *const *ahead_plain;
-static const char *ahead_salt;
-static size_t ahead_count;
-static HashSlot *ahead_slot;
-static unsigned char *ahead_state;
-static struct crypt_data *thread_data, *caller_data;
-static pthread_t ahead_thread;
-static int ahead_running;
-static std::atomic<int> ahead_quit;
+/* HashEntry - a row's plain password (null: none) and its hash; made is 1
+ * when the hash is there, 0 when crypt failed or its answer did not fit */
+struct HashEntry {
+    const char *plain;
+    unsigned char state, made;
+    char hash[64];
+};
 
-/* state - entry i's state, shared with the other thread */
-static std::atomic_ref<unsigned char> state(size_t i)
+/* HashList - one mailbox list as the thread read it */
+struct HashList {
+    size_t n;
+    HashEntry *entry;
+    char *texts;
+    unsigned char thread_out; /* 1 once the thread is done with it */
+};
+
+static MYSQL *thread_conn;
+static const char *const *list_query;
+static size_t list_count;
+static HashPlain list_plain;
+static const char *run_salt;
+static unsigned char *list_state;
+static HashList **list_read;
+static std::atomic<size_t> pending;
+static std::atomic<int> quit;
+static pthread_t thread;
+static int running;
+static struct crypt_data thread_data, caller_data;
+
+/* The list the pass is on. */
+static HashList *current;
+static size_t current_k;
+
+/* at - an atomic view of a state byte shared with the other thread */
+static std::atomic_ref<unsigned char> at(unsigned char &byte)
 {
-    return std::atomic_ref<unsigned char>(ahead_state[i]);
+    return std::atomic_ref<unsigned char>(byte);
 }
 
-/* hash_one - hash entry i into its slot (which stays empty without one)
- * with the given work area, and mark it done */
-static void hash_one(size_t i, struct crypt_data *data)
+/* move - change a state from one value to another; 1 when it was from */
+static int move(unsigned char &byte, unsigned char from, unsigned char to)
 {
-    if (ahead_plain[i] != nullptr) {
-        const char *hash = crypt_r(ahead_plain[i], ahead_salt, data);
-        if (hash != nullptr && strlen(hash) < sizeof(HashSlot))
-            memcpy(ahead_slot[i], hash, strlen(hash) + 1);
+    return at(byte).compare_exchange_strong(from, to, std::memory_order_acq_rel);
+}
+
+/* set - give a state its final value and wake whoever waits on it */
+static void set(unsigned char &byte, unsigned char value)
+{
+    at(byte).store(value, std::memory_order_release);
+    at(byte).notify_all();
+}
+
+/* wait_while - wait until a state is no longer busy; its value then */
+static unsigned char wait_while(unsigned char &byte, unsigned char busy)
+{
+    unsigned char now;
+
+    while ((now = at(byte).load(std::memory_order_acquire)) == busy)
+        at(byte).wait(now, std::memory_order_acquire);
+    return now;
+}
+
+/* free_list - free a list and give its room back to the thread */
+static void free_list(HashList *list)
+{
+    pending.fetch_sub(list->n);
+    pending.notify_all();
+    free(list->entry);
+    free(list->texts);
+    free(list);
+}
+
+/* read_list - ask query over the thread's connection and copy its rows'
+ * plain passwords; null when the server or the memory failed */
+static HashList *read_list(const char *query)
+{
+    if (mysql_real_query(thread_conn, query, strlen(query)) != 0)
+        return nullptr;
+    MYSQL_RES *res = mysql_store_result(thread_conn);
+    if (res == nullptr)
+        return nullptr;
+    size_t n = mysql_num_rows(res), bytes = 1;
+    while (MYSQL_ROW row = mysql_fetch_row(res))
+        if (const char *plain = list_plain(row))
+            bytes += strlen(plain) + 1;
+    HashList *list = static_cast<HashList *>(calloc(1, sizeof(HashList)));
+    if (list != nullptr) {
+        list->entry = static_cast<HashEntry *>(calloc(n ? n : 1, sizeof(HashEntry)));
+        list->texts = static_cast<char *>(malloc(bytes));
     }
-    state(i).store(ENTRY_DONE, std::memory_order_release);
-    state(i).notify_all();
+    if (list == nullptr || list->entry == nullptr || list->texts == nullptr) {
+        if (list != nullptr) {
+            free(list->entry);
+            free(list);
+        }
+        mysql_free_result(res);
+        return nullptr;
+    }
+    mysql_data_seek(res, 0);
+    char *text = list->texts;
+    for (size_t i = 0; MYSQL_ROW row = mysql_fetch_row(res); i++) {
+        const char *plain = list_plain(row);
+        if (plain == nullptr) {
+            list->entry[i].state = ENTRY_DONE;
+            continue;
+        }
+        list->entry[i].plain = static_cast<char *>(memcpy(text, plain, strlen(plain) + 1));
+        text += strlen(plain) + 1;
+    }
+    list->n = n;
+    mysql_free_result(res);
+    return list;
 }
 
-/* claim - 1 when entry i was free and now belongs to the claimant */
-static int claim(size_t i)
+/* hash_entry - the thread's hash of one entry it claimed */
+static void hash_entry(HashEntry *e)
 {
-    unsigned char free_state = ENTRY_FREE;
-    return state(i).compare_exchange_strong(free_state, ENTRY_CLAIMED, std::memory_order_acquire);
+    const char *hash = crypt_r(e->plain, run_salt, &thread_data);
+
+    if (hash != nullptr && strlen(hash) < sizeof(e->hash)) {
+        memcpy(e->hash, hash, strlen(hash) + 1);
+        e->made = 1;
+    }
+    set(e->state, ENTRY_DONE);
 }
 
-/* hash_all - the thread: every entry it can claim, in order, until told
- * to quit */
+/* hash_all - the thread: read each list the pass has not reached, hash
+ * the entries nobody has claimed, until the lists end, a list cannot be
+ * read, or it is told to quit */
 static void *hash_all(void *)
 {
-    for (size_t i = 0; i < ahead_count && !ahead_quit.load(std::memory_order_relaxed); i++)
-        if (ahead_plain[i] != nullptr && claim(i))
-            hash_one(i, thread_data);
+    mysql_thread_init();
+    for (size_t k = 0; k < list_count && !quit.load(); k++) {
+        size_t now;
+        while (!quit.load() && (now = pending.load()) >= HASH_LEAD)
+            pending.wait(now);
+        if (list_query[k] == nullptr || quit.load() || !move(list_state[k], LIST_FREE, LIST_READING))
+            continue;
+        HashList *list = read_list(list_query[k]);
+        if (list != nullptr)
+            pending.fetch_add(list->n);
+        list_read[k] = list;
+        set(list_state[k], list ? LIST_READY : LIST_CALLER);
+        if (list == nullptr)
+            break;
+        for (size_t i = 0; i < list->n && !quit.load(); i++)
+            if (move(list->entry[i].state, ENTRY_FREE, ENTRY_THREAD))
+                hash_entry(&list->entry[i]);
+        set(list->thread_out, 1);
+    }
+    mysql_thread_end();
     return nullptr;
 }
 
-/* work_area - a zeroed crypt_r() work area, made once */
-static struct crypt_data *work_area(struct crypt_data **area)
+void hash_ahead_start(MYSQL *conn, const char *const *queries, size_t n, HashPlain plain,
+                      const char *salt)
 {
-    if (*area == nullptr)
-        *area = static_cast<struct crypt_data *>(memset(xrealloc(nullptr, sizeof(**area)), 0, sizeof(**area)));
-    return *area;
+    thread_conn = conn;
+    list_query = queries;
+    list_count = n;
+    list_plain = plain;
+    run_salt = salt;
+    current = nullptr;
+    pending.store(0);
+    quit.store(0);
+    list_state = static_cast<unsigned char *>(calloc(n ? n : 1, 1));
+    list_read = static_cast<HashList **>(calloc(n ? n : 1, sizeof(HashList *)));
+    /* Without a connection, the memory or a thread the caller makes every
+     * hash itself. */
+    running = conn != nullptr && list_state != nullptr && list_read != nullptr
+              && pthread_create(&thread, nullptr, hash_all, nullptr) == 0;
 }
 
-void hash_ahead_start(const char *const *plain, size_t n, const char *salt)
+/* leave_current - the pass is done with its list: what the thread has not
+ * started is the caller's, and the list is freed once the thread is out */
+static void leave_current(void)
 {
-    size_t plain_count = 0;
-
-    ahead_plain = plain;
-    ahead_salt = salt;
-    ahead_count = n;
-    size_t slots = (n ? n : 1) * sizeof(HashSlot);
-    ahead_slot = static_cast<HashSlot *>(memset(xrealloc(nullptr, slots), 0, slots));
-    ahead_state = static_cast<unsigned char *>(memset(xrealloc(nullptr, n ? n : 1), ENTRY_FREE, n ? n : 1));
-    for (size_t i = 0; i < n; i++)
-        plain_count += plain[i] != nullptr;
-    work_area(&thread_data);
-    work_area(&caller_data);
-    ahead_quit.store(0);
-    /* A thread for a single password would only make the caller wait for
-     * it; without one every entry is hashed when it is asked for. */
-    ahead_running = plain_count > 1 && pthread_create(&ahead_thread, nullptr, hash_all, nullptr) == 0;
+    if (current == nullptr)
+        return;
+    for (size_t i = 0; i < current->n; i++)
+        move(current->entry[i].state, ENTRY_FREE, ENTRY_CALLER);
+    wait_while(current->thread_out, 0);
+    list_read[current_k] = nullptr;
+    set(list_state[current_k], LIST_CALLER);
+    free_list(current);
+    current = nullptr;
 }
 
-const char *hash_ahead_get(size_t i)
+void hash_ahead_domain(size_t k)
 {
-    if (i >= ahead_count)
-        return nullptr;
-    if (claim(i)) {
-        hash_one(i, caller_data);
-    } else {
-        unsigned char now;
-        while ((now = state(i).load(std::memory_order_acquire)) != ENTRY_DONE)
-            state(i).wait(now, std::memory_order_acquire);
+    leave_current();
+    if (!running || k >= list_count || move(list_state[k], LIST_FREE, LIST_CALLER))
+        return;
+    if (wait_while(list_state[k], LIST_READING) != LIST_READY)
+        return;
+    current = list_read[k];
+    current_k = k;
+}
+
+const char *hash_ahead_get(size_t i, const char *plain)
+{
+    if (current != nullptr && i < current->n) {
+        HashEntry *e = &current->entry[i];
+        if (e->plain != nullptr && strcmp(e->plain, plain) == 0
+            && !move(e->state, ENTRY_FREE, ENTRY_CALLER)
+            && wait_while(e->state, ENTRY_THREAD) == ENTRY_DONE && e->made)
+            return e->hash;
     }
-    return ahead_slot[i][0] != '\0' ? ahead_slot[i] : nullptr;
+    return crypt_r(plain, run_salt, &caller_data);
 }
 
 void hash_ahead_stop(void)
 {
-    if (ahead_running) {
-        ahead_quit.store(1);
-        pthread_join(ahead_thread, nullptr);
-        ahead_running = 0;
+    leave_current();
+    if (running) {
+        quit.store(1);
+        pending.store(0);
+        pending.notify_all();
+        pthread_join(thread, nullptr);
+        running = 0;
     }
-    free(ahead_slot);
-    ahead_slot = nullptr;
-    free(ahead_state);
-    ahead_state = nullptr;
-    ahead_plain = nullptr;
-    ahead_count = 0;
+    for (size_t k = 0; list_read != nullptr && k < list_count; k++)
+        if (list_read[k] != nullptr)
+            free_list(list_read[k]);
+    free(list_read);
+    free(list_state);
+    list_read = nullptr;
+    list_state = nullptr;
+    list_count = 0;
+    if (thread_conn != nullptr)
+        mysql_close(thread_conn);
+    thread_conn = nullptr;
 }

@@ -39,16 +39,18 @@
  * signalled once, after the files are written.  The system users the
  * files are given to are looked up once for the whole pass.
  *
- * The work a mailbox waits on is started ahead: when a
- * domain's mailbox list arrives, the mailboxes' own queries (group
- * members, aliases) are queued over a second connection and their plain
- * passwords handed to a hashing thread, so the server and the second
- * processor answer them while the mailboxes before them are written; the
- * questions the writers ask of every domain (its identifier, policy,
- * quota, aliases and mailbox list) follow them for the next domain.  Every question is still asked in its own words: the pipeline
- * hands it the queued answer of the very same query text, or asks the
- * server when there is none, so what was queued ahead can make the pass
- * faster but never changes what a question is answered.
+ * The work a mailbox waits on is started ahead: when a domain's mailbox
+ * list arrives, the mailboxes' own queries (group members, aliases) are
+ * queued over a second connection, so that the server answers them while
+ * the mailboxes before them are written; the questions the writers ask of
+ * every domain (its identifier, policy, quota, aliases and mailbox list)
+ * follow them for the next domain.  A hashing thread, on a third
+ * connection, reads the domains' mailbox lists from the start of the pass
+ * and hashes their plain passwords ahead of it.  Every question is still
+ * asked in its own words: the pipeline hands it the queued answer of the
+ * very same query text, or asks the server when there is none, and a hash
+ * made ahead is taken only for the very same password text, so what was
+ * done ahead can make the pass faster but never changes its answers.
  */
 #include "restore/rebuild.h"
 
@@ -91,6 +93,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 static const size_t QUERY_SIZE = 4096;
 
@@ -260,6 +263,16 @@ static const char *mailboxes_query(const char *id, char *buf)
     return buf;
 }
 
+/* domain_row_restored - 1 when restore_domain() will ask the questions of
+ * a domain row: its identifier is a number and its name passes the rule */
+static int domain_row_restored(MYSQL_RES *domains, MYSQL_ROW d)
+{
+    const char *id = d[0];
+
+    return id != nullptr && id[strspn(id, "0123456789")] == '\0'
+           && column_rule(domains, d, 1, check_domain_name) == nullptr;
+}
+
 /* prefetch_domain - queue the questions restore_domain() asks of every
  * domain row it does not skip, in its order, so that the server answers
  * them while the domain before is written */
@@ -268,8 +281,7 @@ static void prefetch_domain(MYSQL_RES *domains, MYSQL_ROW d)
     char query[QUERY_SIZE];
     const char *id = d[0];
 
-    if (id == nullptr || id[strspn(id, "0123456789")] != '\0'
-        || column_rule(domains, d, 1, check_domain_name) != nullptr)
+    if (!domain_row_restored(domains, d))
         return;
     char *ascii = idn_toascii(d[1]);
     if (ascii != nullptr)
@@ -292,30 +304,50 @@ static void prefetch_next_domain(MYSQL_RES *domains)
     mysql_row_seek(domains, here);
 }
 
-/* start_mailboxes - start the work restore_mailbox() will wait on for a
- * domain's mailbox list: queue the queries it will ask of each row, in its
- * order, and hand the plain passwords to the hashing thread; the list is
- * rewound for the walk that writes the mailboxes.  Returns the password
- * list, to be freed after hash_ahead_stop(). */
-static const char **start_mailboxes(MYSQL_RES *rows)
+/* row_plain - the plain password a mailbox row's postbox is hashed from
+ * (the empty text for a missing account), or null when the row has no
+ * postbox or stores a crypt hash */
+static const char *row_plain(MYSQL_ROW m)
+{
+    if (!db_flag_on(m[2]) || (m[3] != nullptr && strcmp(m[3], "crypt") == 0))
+        return nullptr;
+    return m[4] ? m[4] : "";
+}
+
+/* start_mailboxes - queue the queries restore_mailbox() will ask of each
+ * row of a domain's mailbox list, in its order; the list is rewound for
+ * the walk that writes the mailboxes */
+static void start_mailboxes(MYSQL_RES *rows)
 {
     char query[QUERY_SIZE];
-    size_t n = mysql_num_rows(rows), i = 0;
-    const char **plain = static_cast<const char **>(xrealloc(nullptr, (n ? n : 1) * sizeof(*plain)));
 
-    for (; MYSQL_ROW m = mysql_fetch_row(rows); i++) {
-        plain[i] = nullptr;
+    while (MYSQL_ROW m = mysql_fetch_row(rows)) {
         if (mailbox_rule(rows, m) != nullptr)
             continue;
-        if (db_flag_on(m[2]) && !(m[3] != nullptr && strcmp(m[3], "crypt") == 0))
-            plain[i] = m[4] ? m[4] : "";
         if (db_flag_on(m[7]))
             pipeline_prefetch(mailgroup_query(m[0], query));
         pipeline_prefetch(mail_aliases_query(m[0], query));
     }
     mysql_data_seek(rows, 0);
-    hash_ahead_start(plain, i, run_salt);
-    return plain;
+}
+
+/* start_hashing - hand the hashing thread a connection of its own and the
+ * mailbox list query of every domain row, in the pass's order, so that it
+ * hashes the plain passwords ahead of the pass for the whole run.  Without
+ * a connection (the server may allow no third one) the pass hashes them
+ * itself, as fast as ever, without a word. */
+static void start_hashing(MYSQL_RES *domains, std::vector<std::string> &queries,
+                          std::vector<const char *> &texts)
+{
+    char query[QUERY_SIZE], err[QUERY_SIZE];
+
+    while (MYSQL_ROW d = mysql_fetch_row(domains))
+        queries.push_back(domain_row_restored(domains, d) ? mailboxes_query(d[0], query) : "");
+    mysql_data_seek(domains, 0);
+    for (const std::string &q : queries)
+        texts.push_back(q.empty() ? nullptr : q.c_str());
+    hash_ahead_start(db_open_session(err, sizeof(err)), texts.data(), texts.size(), row_plain,
+                     run_salt);
 }
 
 /* empty_qmail_files - empty the held copies of the domain data, assign
@@ -471,13 +503,10 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
     counts.mailboxes++;
     seen_mailboxes.insert(mail_name);
     if (db_flag_on(m[2])) {
-        const char *hash;
-        if (m[3] != nullptr && strcmp(m[3], "crypt") == 0)
-            hash = m[4];
-        else
-            hash = hash_ahead_get(i);
-        if (check_run && hash != m[4])
-            hash = known_hash(ascii, mail_name, m[4] ? m[4] : "", hash);
+        const char *plain = row_plain(m);
+        const char *hash = plain != nullptr ? hash_ahead_get(i, plain) : m[4];
+        if (check_run && plain != nullptr)
+            hash = known_hash(ascii, mail_name, plain, hash);
         add_postbox(mail_name, domain, hash, disabled, full_names_required);
     }
     if (db_flag_on(m[5]) && m[6] != nullptr && m[6][0] != 0)
@@ -506,8 +535,10 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
         report(1, "Unable to write %s", qmail);
 }
 
-/* restore_domain - one domain row: domain, policy, quota, aliases, mailboxes */
-static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int full_names_required)
+/* restore_domain - domain row number k: domain, policy, quota, aliases,
+ * mailboxes */
+static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, size_t k,
+                           int full_names_required)
 {
     char query[QUERY_SIZE];
     const char *id = d[0];
@@ -548,12 +579,11 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, int ful
     mysql_free_result(res);
 
     res = run_query(conn, mailboxes_query(id, query), "Unable to query mailnames: %s");
-    const char **plain = start_mailboxes(res);
+    hash_ahead_domain(k);
+    start_mailboxes(res);
     prefetch_next_domain(domains);
     for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(res); i++)
         restore_mailbox(conn, res, m, i, name, ascii, disabled, full_names_required);
-    hash_ahead_stop();
-    free(plain);
     mysql_free_result(res);
     if (check_run) {
         snprintf(query, sizeof(query), "%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii);
@@ -596,9 +626,13 @@ void rebuild_mail_configuration(void)
     make_salt(run_salt + 3, 8);
     run_salt[11] = 0;
 
+    std::vector<std::string> queries;
+    std::vector<const char *> texts;
+    start_hashing(domains, queries, texts);
     prefetch_next_domain(domains);
-    while (MYSQL_ROW d = mysql_fetch_row(domains))
-        restore_domain(conn, domains, d, full_names_required);
+    for (size_t k = 0; MYSQL_ROW d = mysql_fetch_row(domains); k++)
+        restore_domain(conn, domains, d, k, full_names_required);
+    hash_ahead_stop();
     mysql_free_result(domains);
     pipeline_close();
     mysql_close(ahead);
