@@ -75,19 +75,25 @@ char *file_lock_path(const char *path)
     return build_lock_path(path, 1);
 }
 
-/* guard_descriptor_zero - descriptor 0 means "busy" in a handle, so a lock
- * file must never get it: when standard input is closed, /dev/null is
- * opened in its place for the rest of the process. */
-static void guard_descriptor_zero(void)
+/* off_descriptor_zero - descriptor 0 means "busy" in a handle, so a lock
+ * file must never keep it: one that got 0 (standard input was closed)
+ * moves to another descriptor, and /dev/null takes 0 for the rest of the
+ * process.  Checked after the open, so that the usual case costs nothing. */
+static int off_descriptor_zero(int fd)
 {
+    if (fd != 0)
+        return fd;
+    int moved = fcntl(0, F_DUPFD, 1);
     int saved = errno;
-
-    if (fcntl(0, F_GETFD) == -1 && errno == EBADF) {
-        int fd = open("/dev/null", O_RDONLY);
-        if (fd > 0)
-            close(fd);
+    int null_fd = open("/dev/null", O_RDONLY);
+    if (null_fd > 0) {
+        dup2(null_fd, 0);
+        close(null_fd);
+    } else {
+        close(0);
     }
     errno = saved;
+    return moved;
 }
 
 FileLock *file_lock_open(const char *path, int open_flags, int operation, short hashed)
@@ -105,8 +111,7 @@ FileLock *file_lock_open(const char *path, int open_flags, int operation, short 
         report(0, "Error: PRODUCT_ROOT_D not defined\n");
         return lock;
     }
-    guard_descriptor_zero();
-    lock->fd = open(lock->path, open_flags, LOCK_FILE_MODE);
+    lock->fd = off_descriptor_zero(open(lock->path, open_flags, LOCK_FILE_MODE));
     if (lock->fd < 0) {
         report(0, "Unable to open file \"%s\": %s.", lock->path, strerror(errno));
         return lock;

@@ -7,7 +7,9 @@
 #include "support/sandbox.h"
 #include "support/snapshot.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 TEST(FileLock, NamesAndLockFilesLeftInPlace)
 {
@@ -26,4 +28,16 @@ TEST(FileLock, NamesAndLockFilesLeftInPlace)
     EXPECT_EQ(file_meta(lock_file), "0644 0 0");
     EXPECT_EQ(read_file(lock_file), "");
     EXPECT_EQ(file_unlock(nullptr), -1);
+
+    /* Standard input closed: the lock file must not take descriptor 0,
+     * which a handle reads as "busy". */
+    int saved_stdin = dup(0);
+    close(0);
+    lock = file_lock(data, 1);
+    EXPECT_GT(lock->fd, 0);
+    EXPECT_TRUE(file_lock_held(lock));
+    EXPECT_EQ(fcntl(0, F_GETFD), 0) << "descriptor 0 is left open on /dev/null";
+    file_unlock(lock);
+    dup2(saved_stdin, 0);
+    close(saved_stdin);
 }
