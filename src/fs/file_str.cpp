@@ -353,6 +353,8 @@ int file_put(const char *path, const char *text, uid_t uid, gid_t gid, mode_t mo
     PathAt at;
     int rc = -1;
 
+    if (file_matches(path, text, strlen(text), uid, gid, mode))
+        return 0;
     *step = "lock";
     FileLock *lock = file_lock(path, 1);
     if (!file_lock_held(lock)) {

@@ -35,7 +35,7 @@ static const mode_t NEW_FILE_MODE = 0644;
 
 struct HeldFile {
     char *path;
-    FileLock *lock;
+    FileLock *lock; /* null: rebuilt, locked only to be replaced */
     LineStore *store;
     int loaded;   /* the copy has been read from disk (or reset) */
     int exists;   /* the file exists, as far as the edits know */
@@ -60,27 +60,48 @@ static HeldFile *find_held(const char *path)
     return nullptr;
 }
 
-int held_file_take(const char *path, int durable)
+/* take_lock - the named lock of path, or null after the message */
+static FileLock *take_lock(const char *path)
 {
-    FileLock *lock;
+    FileLock *lock = file_lock(path, 1);
 
+    if (file_lock_held(lock))
+        return lock;
+    report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
+    file_lock_dispose(lock);
+    return nullptr;
+}
+
+/* hold - add path to the held files, with its lock (null for a rebuilt
+ * file); 0, or 1 after the message */
+static int hold(const char *path, int durable, int rebuilt)
+{
     if (find_held(path))
         return 0;
     if (held_count == HELD_MAX) {
         report(0, "Unable to hold %s: too many files held\n", path);
         return 1;
     }
-    lock = file_lock(path, 1);
-    if (!file_lock_held(lock)) {
-        report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
-        file_lock_dispose(lock);
+    FileLock *lock = rebuilt ? nullptr : take_lock(path);
+    if (!rebuilt && lock == nullptr)
         return 1;
-    }
     if (held_count == 0)
         held_owner = getpid();
     held[held_count++] = HeldFile{strdup(path), lock, nullptr, 0, 0, durable,
                                   static_cast<uid_t>(-1), static_cast<gid_t>(-1), static_cast<mode_t>(-1)};
+    if (rebuilt)
+        held_file_reset(path, "");
     return 0;
+}
+
+int held_file_take(const char *path, int durable)
+{
+    return hold(path, durable, 0);
+}
+
+int held_file_take_rebuilt(const char *path)
+{
+    return hold(path, 0, 1);
 }
 
 int held_file_reset(const char *path, const char *text)
@@ -290,12 +311,44 @@ static int commit_one(HeldFile *h, PathAt *at, PathAt *tmp)
     return rc != 0;
 }
 
+/* unchanged - 1 when the disk already holds a rebuilt file's text with
+ * the owner, group and mode asked for */
+static int unchanged(HeldFile *h)
+{
+    TextBuf text = {};
+
+    if (h->uid == static_cast<uid_t>(-1) || h->gid == static_cast<gid_t>(-1)
+        || h->mode == static_cast<mode_t>(-1))
+        return 0;
+    if (line_store_text(h->store, &text) != 0)
+        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    int same = file_matches(h->path, text.data ? text.data : "", text.len, h->uid, h->gid, h->mode);
+    text_buf_free(&text);
+    return same;
+}
+
+/* locked_to_write - 1 when the file is to be compared and written under
+ * its lock (a rebuilt file that differs is locked now), 0 when a rebuilt
+ * file already matches, -1 when its lock cannot be taken */
+static int locked_to_write(HeldFile *h)
+{
+    if (h->lock != nullptr)
+        return 1;
+    if (unchanged(h))
+        return 0;
+    h->lock = take_lock(h->path);
+    return h->lock != nullptr ? 1 : -1;
+}
+
 /* write_one - the copy to disk, replacing the file only when it differs */
 static int write_one(HeldFile *h)
 {
     char tmp_path[PATH_BUF_SIZE];
     PathAt at, tmp;
 
+    int locked = locked_to_write(h);
+    if (locked <= 0)
+        return locked < 0;
     int rc = prepare_one(h, &at, &tmp, tmp_path);
     if (rc <= 0)
         return rc < 0;
@@ -315,7 +368,9 @@ int held_files_write(void)
      * they were. */
     for (int i = 0; i < held_count && !failed; i++)
         if (held[i].loaded && held[i].exists) {
-            int rc = prepare_one(&held[i], &at[i], &tmp[i], tmp_path[i]);
+            int rc = locked_to_write(&held[i]);
+            if (rc > 0)
+                rc = prepare_one(&held[i], &at[i], &tmp[i], tmp_path[i]);
             ready[i] = rc > 0;
             failed = rc < 0;
         }
@@ -339,7 +394,7 @@ static int drop(int i)
     HeldFile *h = &held[i];
     int result = 0;
 
-    if (file_unlock(h->lock) != 0) {
+    if (h->lock != nullptr && file_unlock(h->lock) != 0) {
         report(0, "Error occurred while unlocking the file %s: %s\n", h->path, strerror(errno));
         result = 1;
     }

@@ -17,6 +17,13 @@
  *
  * A copy is read from disk at its first edit.  Other programs that take the
  * same named locks wait until the release and lose nothing.
+ *
+ * held_file_take_rebuilt holds a file whose text is made from scratch
+ * (started empty, never read from the disk) and whose owner, group and mode
+ * are asked for: no edit depends on what the disk holds, so its lock is
+ * taken only at the release, and only when the file differs and must be
+ * replaced.  A rerun that finds such files as they should be takes no lock
+ * and writes nothing for them.
  */
 #ifndef REBOX_FS_HELD_FILE_H
 #define REBOX_FS_HELD_FILE_H
@@ -24,6 +31,7 @@
 #include <sys/types.h>
 
 int held_file_take(const char *path, int durable);
+int held_file_take_rebuilt(const char *path);
 int held_file_edit(const char *path, const char *const *lines, int operation, int mode);
 /* held_file_reset, held_file_owner - 0, or -1 when path is not held; an
  * owner, group or mode of -1 is left as it is */

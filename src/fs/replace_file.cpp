@@ -50,6 +50,17 @@ int file_matches_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t g
     return same;
 }
 
+int file_matches(const char *path, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode)
+{
+    PathAt at;
+
+    if (path_at(path, &at) != 0)
+        return 0;
+    int same = file_matches_at(&at, text, len, uid, gid, mode);
+    path_at_close(&at);
+    return same;
+}
+
 /* write_whole - all of text to fd; 0 or -1 */
 static int write_whole(int fd, const char *text, size_t len)
 {

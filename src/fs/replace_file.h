@@ -41,6 +41,11 @@ void replace_file_abort(PathAt *tmp);
  * exactly this content, owner, group and mode, else 0 */
 int file_matches_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode);
 
+/* file_matches - file_matches_at for a path.  Files are only ever replaced
+ * whole by a rename, so the answer needs no lock: a writer that finds its
+ * file already as it wants it has nothing to lock for. */
+int file_matches(const char *path, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode);
+
 unsigned long replace_count(void);
 
 #endif

@@ -54,25 +54,21 @@ static void unlock_quota(FileLock *lock, const char *path)
         report(0, "Error while unlocking file %s\n", path);
 }
 
-/* write_quota_at - the number into the quota file reached through at,
- * owned by popuser with mode 0640: replaced whole and only when it
- * differs, so no empty, cut or misowned file is ever seen; 1, or 0 after a
+/* write_quota_at - text into the quota file reached through at, owned by
+ * popuser (ids) with mode 0640: replaced whole and only when it differs,
+ * so no empty, cut or misowned file is ever seen; 1, or 0 after a
  * warning */
-static int write_quota_at(PathAt *at, long kilobytes)
+static int write_quota_at(PathAt *at, const char *text, const PopuserIds &ids)
 {
-    PopuserIds ids;
-    char text[32];
     const char *step;
 
     /* An unknown popuser (ids 0) would leave the file to root: that counts
      * as a failed chown, and no file is written. */
-    popuser_lookup(&ids);
     if (ids.uid == 0 || ids.gid == 0) {
         report(0, "Unable to chown quota file %s\n", at->path);
         unlinkat(at->dir, at->name, 0);
         return 0;
     }
-    snprintf(text, sizeof(text), "%ld\n", kilobytes);
     if (replace_file_at(at, text, strlen(text), ids.uid, ids.gid, 0640, 0, &step) >= 0)
         return 1;
     if (strcmp(step, "open") == 0)
@@ -95,8 +91,16 @@ int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes)
     char path[QMAIL_BUF_SIZE];
     PathAt at;
 
+    PopuserIds ids;
+    char text[32];
+
     if (quota_file_path(path, domain, mail_name) != 0)
         return 0;
+    popuser_lookup(&ids);
+    snprintf(text, sizeof(text), "%ld\n", kilobytes);
+    /* A file already as it should be is left alone, without its lock. */
+    if (ids.uid != 0 && ids.gid != 0 && file_matches(path, text, strlen(text), ids.uid, ids.gid, 0640))
+        return 1;
     FileLock *lock = file_lock(path, 1);
     if (!file_lock_held(lock)) {
         report(0, "Error while locking file %s.\n", path);
@@ -107,7 +111,7 @@ int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes)
     if (path_at(path, &at) != 0) {
         report(0, "Unable to open file %s: %s\n", path, strerror(errno));
     } else {
-        rc = write_quota_at(&at, kilobytes);
+        rc = write_quota_at(&at, text, ids);
         path_at_close(&at);
     }
     unlock_quota(lock, path);

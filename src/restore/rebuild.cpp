@@ -497,7 +497,7 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
         return;
     }
     snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
-    if (held_file_take(qmail, 0) != 0)
+    if (held_file_take_rebuilt(qmail) != 0)
         report(1, "Unable to lock %s for the rebuild", qmail);
     add_mailbox(mail_name, domain);
     counts.mailboxes++;
