@@ -35,7 +35,8 @@
  * to the disk and a rename.  A fatal error or a kill before that leaves the
  * previous files whole: the mail server never sees them empty or half
  * rebuilt.  A mailbox's delivery file is computed in memory the same way
- * and replaced at the mailbox's end only when it differs.  qmail-send is
+ * and, at the mailbox's end, compared with the disk and only when it
+ * differs locked and replaced.  qmail-send is
  * signalled once, after the files are written.  The system users the
  * files are given to are looked up once for the whole pass.
  *
