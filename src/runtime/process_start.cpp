@@ -21,7 +21,10 @@
  * - Descriptors 0, 1 and 2 are opened on /dev/null where they are closed.
  *   Otherwise the first files we open would take their numbers, and every
  *   message, which goes to standard error and output, would be written into
- *   them.
+ *   them.  Every descriptor above 2 is closed: our children would inherit
+ *   it, and one open on a lock file the caller had locked would hold that
+ *   named lock against us for the whole run, so that we waited on
+ *   ourselves for ever.
  * - Ignored signals go back to their default action and the signal mask is
  *   emptied.  execve() resets caught signals but keeps ignored and blocked
  *   ones: an ignored SIGCHLD would make waiting for children fail, an
@@ -61,8 +64,9 @@
 static const char NR_OPEN_FILE[] = "/proc/sys/fs/nr_open";
 static const rlim_t NR_OPEN_DEFAULT = 1024 * 1024;
 
-/* open_standard_fds - /dev/null on 0, 1 and 2 where they are closed; going
- * upward, the lowest free number open() gives is the one being filled */
+/* open_standard_fds - /dev/null on 0, 1 and 2 where they are closed (going
+ * upward, the lowest free number open() gives is the one being filled),
+ * every descriptor above them closed */
 static void open_standard_fds(void)
 {
     for (int fd = 0; fd <= 2; fd++) {
@@ -71,6 +75,11 @@ static void open_standard_fds(void)
         if (open("/dev/null", O_RDWR) == -1)
             report(1, "Unable to open /dev/null: %s", strerror(errno));
     }
+    /* Kernels before close_range() get the descriptors closed one by one,
+     * up to the open-file limit the caller gave us. */
+    if (close_range(3, ~0U, 0) != 0)
+        for (long fd = 3, max = sysconf(_SC_OPEN_MAX); fd < max; fd++)
+            close(static_cast<int>(fd));
 }
 
 /* default_signals - ignored signals back to their default, none blocked */

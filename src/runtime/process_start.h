@@ -1,7 +1,7 @@
 /* process_start - a process state of our own, whatever the caller left us.
  *
  * process_start_clean() replaces what any caller hands across exec (the
- * environment, the umask, closed standard descriptors, ignored or blocked
+ * environment, the umask, its descriptors, ignored or blocked
  * signals) and is harmless without privileges; process_start_root() takes
  * user and group id 0 with no supplementary groups and then lifts the
  * resource limits.  The reasons are in process_start.cpp.
