@@ -58,11 +58,19 @@ int truncate_file(const char *path)
 
 int make_dir(const char *path, uid_t uid, gid_t gid, mode_t mode)
 {
+    int made;
+
+    return make_dir_noting(path, uid, gid, mode, &made);
+}
+
+int make_dir_noting(const char *path, uid_t uid, gid_t gid, mode_t mode, int *made)
+{
     PathAt at;
     int fd = -1;
 
+    *made = 0;
     if (path_at(path, &at) == 0) {
-        fd = at_dir(&at, mode, nullptr);
+        fd = at_dir(&at, mode, made);
         int err = errno;
         path_at_close(&at);
         errno = err;

@@ -43,6 +43,7 @@ struct HeldFile {
     uid_t uid;    /* owner, group and mode it is to have; -1: as on disk */
     gid_t gid;
     mode_t mode;
+    int rebuilt;  /* a per-mailbox file, made from scratch */
 };
 
 static HeldFile held[HELD_MAX];
@@ -88,7 +89,7 @@ static int hold(const char *path, int durable, int rebuilt)
     if (held_count == 0)
         held_owner = getpid();
     held[held_count++] = HeldFile{strdup(path), lock, nullptr, 0, 0, durable,
-                                  static_cast<uid_t>(-1), static_cast<gid_t>(-1), static_cast<mode_t>(-1)};
+                                  static_cast<uid_t>(-1), static_cast<gid_t>(-1), static_cast<mode_t>(-1), rebuilt};
     if (rebuilt)
         held_file_reset(path, "");
     return 0;
@@ -222,9 +223,13 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
     return 0;
 }
 
-/* report_step - the message of a failed replacement of h's file */
+/* report_step - the message of a failed replacement of h's file.  A
+ * rebuilt file that a link or another kind of object keeps standing in the
+ * way of gets none: its caller skips it with a warning of its own. */
 static void report_step(const HeldFile *h, const char *step, int err)
 {
+    if (h->rebuilt && at_in_the_way(err))
+        return;
     if (strcmp(step, "rename") == 0)
         report(0, "Unable to rename file %s.tmp: %s\n", h->path, strerror(err));
     else if (strcmp(step, "open") == 0)
@@ -411,7 +416,17 @@ int held_file_release(const char *path)
     if (h == nullptr)
         return 0;
     int result = h->loaded && h->exists ? write_one(h) : 0;
-    return drop(static_cast<int>(h - held)) | result;
+    int err = errno;
+    result |= drop(static_cast<int>(h - held));
+    errno = err;
+    return result;
+}
+
+int held_file_drop(const char *path)
+{
+    HeldFile *h = find_held(path);
+
+    return h == nullptr ? 0 : drop(static_cast<int>(h - held));
 }
 
 int held_files_release(void)

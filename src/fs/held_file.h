@@ -39,6 +39,12 @@ int held_file_reset(const char *path, const char *text);
 int held_file_owner(const char *path, uid_t uid, gid_t gid, mode_t mode);
 int held_files_write(void);
 int held_files_release(void);
+/* held_file_release - write and unlock one held file; 0, or 1 with errno
+ * of the failure (a rebuilt file in the way of a foreign object, see
+ * at_in_the_way, fails without a message) */
 int held_file_release(const char *path);
+/* held_file_drop - forget one held file without writing it; 0, or 1 when
+ * its lock could not be released */
+int held_file_drop(const char *path);
 
 #endif

@@ -254,19 +254,43 @@ int at_temporary(const PathAt *at, PathAt *tmp, char *tmp_path)
     return 0;
 }
 
-/* replace_foreign - warn that a foreign object stands at the path and
- * remove it; 0, or -1 with errno when it cannot be removed */
+/* replace_foreign - move the foreign object at the last name aside, in one
+ * step, with one warning naming the path, and remove it there; 0, or -1
+ * with errno when it could not be moved.  A link that root owns is
+ * neither followed nor moved: root made it on purpose, and the caller
+ * skips the object it wanted there (ELOOP).  A removal that fails leaves
+ * the object aside, with a warning, and is no failure: what popuser
+ * planted can cost it a name, never the run. */
 static int replace_foreign(PathAt *at, const char *kind)
 {
+    char aside[32];
+    struct stat st;
+
     if (check_run) {
         check_note("foreign", at->path);
         errno = EEXIST;
         return -1;
     }
+    if (fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT ? 0 : -1;
+    if (S_ISLNK(st.st_mode) && st.st_uid == 0) {
+        errno = ELOOP;
+        return -1;
+    }
+    if (rename_aside_at(at->dir, at->name, aside) != 0)
+        return -1;
     errno = 0;
     report(0, "Replacing %s: a link or another kind of object stood where a %s belongs",
            at->path, kind);
-    return at_remove(at);
+    if (remove_tree_at(at->dir, aside, 1) != 0)
+        report(0, "Unable to remove what stood at %s, left beside it as %s: %s", at->path, aside,
+               strerror(errno));
+    return 0;
+}
+
+int at_in_the_way(int err)
+{
+    return err == ELOOP || err == ENOTDIR || err == EISDIR;
 }
 
 int at_clear_foreign(PathAt *at)
@@ -309,7 +333,11 @@ int at_open(PathAt *at, int flags, mode_t mode)
         } else if (errno != ELOOP && errno != EISDIR && errno != ENXIO && errno != ENODEV) {
             return -1;
         }
-        if (attempt > 0 || replace_foreign(at, "file") != 0)
+        if (attempt > 0) {
+            errno = ELOOP;
+            return -1;
+        }
+        if (replace_foreign(at, "file") != 0)
             return -1;
         if (!(flags & O_CREAT)) {
             errno = ENOENT;
@@ -335,10 +363,13 @@ int path_open(const char *path, int flags, mode_t mode)
 int at_dir(PathAt *at, mode_t mode, int *made)
 {
     int nofollow = at->guarded ? O_NOFOLLOW : 0;
+    int set_aside = 0;
 
     if (made)
         *made = 0;
-    for (int attempt = 0;; attempt++) {
+    /* One foreign object is set aside; one that keeps coming back (or a
+     * directory that keeps vanishing) is given up with ELOOP. */
+    for (int attempt = 0; attempt < 4; attempt++) {
         int fd = openat(at->dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | nofollow);
         if (fd >= 0)
             return fd;
@@ -350,35 +381,41 @@ int at_dir(PathAt *at, mode_t mode, int *made)
             return absent_dir();
         }
         if (errno == ENOENT) {
-            if (mkdirat(at->dir, at->name, mode) != 0 && errno != EEXIST)
+            if (mkdirat(at->dir, at->name, mode) == 0) {
+                if (made)
+                    *made = 1;
+            } else if (errno != EEXIST) {
                 return -1;
-            if (made)
-                *made = errno != EEXIST;
-        } else if (!at->guarded || (errno != ELOOP && errno != ENOTDIR) || attempt > 0
-                   || replace_foreign(at, "directory") != 0) {
+            }
+        } else if (!at->guarded || (errno != ELOOP && errno != ENOTDIR)) {
+            return -1;
+        } else if (set_aside++ > 0) {
+            errno = ELOOP;
+            return -1;
+        } else if (replace_foreign(at, "directory") != 0) {
             return -1;
         }
-        if (attempt > 1)
-            return -1;
     }
+    errno = ELOOP;
+    return -1;
+}
+
+int path_rmdir(const char *path)
+{
+    PathAt at;
+
+    if (path_at(path, &at) != 0)
+        return -1;
+    int rc = unlinkat(at.dir, at.name, AT_REMOVEDIR);
+    int err = errno;
+    path_at_close(&at);
+    errno = err;
+    return rc;
 }
 
 int at_stat(PathAt *at, struct stat *st)
 {
     return fstatat(at->dir, at->name, st, at->guarded ? AT_SYMLINK_NOFOLLOW : 0);
-}
-
-int at_remove(PathAt *at)
-{
-    struct stat st;
-
-    if (fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-        return errno == ENOENT ? 0 : -1;
-    if (S_ISDIR(st.st_mode))
-        remove_tree_at(at->dir, at->name, at->path);
-    else if (unlinkat(at->dir, at->name, 0) != 0 && errno != ENOENT)
-        return -1;
-    return 0;
 }
 
 int fd_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)

@@ -16,8 +16,11 @@
  * In the guarded part of the tree, where the rebuild expects a file or a
  * directory of its own and finds a link or another kind of object (a
  * directory for a file, a file for a directory, a device, a file with more
- * than one name), the object is removed, never followed, with one warning
- * naming the path, and the caller makes its own in its place.
+ * than one name), the object is never followed: it is moved aside in one
+ * step to a name of its own in the same directory, with one warning naming
+ * the path, removed from there, and the caller makes its own in its place.
+ * An object that is back once more, and a link that root owns, are given
+ * up (at_in_the_way): the caller skips what it wanted there.
  */
 #ifndef REBOX_FS_PATH_AT_H
 #define REBOX_FS_PATH_AT_H
@@ -59,7 +62,13 @@ int at_open(PathAt *at, int flags, mode_t mode);
 /* path_open - at_open for a path; the descriptor, or -1 with errno */
 int path_open(const char *path, int flags, mode_t mode);
 
-/* at_clear_foreign - guarded: remove (with the warning) a link or any other
+/* at_in_the_way - 1 when err is what an operation here gives up with when
+ * a link or another kind of object stands, or keeps coming back, where the
+ * caller wants its own file or directory (ELOOP, ENOTDIR, EISDIR): the
+ * caller skips that object instead of failing the run */
+int at_in_the_way(int err);
+
+/* at_clear_foreign - guarded: set aside (with the warning) a link or any other
  * object but a regular file of its own that stands at the last name; 0, or
  * -1 with errno when it cannot be removed */
 int at_clear_foreign(PathAt *at);
@@ -69,13 +78,12 @@ int at_clear_foreign(PathAt *at);
  * *made tells whether it was created (may be null) */
 int at_dir(PathAt *at, mode_t mode, int *made);
 
+/* path_rmdir - remove the empty directory at path, reached as path_at
+ * reaches it; 0, or -1 with errno (ENOTEMPTY for one that holds anything) */
+int path_rmdir(const char *path);
+
 /* at_stat - fstatat of the last name, links not followed when guarded */
 int at_stat(PathAt *at, struct stat *st);
-
-/* at_remove - remove the last name: a directory with everything in it,
- * anything else as it is (a link is removed, not followed); a missing one
- * counts as removed.  0, or -1 with errno */
-int at_remove(PathAt *at);
 
 /* at_absent - 1 when at lies below a directory a check run found missing */
 int at_absent(const PathAt *at);

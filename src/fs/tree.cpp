@@ -23,11 +23,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
+#include <vector>
+
 static const size_t PATH_BUF_SIZE = 4096;
 static const char DEFERRED_PREFIX[] = "__deleted";
 
-/* The four walks share one traversal; WalkOp says what is done per entry. */
-enum WalkKind { WALK_REMOVE, WALK_CHMOD, WALK_CHOWN, WALK_RENAME };
+/* The three walks share one traversal; WalkOp says what is done per entry.
+ * Removal has a traversal of its own (remove_tree_at). */
+enum WalkKind { WALK_CHMOD, WALK_CHOWN, WALK_RENAME };
 
 struct WalkOp {
     WalkKind kind;
@@ -60,11 +64,6 @@ static void top_entry(int dir, const char *name, const char *path, const struct 
                       const WalkOp &op)
 {
     switch (op.kind) {
-    case WALK_REMOVE:
-        if ((S_ISLNK(st.st_mode) || S_ISREG(st.st_mode)) && unlinkat(dir, name, 0) != 0
-            && errno != ENOENT)
-            report(1, "Unable to unlink entry %s: %s\n", path, strerror(errno));
-        break;
     case WALK_CHMOD:
         if (S_ISREG(st.st_mode) && chmod_entry(dir, name, op.file_mode) != 0)
             report(1, "Unable to chmod entry %s: %s\n", path, strerror(errno));
@@ -86,10 +85,6 @@ static void inner_entry(int dir, const char *name, const struct stat &st, const 
                         int top)
 {
     switch (op.kind) {
-    case WALK_REMOVE:
-        if (unlinkat(dir, name, 0) != 0 && errno != ENOENT)
-            report(1, "Unable to unlink directory entry %s: %s\n", name, strerror(errno));
-        break;
     case WALK_CHMOD:
         if (S_ISREG(st.st_mode) && chmod_entry(dir, name, op.file_mode) != 0)
             report(1, "Unable to chmod directory entry %s: %s\n", name, strerror(errno));
@@ -107,15 +102,11 @@ static void inner_entry(int dir, const char *name, const struct stat &st, const 
     }
 }
 
-/* finish_dir - the walked directory itself (open as fd, called name in
- * parent), once its entries are done */
-static void finish_dir(int parent, const char *name, int fd, const char *path, const WalkOp &op)
+/* finish_dir - the walked directory itself (open as fd), once its entries
+ * are done */
+static void finish_dir(int fd, const char *path, const WalkOp &op)
 {
     switch (op.kind) {
-    case WALK_REMOVE:
-        if (unlinkat(parent, name, AT_REMOVEDIR) != 0 && errno != ENOENT)
-            report(1, "Unable to remove dir %s: %s\n", path, strerror(errno));
-        break;
     case WALK_CHMOD:
         if (fchmod(fd, op.dir_mode) != 0)
             report(1, "Unable to chmod dir %s: %s\n", path, strerror(errno));
@@ -138,14 +129,11 @@ static void walk_at(int parent, const char *name, const char *path, int top, con
 {
     struct stat st;
 
-    /* Only remove_tree takes a missing path as done.  Any other failure
-     * (a parent that is not a directory, a name too long, no permission)
-     * ends every walk, with the system's reason. */
-    if (fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (errno == ENOENT && op.kind == WALK_REMOVE)
-            return;
+    /* Any failure (a missing path, a parent that is not a directory, a
+     * name too long, no permission) ends the walk, with the system's
+     * reason. */
+    if (fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
         report(1, "Unable to get entry %s: %s\n", path, strerror(errno));
-    }
     if (!S_ISDIR(st.st_mode)) {
         top_entry(parent, name, path, st, op);
         return;
@@ -179,7 +167,7 @@ static void walk_at(int parent, const char *name, const char *path, int top, con
     if (closedir(dir) != 0)
         report(1, "Unable to close dir %s: %s\n", path, strerror(errno));
     if (top == 1)
-        finish_dir(parent, name, fd, path, op);
+        finish_dir(fd, path, op);
     close(fd);
 }
 
@@ -189,27 +177,161 @@ static void walk(const char *path, int top, const WalkOp &op)
 {
     PathAt at;
 
-    if (path_at(path, &at) != 0) {
-        if (errno == ENOENT && op.kind == WALK_REMOVE)
-            return;
+    if (path_at(path, &at) != 0)
         report(1, "Unable to get entry %s: %s\n", path, strerror(errno));
-    }
     walk_at(at.dir, at.name, path, top, op);
     path_at_close(&at);
 }
 
-void remove_tree_at(int dir, const char *name, const char *path)
+/* Level - a directory the removal has descended into: its device and inode,
+ * to know it again when the removal climbs back through "..", and its name
+ * in the directory above */
+struct Level {
+    dev_t dev;
+    ino_t ino;
+    std::string name;
+};
+
+/* empty_files - unlink every entry of the open directory dir that is not a
+ * directory, and copy the name of one directory entry into sub (256
+ * bytes); 1 when there is such a directory, 0 when dir is now empty, -1
+ * with errno */
+static int empty_files(int dir, char *sub)
 {
-    WalkOp op = {};
-    op.kind = WALK_REMOVE;
-    walk_at(dir, name, path, 1, op);
+    int list_fd = dup(dir);
+    DIR *d = list_fd < 0 ? nullptr : fdopendir(list_fd);
+    int found = 0;
+
+    if (d == nullptr) {
+        if (list_fd >= 0)
+            close(list_fd);
+        return -1;
+    }
+    errno = 0;
+    while (struct dirent *ent = readdir(d)) {
+        const char *name = ent->d_name;
+        struct stat st;
+        if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
+            continue;
+        int is_dir = ent->d_type == DT_DIR;
+        if (ent->d_type == DT_UNKNOWN) {
+            if (fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+                continue;
+            is_dir = S_ISDIR(st.st_mode);
+        }
+        if (is_dir) {
+            if (!found)
+                snprintf(sub, 256, "%s", name);
+            found = 1;
+        } else if (unlinkat(dir, name, 0) != 0 && errno != ENOENT) {
+            found = -1;
+            break;
+        }
+        errno = 0;
+    }
+    int err = errno;
+    closedir(d);
+    errno = err;
+    return err != 0 ? -1 : found;
+}
+
+/* same_dir - 1 when the open directory fd is the one level describes */
+static int same_dir(int fd, const Level &level)
+{
+    struct stat st;
+
+    return fstat(fd, &st) == 0 && st.st_dev == level.dev && st.st_ino == level.ino;
+}
+
+int remove_tree_at(int parent, const char *name, int top)
+{
+    /* Bounded whatever a directory holds from others: a tree that keeps
+     * being refilled while it is removed is given up. */
+    static const int REFILLS_MAX = 1000;
+    struct stat st;
+    char sub[256];
+    int refills = 0;
+
+    if (fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT ? 0 : -1;
+    if (!S_ISDIR(st.st_mode))
+        return unlinkat(parent, name, 0) == 0 || errno == ENOENT ? 0 : -1;
+
+    /* The descent holds one directory open at a time and climbs back
+     * through "..", checked against the device and inode it came down
+     * through: a tree any number of levels deep costs a few descriptors
+     * and no stack, and a directory moved elsewhere meanwhile stops the
+     * removal instead of leading it out of the tree. */
+    int cur = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (cur < 0 || fstat(cur, &st) != 0)
+        goto failed;
+    {
+        std::vector<Level> levels;
+        levels.push_back(Level{st.st_dev, st.st_ino, name});
+        for (;;) {
+            int found = empty_files(cur, sub);
+            if (found < 0)
+                goto failed;
+            if (found > 0) {
+                int fd = openat(cur, sub, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+                if (fd < 0) {
+                    /* Gone, or no longer a directory: looked at again. */
+                    if (errno != ENOENT && errno != ELOOP && errno != ENOTDIR)
+                        goto failed;
+                    continue;
+                }
+                if (fstat(fd, &st) != 0) {
+                    close(fd);
+                    goto failed;
+                }
+                levels.push_back(Level{st.st_dev, st.st_ino, sub});
+                close(cur);
+                cur = fd;
+                continue;
+            }
+            if (levels.size() == 1)
+                break;
+            int up = openat(cur, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            if (up < 0 || !same_dir(up, levels[levels.size() - 2])) {
+                if (up >= 0)
+                    close(up);
+                errno = ESTALE;
+                goto failed;
+            }
+            close(cur);
+            cur = up;
+            std::string gone = levels.back().name;
+            levels.pop_back();
+            if (unlinkat(cur, gone.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT
+                && (errno != ENOTEMPTY || ++refills > REFILLS_MAX))
+                goto failed;
+        }
+    }
+    close(cur);
+    if (top && unlinkat(parent, name, AT_REMOVEDIR) != 0 && errno != ENOENT)
+        return -1;
+    return 0;
+
+failed:
+    int err = errno;
+    if (cur >= 0)
+        close(cur);
+    errno = err;
+    return -1;
 }
 
 void remove_tree(const char *path, int top)
 {
-    WalkOp op = {};
-    op.kind = WALK_REMOVE;
-    walk(path, top, op);
+    PathAt at;
+
+    if (path_at(path, &at) != 0) {
+        if (errno == ENOENT)
+            return;
+        report(1, "Unable to get entry %s: %s\n", path, strerror(errno));
+    }
+    if (remove_tree_at(at.dir, at.name, top) != 0)
+        report(1, "Unable to remove dir %s: %s\n", path, strerror(errno));
+    path_at_close(&at);
 }
 
 void chmod_tree(const char *path, mode_t file_mode, mode_t dir_mode, int top)
@@ -255,26 +377,55 @@ static void deferred_bases(const char *bases[3])
     bases[2] = nullptr;
 }
 
+/* random_letters - n letters and digits from the kernel's random source
+ * into buf; 0, or -1 */
+static int random_letters(char *buf, int n)
+{
+    static const char letters[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    unsigned char rnd[16];
+
+    if (n > static_cast<int>(sizeof(rnd)) || getrandom(rnd, n, 0) != n)
+        return -1;
+    for (int i = 0; i < n; i++)
+        buf[i] = letters[rnd[i] % (sizeof(letters) - 1)];
+    return 0;
+}
+
 /* fill_unique_name - replace the trailing six X of templ with letters and
  * digits so that no entry of that name exists yet; 0 on success, -1 */
 static int fill_unique_name(char *templ)
 {
-    static const char letters[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     size_t len = strlen(templ);
     struct stat st;
 
     if (len < 6 || strcmp(templ + len - 6, "XXXXXX") != 0)
         return -1;
     for (int attempt = 0; attempt < 100; attempt++) {
-        unsigned char rnd[6];
-        if (getrandom(rnd, sizeof(rnd), 0) != static_cast<ssize_t>(sizeof(rnd)))
+        if (random_letters(templ + len - 6, 6) != 0)
             return -1;
-        for (int i = 0; i < 6; i++)
-            templ[len - 6 + i] = letters[rnd[i] % (sizeof(letters) - 1)];
         if (lstat(templ, &st) != 0 && errno == ENOENT)
             return 0;
         memcpy(templ + len - 6, "XXXXXX", 6);
+    }
+    return -1;
+}
+
+int rename_aside_at(int dir, const char *name, char *aside)
+{
+    static const char PREFIX[] = ".rebox-aside-";
+
+    for (int attempt = 0; attempt < 100; attempt++) {
+        memcpy(aside, PREFIX, sizeof(PREFIX) - 1);
+        if (random_letters(aside + sizeof(PREFIX) - 1, 6) != 0)
+            return -1;
+        aside[sizeof(PREFIX) - 1 + 6] = '\0';
+        /* Never over an entry of that name: the one move is the whole
+         * step. */
+        if (renameat2(dir, name, dir, aside, RENAME_NOREPLACE) == 0)
+            return 0;
+        if (errno != EEXIST)
+            return -1;
     }
     return -1;
 }

@@ -2,6 +2,9 @@
  * files by name, and deferred removal of domain directories.
  *
  * The walks never follow symbolic links and end the process on any failure.
+ * Removal climbs back up through "..", so that a tree of any depth costs a
+ * few descriptors; rename_aside_at() sets an object aside in its own
+ * directory before it is removed.
  * deferred_remove() sets a directory aside under a "__deleted" name in its
  * base directory (HTTPD_VHOSTS_D or QMAIL_MAILNAMES_D) and
  * purge_deleted_entries() deletes everything set aside.  is_subdir(),
@@ -18,9 +21,17 @@
 /* remove_tree - delete path; with top 0 a directory is emptied but kept */
 void remove_tree(const char *path, int top);
 
-/* remove_tree_at - delete name in the open directory dir, and everything
- * below it; path names it in messages */
-void remove_tree_at(int dir, const char *name, const char *path);
+/* remove_tree_at - delete name in the open directory dir and everything
+ * below it (with top 0 a directory is emptied but kept), without following
+ * a link and with a few descriptors whatever the depth; 0, or -1 with
+ * errno.  A missing name counts as removed. */
+int remove_tree_at(int dir, const char *name, int top);
+
+/* rename_aside_at - move name in the open directory dir, in one step, to a
+ * new name of its own there (".rebox-aside-" and six random characters,
+ * written to aside, 32 bytes) that no mailbox or qmail file can have; 0, or
+ * -1 with errno */
+int rename_aside_at(int dir, const char *name, char *aside);
 
 /* chmod_tree - regular files get file_mode, directories dir_mode (the top
  * directory only with top 1); links and special files are left alone */

@@ -4,6 +4,7 @@
 
 #include "fs/file_str.h"
 #include "fs/file_util.h"
+#include "fs/path_at.h"
 #include "fs/tree.h"
 #include "mailconf/qmail_common.h"
 #include "proc/send_sig.h"
@@ -26,10 +27,32 @@ static void format_wildcard_record(char *buf, const char *id, const PopuserIds *
              panel_config.QMAIL_MAILNAMES_D, ascii);
 }
 
+/* undo_domain - take back what add_mail_domain added for the domain before
+ * a step failed: its wildcard record (record), its rcpthosts line (ascii,
+ * when added) and its directory when this run made it (still empty then).
+ * Nothing that was there before the run is removed: a failed step must
+ * never cost a domain its mailboxes. */
+static void undo_domain(const char *dir, int made, const char *record, const char *ascii)
+{
+    char path[QMAIL_BUF_SIZE];
+
+    if (record != nullptr) {
+        qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
+        file_str(path, record, FILE_STR_REMOVE, 1);
+    }
+    if (ascii != nullptr) {
+        qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);
+        file_str(path, ascii, FILE_STR_REMOVE, 1);
+    }
+    if (made)
+        path_rmdir(dir);
+}
+
 int add_mail_domain(const char *name, int disabled)
 {
     char dir[QMAIL_BUF_SIZE], record[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
-    char path[QMAIL_BUF_SIZE];
+    char path[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
+    int made;
 
     if (name == nullptr || *name == '\0')
         report(1, "empty domain");
@@ -38,10 +61,10 @@ int add_mail_domain(const char *name, int disabled)
         report(1, "Unable to define UID or GID for user popuser");
 
     snprintf(dir, sizeof(dir), "%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii);
-    if (make_dir(dir, add_popuser.uid, add_popuser.gid, 0700) != 0) {
+    if (make_dir_noting(dir, add_popuser.uid, add_popuser.gid, 0700, &made) != 0) {
         /* make_dir has reported the cause. */
         free(ascii);
-        remove_mail_domain(name);
+        undo_domain(dir, made, nullptr, nullptr);
         report_exit(255);
     }
 
@@ -59,20 +82,19 @@ int add_mail_domain(const char *name, int disabled)
     if (file_str(path, ascii, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove domain record from rcpthosts file");
     if (!disabled && file_str(path, ascii, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
-        free(ascii);
-        remove_mail_domain(name);
+        undo_domain(dir, made, record, nullptr);
         report(1, "Unable to add domain record to rcpthosts.");
     }
 
-    snprintf(record, sizeof(record), "%s:%s\n", ascii, id);
-    free(ascii);
+    snprintf(line, sizeof(line), "%s:%s\n", ascii, id);
     qmail_file_path(path, sizeof(path), QMAIL_VIRTUALDOMAINS_FILE);
-    if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
+    if (file_str(path, line, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove record from virtualdomains.");
-    if (!disabled && file_str(path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
-        remove_mail_domain(name);
+    if (!disabled && file_str(path, line, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        undo_domain(dir, made, record, ascii);
         report(1, "Unable to add record to virtualdomains.");
     }
+    free(ascii);
 
     /* Let the running mail system reread its control files. */
     kill_by_name("qmail-se", 1);

@@ -44,14 +44,25 @@ static void format_mailbox_record(char *buf, const char *id, const char *mail_na
              panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
 }
 
-/* undo_and_die - remove the half-made mailbox, then end the process with
- * the message; errno is kept for the message's system error text */
-[[noreturn]] static void undo_and_die(const char *mail_name, const char *domain,
-                                      const char *message)
+/* Made - the directories add_mailbox made itself, so that a failed step
+ * takes back those and nothing else: one entry a directory, in the order
+ * of making (the home first), each with the descriptor of its parent. */
+struct Made {
+    int parent[8];
+    const char *name[8];
+    int count;
+};
+
+/* undo_and_die - take back the empty directories this call made, newest
+ * first, then end the process with the message.  Anything that was there
+ * before, mail above all, stays.  errno is kept for the message's system
+ * error text. */
+[[noreturn]] static void undo_and_die(const Made *made, const char *message)
 {
     int saved = errno;
 
-    remove_mailbox(mail_name, domain);
+    for (int i = made->count - 1; i >= 0; i--)
+        unlinkat(made->parent[i], made->name[i], AT_REMOVEDIR);
     errno = saved;
     report(1, "%s", message);
     report_exit(1);
@@ -59,11 +70,17 @@ static void format_mailbox_record(char *buf, const char *id, const char *mail_na
 
 /* make_owned_dir - the directory at (made with mode 0700 when missing; an
  * existing one keeps its mode) given to popuser; its descriptor, or -1
- * with *what telling the failing step */
-static int make_owned_dir(PathAt *at, const char **what)
+ * with *what telling the failing step.  One it made is noted in made,
+ * through parent and under name, which outlive the call. */
+static int make_owned_dir(PathAt *at, int parent, const char *name, const char **what, Made *made)
 {
-    int fd = at_dir(at, 0700, nullptr);
+    int created = 0;
+    int fd = at_dir(at, 0700, &created);
 
+    if (created) {
+        made->parent[made->count] = parent;
+        made->name[made->count++] = name;
+    }
     if (fd < 0) {
         *what = "make";
         return -1;
@@ -78,6 +95,18 @@ static int make_owned_dir(PathAt *at, const char **what)
         return -1;
     }
     return fd;
+}
+
+/* skip_tree - the warning for a mailbox whose tree is left as it is: a
+ * link or another kind of object stands where its directory at path
+ * belongs; 1 */
+static int skip_tree(const char *path)
+{
+    errno = 0;
+    report(0, "Skipping the mail directories of %s: a link or another kind of object stands where "
+              "a directory belongs",
+           path);
+    return 1;
 }
 
 /* start_qmail - the home's delivery file started empty, owned by popuser
@@ -136,11 +165,8 @@ int add_mailbox(const char *mail_name, const char *domain)
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
     if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove record for %s from assign file", mail_name);
-    if (file_str(path, record, FILE_STR_ADD, FILE_STR_AT_BEGIN) != 0) {
-        snprintf(message, sizeof(message), "Unable to add record for %s to assign file",
-                 mail_name);
-        undo_and_die(mail_name, domain, message);
-    }
+    if (file_str(path, record, FILE_STR_ADD, FILE_STR_AT_BEGIN) != 0)
+        report(1, "Unable to add record for %s to assign file", mail_name);
     set_shared_mode(path, 0600);
 
     /* The home and everything in it are made through directory
@@ -149,29 +175,38 @@ int add_mailbox(const char *mail_name, const char *domain)
     snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii,
              mail_name);
     free(ascii);
-    int home_fd = -1;
+    Made made = {};
+    int home_fd = -1, domain_fd = -1;
     what = "make";
     if (path_at(home, &at) == 0) {
-        home_fd = make_owned_dir(&at, &what);
+        /* The domain directory, for taking back a home made here. */
+        domain_fd = dup(at.dir);
+        home_fd = make_owned_dir(&at, domain_fd, mail_name, &what, &made);
         int err = errno;
         path_at_close(&at);
         errno = err;
     }
     if (home_fd < 0) {
+        if (at_in_the_way(errno)) {
+            close(domain_fd);
+            return skip_tree(home);
+        }
         snprintf(message, sizeof(message), "Unable to %s %s dir: %s", what, home,
                  strerror(errno));
-        undo_and_die(mail_name, domain, message);
+        undo_and_die(&made, message);
     }
 
     start_qmail(home_fd, home);
 
     size_t n = sizeof(mailbox_subdirs) / sizeof(mailbox_subdirs[0]);
+    int rc = 0;
+    for (size_t i = 0; i < n; i++)
+        fds[i] = -1;
     for (size_t i = 0; i < n; i++) {
         int parent = mailbox_subdirs[i].parent;
         const char *name = mailbox_subdirs[i].name;
         char sub[QMAIL_BUF_SIZE * 2];
         struct stat st;
-        fds[i] = -1;
         snprintf(sub, sizeof(sub), "%s/%s%s%s", home, parent < 0 ? "" : mailbox_subdirs[parent].name,
                  parent < 0 ? "" : "/", name);
         at_child(&at, parent < 0 ? home_fd : fds[parent], name, sub);
@@ -180,18 +215,22 @@ int add_mailbox(const char *mail_name, const char *domain)
         if (mailbox_subdirs[i].leaf && fstatat(at.dir, name, &st, AT_SYMLINK_NOFOLLOW) == 0
             && S_ISDIR(st.st_mode) && st.st_uid == add_popuser.uid && st.st_gid == add_popuser.gid)
             continue;
-        fds[i] = make_owned_dir(&at, &what);
-        if (fds[i] < 0) {
-            snprintf(message, sizeof(message), "Unable to %s %s dir: %s", what, sub,
-                     strerror(errno));
-            undo_and_die(mail_name, domain, message);
+        fds[i] = make_owned_dir(&at, at.dir, name, &what, &made);
+        if (fds[i] >= 0)
+            continue;
+        if (at_in_the_way(errno)) {
+            rc = skip_tree(sub);
+            break;
         }
+        snprintf(message, sizeof(message), "Unable to %s %s dir: %s", what, sub, strerror(errno));
+        undo_and_die(&made, message);
     }
     for (size_t i = 0; i < n; i++)
         if (fds[i] >= 0)
             close(fds[i]);
+    close(domain_fd);
     close(home_fd);
-    return 0;
+    return rc;
 }
 
 int remove_mailbox(const char *mail_name, const char *domain)

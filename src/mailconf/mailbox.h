@@ -4,10 +4,20 @@
  * Maildir tree and attachments directory, its exact-match record in
  * users/assign and a fresh .qmail holding "| true"; remove_mailbox() takes
  * the record, the POP3 password line and the whole home away again.
+ *
+ * add_mailbox() never costs a mailbox its mail.  A step that fails takes
+ * back only the directories this call made itself (empty ones), never a
+ * home, Maildir or file that was there before, and then ends the process
+ * with the step's message.  Where a link or another kind of object keeps
+ * standing in the way of one of its directories (popuser racing the
+ * rebuild), or root linked one, the mailbox's tree is left as it is with
+ * one warning and add_mailbox() answers 1: its records are written, its
+ * files on disk are not.
  */
 #ifndef REBOX_MAILCONF_MAILBOX_H
 #define REBOX_MAILCONF_MAILBOX_H
 
+/* add_mailbox - 0, or 1 when the mailbox's tree was skipped (warned) */
 int add_mailbox(const char *mail_name, const char *domain);
 int remove_mailbox(const char *mail_name, const char *domain);
 

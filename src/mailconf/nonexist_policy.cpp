@@ -6,6 +6,7 @@
 #include "db/pipeline.h"
 #include "fs/file_str.h"
 #include "fs/file_util.h"
+#include "fs/path_at.h"
 #include "mailconf/idn.h"
 #include "mailconf/qmail_common.h"
 #include "mailconf/value_check.h"
@@ -232,6 +233,14 @@ int add_bounce(const char *domain, const char *line)
     std::string text = std::string(line) + "\n";
     const char *step;
     if (file_put(path, text.c_str(), bounce_popuser.uid, bounce_popuser.gid, 0600, &step) < 0) {
+        /* Popuser's own directory: a link or another kind of object that
+         * keeps standing where the file belongs (or root's link there)
+         * leaves the file as it is, with a warning, and the run goes on. */
+        if (at_in_the_way(errno)) {
+            errno = 0;
+            report(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
+            return 0;
+        }
         if (strcmp(step, "chown") == 0)
             report(1, "add_bounce: chown %s failed: %s", path, strerror(errno));
         if (strcmp(step, "chmod") == 0)

@@ -500,7 +500,9 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
     snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
     if (held_file_take_rebuilt(qmail) != 0)
         report(1, "Unable to lock %s for the rebuild", qmail);
-    add_mailbox(mail_name, domain);
+    /* A mailbox whose directories are in the way of a foreign object keeps
+     * its records but none of its files on disk changes. */
+    int tree_skipped = add_mailbox(mail_name, domain) != 0;
     counts.mailboxes++;
     seen_mailboxes.insert(mail_name);
     if (db_flag_on(m[2])) {
@@ -521,7 +523,8 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
     }
     if (db_flag_on(m[8]))
         add_autoresponder(mail_name, domain);
-    apply_quota(domain, mail_name, m[9]);
+    if (!tree_skipped)
+        apply_quota(domain, mail_name, m[9]);
     MYSQL_RES *res = run_query(conn, mail_aliases_query(m[0], query),
                                "Unable to query alias for mail: %s");
     while (MYSQL_ROW r = mysql_fetch_row(res)) {
@@ -531,9 +534,18 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
             counts.aliases++;
     }
     mysql_free_result(res);
-    /* A delivery file that cannot be written ends the run. */
-    if (held_file_release(qmail) != 0)
-        report(1, "Unable to write %s", qmail);
+    /* A delivery file that cannot be written ends the run; one that a
+     * link or another kind of object keeps standing in the way of (popuser
+     * racing the rebuild, or root's link) is left as it is, with a
+     * warning. */
+    if (tree_skipped) {
+        held_file_drop(qmail);
+    } else if (held_file_release(qmail) != 0) {
+        if (!at_in_the_way(errno))
+            report(1, "Unable to write %s", qmail);
+        errno = 0;
+        report(0, "Skipping %s: a link or another kind of object stands where a file belongs", qmail);
+    }
 }
 
 /* restore_domain - domain row number k: domain, policy, quota, aliases,
