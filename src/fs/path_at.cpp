@@ -279,6 +279,17 @@ static int replace_foreign(PathAt *at, const char *kind)
     }
     if (rename_aside_at(at->dir, at->name, aside) != 0)
         return -1;
+    /* What was moved must be what was judged: an object swapped in between
+     * the look and the move (popuser putting a home back) goes back to its
+     * name, or stays aside when the name is taken again, and is never
+     * removed. */
+    struct stat moved;
+    if (fstatat(at->dir, aside, &moved, AT_SYMLINK_NOFOLLOW) != 0 || moved.st_dev != st.st_dev
+        || moved.st_ino != st.st_ino) {
+        renameat2(at->dir, aside, at->dir, at->name, RENAME_NOREPLACE);
+        errno = ELOOP;
+        return -1;
+    }
     errno = 0;
     report(0, "Replacing %s: a link or another kind of object stood where a %s belongs",
            at->path, kind);
@@ -290,7 +301,11 @@ static int replace_foreign(PathAt *at, const char *kind)
 
 int at_in_the_way(int err)
 {
-    return err == ELOOP || err == ENOTDIR || err == EISDIR;
+    /* ENOENT: the rebuild makes every directory of the tree before it
+     * works in it, so a directory or file it just made and then does not
+     * find (or finds deleted under its descriptor) was taken away
+     * meanwhile. */
+    return err == ELOOP || err == ENOTDIR || err == EISDIR || err == ENOENT;
 }
 
 int at_clear_foreign(PathAt *at)

@@ -64,8 +64,9 @@ int path_open(const char *path, int flags, mode_t mode);
 
 /* at_in_the_way - 1 when err is what an operation here gives up with when
  * a link or another kind of object stands, or keeps coming back, where the
- * caller wants its own file or directory (ELOOP, ENOTDIR, EISDIR): the
- * caller skips that object instead of failing the run */
+ * caller wants its own file or directory, or when a directory it made
+ * was taken away meanwhile (ELOOP, ENOTDIR, EISDIR, ENOENT): the caller
+ * skips that object instead of failing the run */
 int at_in_the_way(int err);
 
 /* at_clear_foreign - guarded: set aside (with the warning) a link or any other

@@ -8,6 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include <grp.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <regex>
 #include <string>
 #include <vector>
@@ -215,4 +220,57 @@ TEST_F(HostilePanel, PlantedLinks)
                 "rmdir disk && rm qmail/mailnames/example.com/alpha/Maildir/new/1");
     EXPECT_TRUE(has(moved.tree, "example.com 0777 0 0 link ")) << moved.tree;
     EXPECT_EQ(run_fresh(false).tree, base.tree);
+}
+
+/* race - as popuser, swap each of paths for a link to target and back, as
+ * fast as it can, until killed */
+[[noreturn]] void race(const std::vector<std::string> &paths, const std::string &target)
+{
+    if (setgroups(0, nullptr) != 0 || setgid(atoi(getenv("REBOX_POPUSER_GID"))) != 0
+        || setuid(atoi(getenv("REBOX_POPUSER_UID"))) != 0)
+        _exit(1);
+    for (;;)
+        for (const std::string &p : paths) {
+            std::string kept = p + ".kept";
+            if (rename(p.c_str(), kept.c_str()) == 0 && symlink(target.c_str(), p.c_str()) == 0) {
+                unlink(p.c_str());
+                rename(kept.c_str(), p.c_str());
+            }
+        }
+}
+
+/* popuser swapping its own homes, Maildirs, attachments and delivery files
+ * for links to a directory outside while rebuilds run: every run succeeds
+ * with the panel's shared files, nothing outside changes, no mail is
+ * lost (it may stay under the racer's own names). */
+TEST_F(HostilePanel, PopuserRacingTheRunsLosesNothing)
+{
+    std::string names = sandbox_path("qmail/mailnames/example.com/"), outside = sandbox_path("victim");
+    run_command("mkdir -p " + outside + " && echo v > " + outside + "/f");
+    std::string victim = tree_snapshot(outside);
+    std::vector<std::string> paths;
+    for (const char *box : {"alpha", "bravo", "charlie"}) {
+        std::string home = names + box;
+        write_file(home + "/Maildir/new/" + box + ".mail", "stored\n");
+        for (const char *p : {"", "/Maildir", "/@attachments", "/.qmail", "/Maildir/cur"})
+            paths.push_back(home + p);
+    }
+    run_command("chown -R \"$REBOX_POPUSER_UID:$REBOX_POPUSER_GID\" " + names);
+    std::string shared = run_command("cd \"$REBOX_SANDBOX/qmail\" && cat control/* users/assign").out;
+
+    pid_t racer = fork();
+    if (racer == 0)
+        race(paths, outside);
+    for (int run = 0; run < 8; run++) {
+        SCOPED_TRACE(run);
+        CommandResult r = run_rebox("--with-spam");
+        EXPECT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(run_command("cd \"$REBOX_SANDBOX/qmail\" && cat control/* users/assign").out, shared);
+    }
+    kill(racer, SIGKILL);
+    waitpid(racer, nullptr, 0);
+    EXPECT_EQ(tree_snapshot(outside), victim);
+    for (const char *box : {"alpha", "bravo", "charlie"})
+        EXPECT_EQ(run_command("find " + names + " -name " + box + ".mail -type f | wc -l").out, "1\n")
+            << box << run_command("find " + names + " -ls").out;
 }
