@@ -18,7 +18,8 @@ int create_file(const char *path);
 int truncate_file(const char *path);
 int make_dir(const char *path, uid_t uid, gid_t gid, mode_t mode);
 /* make_dir_noting - make_dir, and *made set to 1 when this call created
- * the directory (also when a later step failed), else 0 */
+ * the directory (also when a later step failed), else 0; a trusted link
+ * that cannot be opened fails with ENOLINK and no message */
 int make_dir_noting(const char *path, uid_t uid, gid_t gid, mode_t mode, int *made);
 int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode);
 int rename_dir(const char *source, const char *target);

@@ -26,6 +26,9 @@ static struct {
     int domain_fd;
 } open_dirs = {"", -1, "", -1};
 
+/* Why the last trusted link could not be opened. */
+static int link_error;
+
 /* tree_rest - the part of path below QMAIL_MAILNAMES_D, or null when the
  * path does not lie inside the mail tree */
 static const char *tree_rest(const char *path)
@@ -137,6 +140,67 @@ static int mail_names_dir(void)
     return open_dirs.base;
 }
 
+/* root_held - 1 when the open directory fd is root's and no one else may
+ * rename or replace what is in it: not writable by group or others, or
+ * sticky (where only root may move root's entries) */
+static int root_held(int fd)
+{
+    struct stat st;
+
+    return fstat(fd, &st) == 0 && st.st_uid == 0
+           && ((st.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (st.st_mode & S_ISVTX) != 0);
+}
+
+/* open_trusted_link - the directory that root's link name in dir points
+ * to, reached from its absolute text one component at a time, following
+ * no link and passing only through directories that root holds, so that
+ * no other user can swap a component for a link or a directory of its own;
+ * -1 with ENOLINK (the reason kept for trusted_link_error: EINVAL for a
+ * text that is not absolute or holds "..", EPERM for a directory on the
+ * way that another user may change) when it cannot be */
+static int open_trusted_link(int dir, const char *name)
+{
+    char target[PATH_BUF_SIZE];
+    int fd = -1;
+
+    ssize_t n = readlinkat(dir, name, target, sizeof(target) - 1);
+    if (n < 0 || n == 0 || target[0] != '/') {
+        link_error = n < 0 ? errno : EINVAL;
+        errno = ENOLINK;
+        return -1;
+    }
+    target[n] = '\0';
+    fd = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    link_error = errno;
+    for (char *rest = target; fd >= 0;) {
+        rest += strspn(rest, "/");
+        if (*rest == '\0')
+            return fd;
+        size_t len = strcspn(rest, "/");
+        char *next = rest + len;
+        if (*next != '\0')
+            *next++ = '\0';
+        if (strcmp(rest, "..") == 0 || !root_held(fd)) {
+            link_error = strcmp(rest, "..") == 0 ? EINVAL : EPERM;
+            close(fd);
+            fd = -1;
+            break;
+        }
+        int sub = openat(fd, rest, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+        link_error = errno;
+        close(fd);
+        fd = sub;
+        rest = next;
+    }
+    errno = ENOLINK;
+    return -1;
+}
+
+int trusted_link_error(void)
+{
+    return link_error;
+}
+
 /* domain_dir - the kept descriptor of the domain directory name in base,
  * or -1.  A link there is followed only when root owns it. */
 static int domain_dir(int base, const char *name)
@@ -148,7 +212,7 @@ static int domain_dir(int base, const char *name)
     open_dirs.domain[0] = '\0';
     int fd = openat(base, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0 && (errno == ENOTDIR || errno == ELOOP) && root_link(base, name))
-        fd = openat(base, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        fd = open_trusted_link(base, name);
     open_dirs.domain_fd = fd;
     if (fd >= 0)
         snprintf(open_dirs.domain, sizeof(open_dirs.domain), "%s", name);
@@ -162,7 +226,13 @@ int path_at(const char *path, PathAt *at)
     at->dir = -1;
     at->path = path;
     at->guarded = 0;
+    at->trusted_link = 0;
     at->owned = 1;
+    /* Relative paths are refused: the working directory is no anchor. */
+    if (path[0] != '/') {
+        errno = EINVAL;
+        return -1;
+    }
     if (rest == nullptr)
         return plain_at(path, at);
 
@@ -202,7 +272,8 @@ int path_at(const char *path, PathAt *at)
             at->owned = !kept(dir);
             /* A link that root made directly in the mail names directory
              * is followed; popuser cannot make or change one there. */
-            at->guarded = !(depth == 1 && root_link(dir, at->name));
+            at->trusted_link = depth == 1 && root_link(dir, at->name);
+            at->guarded = !at->trusted_link;
             return 0;
         }
         int sub = depth == 1 ? domain_dir(dir, at->name)
@@ -236,6 +307,7 @@ void at_child(PathAt *at, int dir_fd, const char *name, const char *path)
     at->dir = dir_fd;
     at->path = path;
     at->guarded = 1;
+    at->trusted_link = 0;
     at->owned = 0;
     set_name(at, name, strlen(name));
 }
@@ -305,7 +377,7 @@ int at_in_the_way(int err)
      * works in it, so a directory or file it just made and then does not
      * find (or finds deleted under its descriptor) was taken away
      * meanwhile. */
-    return err == ELOOP || err == ENOTDIR || err == EISDIR || err == ENOENT;
+    return err == ELOOP || err == ENOTDIR || err == EISDIR || err == ENOENT || err == ENOLINK;
 }
 
 int at_clear_foreign(PathAt *at)
@@ -385,8 +457,9 @@ int at_dir(PathAt *at, mode_t mode, int *made)
     /* One foreign object is set aside; one that keeps coming back (or a
      * directory that keeps vanishing) is given up with ELOOP. */
     for (int attempt = 0; attempt < 4; attempt++) {
-        int fd = openat(at->dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | nofollow);
-        if (fd >= 0)
+        int fd = at->trusted_link ? open_trusted_link(at->dir, at->name)
+                                  : openat(at->dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | nofollow);
+        if (fd >= 0 || at->trusted_link)
             return fd;
         /* A check run reports what a restore would make or replace, and
          * goes on inside a stand-in. */

@@ -9,7 +9,14 @@
  * planted link nor a directory swapped between two steps can send it
  * elsewhere.  Two links are trusted because only root can have made them:
  * QMAIL_MAILNAMES_D itself, and a link directly inside it that root owns
- * (a large domain moved to another disk).  Paths outside the mail tree (the
+ * (a large domain moved to another disk).  Such a domain link is resolved
+ * without popuser's help: its text must be an absolute path, walked one
+ * component at a time with no link followed and through directories only
+ * root may change, so that no component popuser could swap for a link or
+ * a directory of its own leads the rebuild outside.  One that cannot be
+ * opened so (a relative text, a link or another user's directory on the
+ * way, a disk not mounted) fails with ENOLINK, and trusted_link_error()
+ * tells why.  Paths outside the mail tree (the
  * root-owned qmail files, users.conf, the lock files) are opened as they
  * are, links and all: an administrator may link those on purpose.
  *
@@ -33,6 +40,7 @@ struct PathAt {
     int dir;          /* the directory holding the last name */
     char name[256];   /* the last name (a copy: the struct may be copied) */
     int guarded;      /* 1: links are not followed, foreign objects replaced */
+    int trusted_link; /* the last name is root's link in the mail names directory */
     int owned;        /* dir is closed by path_at_close */
     const char *path; /* the whole path, for messages */
 };
@@ -44,6 +52,10 @@ void path_at_close(PathAt *at);
 /* path_at_forget - drop the directories path_at keeps open between calls
  * (after a domain directory was renamed) */
 void path_at_forget(void);
+
+/* trusted_link_error - why the last trusted link that failed with ENOLINK
+ * could not be opened: an errno value, EINVAL for a relative text */
+int trusted_link_error(void);
 
 /* at_child - a guarded PathAt for name inside the open directory dir_fd,
  * which stays the caller's; path names it in messages */
@@ -64,9 +76,11 @@ int path_open(const char *path, int flags, mode_t mode);
 
 /* at_in_the_way - 1 when err is what an operation here gives up with when
  * a link or another kind of object stands, or keeps coming back, where the
- * caller wants its own file or directory, or when a directory it made
- * was taken away meanwhile (ELOOP, ENOTDIR, EISDIR, ENOENT): the caller
- * skips that object instead of failing the run */
+ * caller wants its own file or directory, when a directory it made was
+ * taken away meanwhile (ELOOP, ENOTDIR, EISDIR, ENOENT), or when its domain
+ * directory is a trusted link that cannot be opened (ENOLINK, warned about
+ * once by the domain's writer): the caller skips that object instead of
+ * failing the run */
 int at_in_the_way(int err);
 
 /* at_clear_foreign - guarded: set aside (with the warning) a link or any other

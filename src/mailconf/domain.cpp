@@ -11,8 +11,10 @@
 #include "runtime/config.h"
 #include "runtime/report.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 
 /* The popuser ids of add_mail_domain, looked up once per process. */
@@ -61,11 +63,26 @@ int add_mail_domain(const char *name, int disabled)
         report(1, "Unable to define UID or GID for user popuser");
 
     snprintf(dir, sizeof(dir), "%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii);
+    int skipped = 0;
     if (make_dir_noting(dir, add_popuser.uid, add_popuser.gid, 0700, &made) != 0) {
-        /* make_dir has reported the cause. */
-        free(ascii);
-        undo_domain(dir, made, nullptr, nullptr);
-        report_exit(255);
+        /* A domain that root moved to another disk and linked, whose link
+         * cannot be followed safely now (the disk not mounted, a link on
+         * the way): its records are written, its directory and link are
+         * left as they are. */
+        if (errno == ENOLINK) {
+            int why = trusted_link_error();
+            errno = 0;
+            report(0, "Skipping the mail directory of %s: the link %s cannot be followed: %s", name, dir,
+                   why == EINVAL   ? "its target is not an absolute path without \"..\""
+                   : why == EPERM ? "another user may change a directory on its way"
+                                  : strerror(why));
+            skipped = 1;
+        } else {
+            /* make_dir has reported the cause. */
+            free(ascii);
+            undo_domain(dir, made, nullptr, nullptr);
+            report_exit(255);
+        }
     }
 
     domain_id_required(name, id, sizeof(id));
@@ -98,7 +115,7 @@ int add_mail_domain(const char *name, int disabled)
 
     /* Let the running mail system reread its control files. */
     kill_by_name("qmail-se", 1);
-    return 0;
+    return skipped;
 }
 
 int add_enabled_mail_domain(const char *name)

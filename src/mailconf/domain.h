@@ -5,10 +5,17 @@
  * lines in control/rcpthosts and control/virtualdomains;
  * remove_mail_domain() takes all of that away again, with the records and
  * homes of the domain's mailboxes.
+ *
+ * A failed step of add_mail_domain() takes back only what it added itself
+ * (its records, a directory it made), never a directory that was there.
+ * A domain directory that is root's link to a target that cannot be
+ * opened safely is left as it is with one warning: the records are
+ * written and add_mail_domain() answers 1.
  */
 #ifndef REBOX_MAILCONF_DOMAIN_H
 #define REBOX_MAILCONF_DOMAIN_H
 
+/* add_mail_domain - 0, or 1 when the domain's directory was skipped */
 int add_mail_domain(const char *name, int disabled);
 int add_enabled_mail_domain(const char *name);
 int remove_mail_domain(const char *name);

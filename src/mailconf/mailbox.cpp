@@ -99,9 +99,12 @@ static int make_owned_dir(PathAt *at, int parent, const char *name, const char *
 
 /* skip_tree - the warning for a mailbox whose tree is left as it is: a
  * link or another kind of object stands where its directory at path
- * belongs; 1 */
+ * belongs (none when its domain's directory was skipped, which the domain
+ * writer has told); 1 */
 static int skip_tree(const char *path)
 {
+    if (errno == ENOLINK)
+        return 1;
     errno = 0;
     report(0, "Skipping the mail directories of %s: a link or another kind of object stands where "
               "a directory belongs",
@@ -188,7 +191,10 @@ int add_mailbox(const char *mail_name, const char *domain)
     }
     if (home_fd < 0) {
         if (at_in_the_way(errno)) {
-            close(domain_fd);
+            int err = errno;
+            if (domain_fd >= 0)
+                close(domain_fd);
+            errno = err;
             return skip_tree(home);
         }
         snprintf(message, sizeof(message), "Unable to %s %s dir: %s", what, home,

@@ -235,8 +235,11 @@ int add_bounce(const char *domain, const char *line)
     if (file_put(path, text.c_str(), bounce_popuser.uid, bounce_popuser.gid, 0600, &step) < 0) {
         /* Popuser's own directory: a link or another kind of object that
          * keeps standing where the file belongs (or root's link there)
-         * leaves the file as it is, with a warning, and the run goes on. */
+         * leaves the file as it is, with a warning, and the run goes on;
+         * so does a domain directory skipped by the domain writer. */
         if (at_in_the_way(errno)) {
+            if (errno == ENOLINK)
+                return 0;
             errno = 0;
             report(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
             return 0;

@@ -562,14 +562,18 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, size_t 
         skip_row(nullptr, nullptr, nullptr, name, why);
         return;
     }
-    add_mail_domain(name, disabled);
+    /* A domain whose directory is root's link that cannot be followed
+     * keeps its records; its files on disk stay as they are. */
+    int dir_skipped = add_mail_domain(name, disabled) != 0;
     counts.domains++;
     /* The name converts: check_domain_name has just converted it. */
     char *ascii = idn_toascii(name);
     const char *policy_refused = restore_nonexist_policy_checked(name, id, conn);
     if (policy_refused != nullptr)
         skip_row("unknown-recipient policy", nullptr, nullptr, name, policy_refused);
-    apply_quota(name, nullptr, get_dom_Limit(id, "mbox_quota", conn));
+    const char *limit = get_dom_Limit(id, "mbox_quota", conn);
+    if (!dir_skipped)
+        apply_quota(name, nullptr, limit);
 
     MYSQL_RES *res = run_query(conn, domain_aliases_query(id, query), "Unable to query domain aliases: %s");
     /* Whether the aliases reject unknown recipients: the domain's policy,

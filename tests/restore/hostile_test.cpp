@@ -274,3 +274,54 @@ TEST_F(HostilePanel, PopuserRacingTheRunsLosesNothing)
         EXPECT_EQ(run_command("find " + names + " -name " + box + ".mail -type f | wc -l").out, "1\n")
             << box << run_command("find " + names + " -ls").out;
 }
+
+/* Links root made in the mail tree: one in the mail names directory is
+ * followed only through directories root holds, and one that cannot be is
+ * left with its domain's directory, with one warning; one deeper is never
+ * followed nor removed.  The records are written all the same, and
+ * nothing outside the tree changes, popuser racing or not. */
+TEST_F(HostilePanel, RootLinksAreFollowedOnlySafelyAndNeverRemoved)
+{
+    std::string names = sandbox_path("qmail/mailnames/"), victim = sandbox_path("victim");
+    std::string shared = run_command("cd \"$REBOX_SANDBOX/qmail\" && cat control/* users/assign").out;
+    struct {
+        const char *what;
+        std::string setup, link, target, warning;
+        bool race;
+    } rows[] = {
+        {"target below popuser's directory",
+         "mkdir example.com/moved && chown $REBOX_POPUSER_UID example.com/moved && rm -r disabled.example",
+         "disabled.example", names + "example.com/moved",
+         "Skipping the mail directory of disabled.example: the link " + names +
+             "disabled.example cannot be followed: another user may change a directory on its way",
+         true},
+        {"dangling", "rm -r disabled.example", "disabled.example", sandbox_path("nodisk/disabled.example"),
+         "cannot be followed: No such file or directory", false},
+        {"mailbox home", "mkdir -p ../../disk && mv example.com/alpha ../../disk/", "example.com/alpha",
+         sandbox_path("disk/alpha"), "Skipping the mail directories of " + names + "example.com/alpha: ", false},
+    };
+    for (auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        ASSERT_EQ(run_fresh().run.status, 0);
+        run_command("rm -rf " + victim + " && mkdir -p " + victim + " && echo v > " + victim + "/f");
+        ASSERT_EQ(run_command("cd " + names + " && " + row.setup + " && ln -s " + row.target + " " + row.link).status, 0);
+        std::string outside = tree_snapshot(victim) + tree_snapshot(sandbox_path("disk"));
+        pid_t racer = row.race ? fork() : -1;
+        if (racer == 0)
+            race({row.target}, victim);
+        for (int run = 0; run < (row.race ? 4 : 1); run++) {
+            CommandResult r = run_rebox("--with-spam");
+            EXPECT_EQ(r.status, 0) << r.err;
+            EXPECT_TRUE(has(r.err, row.warning)) << r.err;
+            EXPECT_EQ(r.err.find("Skipping"), r.err.rfind("Skipping")) << r.err;
+            EXPECT_EQ(run_command("cd \"$REBOX_SANDBOX/qmail\" && cat control/* users/assign").out, shared);
+        }
+        if (racer > 0) {
+            kill(racer, SIGKILL);
+            waitpid(racer, nullptr, 0);
+        }
+        EXPECT_EQ(run_command("readlink " + names + row.link).out, row.target + "\n");
+        EXPECT_EQ(tree_snapshot(victim) + tree_snapshot(sandbox_path("disk")), outside);
+        run_command("rm -rf " + names + row.link + " " + sandbox_path("disk"));
+    }
+}
