@@ -19,6 +19,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -72,6 +73,21 @@ static FileLock *take_lock(const char *path)
     return nullptr;
 }
 
+/* drop_leftover - remove the "<name>.tmp" a run cut short left beside
+ * path, unread: the file is held now, and only a whole replacement renamed
+ * over it counts.  A check run leaves it. */
+static void drop_leftover(const char *path)
+{
+    char tmp_path[PATH_BUF_SIZE];
+    PathAt at, tmp;
+
+    if (check_run || path_at(path, &at) != 0)
+        return;
+    if (at_temporary(&at, &tmp, tmp_path) == 0)
+        replace_file_abort(&tmp);
+    path_at_close(&at);
+}
+
 /* hold - add path to the held files, with its lock (null for a rebuilt
  * file); 0, or 1 after the message */
 static int hold(const char *path, int durable, int rebuilt)
@@ -85,6 +101,8 @@ static int hold(const char *path, int durable, int rebuilt)
     FileLock *lock = rebuilt ? nullptr : take_lock(path);
     if (!rebuilt && lock == nullptr)
         return 1;
+    if (!rebuilt)
+        drop_leftover(path);
     if (held_count == 0)
         held_owner = getpid();
     held[held_count++] = HeldFile{strdup(path), lock, nullptr, 0, 0, durable,
@@ -374,6 +392,12 @@ int held_files_write(void)
             ready[i] = rc > 0;
             failed = rc < 0;
         }
+    /* The renames are one set: from the first to the directory flush after
+     * the last, every signal that can be blocked waits, so that a stop
+     * asked for then comes after the whole set (a kill still cannot). */
+    sigset_t all, previous;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &previous);
     int result = failed;
     for (int i = 0; i < held_count; i++) {
         if (!ready[i])
@@ -385,6 +409,7 @@ int held_files_write(void)
             result |= commit_one(&held[i], &at[i], &tmp[i]);
         }
     }
+    sigprocmask(SIG_SETMASK, &previous, nullptr);
     return result;
 }
 
