@@ -11,7 +11,9 @@
  * QMAIL_MAILNAMES_D itself, and a link directly inside it that root owns
  * (a large domain moved to another disk).  Paths outside the mail tree (the
  * root-owned qmail files, users.conf, the lock files) are opened as they
- * are, links and all: an administrator may link those on purpose.
+ * are, links and all: an administrator may link those on purpose.  A link
+ * at such a path's last name is followed to its end first, so the file is
+ * replaced beside its target and the link stays.
  *
  * In the guarded part of the tree, where the rebuild expects a file or a
  * directory of its own and finds a link or another kind of object (a
