@@ -272,6 +272,22 @@ static void diff_shared(const HeldFile *h, PathAt *at, const TextBuf *copy)
     text_buf_free(&disk);
 }
 
+/* fixed_in_place - 1, errno set, when no rename can replace the file at: it
+ * is a mount point (EBUSY), immutable or append-only (EPERM).  Found while
+ * the copies are prepared, it fails the set before the first rename, so the
+ * shared files stay one set of the old texts. */
+static int fixed_in_place(const PathAt *at)
+{
+    const unsigned long long fixed = STATX_ATTR_MOUNT_ROOT | STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND;
+    struct statx sx;
+
+    if (statx(at->dir, at->name, at->guarded ? AT_SYMLINK_NOFOLLOW : 0, STATX_BASIC_STATS, &sx) != 0
+        || (sx.stx_attributes & sx.stx_attributes_mask & fixed) == 0)
+        return 0;
+    errno = sx.stx_attributes & STATX_ATTR_MOUNT_ROOT ? EBUSY : EPERM;
+    return 1;
+}
+
 /* prepare_one - the copy written beside the file when the file's content,
  * owner or mode differ: 1 with at and tmp open and ready to commit, 0 when
  * the file already matches (at closed), -1 after the message.  The file
@@ -305,6 +321,13 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
                                                          : NEW_FILE_MODE;
         rc = replace_file_prepare(at, text.data ? text.data : "", text.len, uid, gid, mode, h->durable,
                                   &step, tmp, tmp_path);
+        if (rc > 0 && fixed_in_place(at)) {
+            int err = errno;
+            replace_file_abort(tmp);
+            step = "rename";
+            errno = err;
+            rc = -1;
+        }
         if (rc <= 0) {
             int err = errno;
             path_at_close(at);
