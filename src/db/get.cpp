@@ -9,6 +9,11 @@
  * nothing and fails the call as it fails on a refused query.  Only
  * get_dom_id without the quiet flag ends the process instead, since its
  * callers rely on getting an id whenever it returns.
+ *
+ * A refused query is reported as a warning and fails the call, or, while
+ * get_refusals_fatal is on, ends the process with the same message: a
+ * caller that cannot tell a refusal from an absent value then never sees
+ * one.
  */
 #include "db/get.h"
 
@@ -28,6 +33,14 @@ static const size_t GET_ERR_SIZE = 4097;
 static const char CONNECT_MSG[] = "Unable to connect to the mysql database\n";
 
 static char query_value_buf[GET_BUF_SIZE];
+
+/* The exit status of a refusal's report: 0 warns, 1 ends the process. */
+static int refusal_status;
+
+void get_refusals_fatal(int on)
+{
+    refusal_status = on ? 1 : 0;
+}
 
 /* open_own - a session for a member handed no connection; a failure is
  * reported as the connect reason followed by connect_msg */
@@ -91,9 +104,9 @@ static const char *ask_text(const char *query, char *buf, MYSQL *conn, unsigned 
         return nullptr;
     if (run_first_value(query, buf, c, column) < 0) {
         if (fail_name != nullptr)
-            report(0, fail_format, fail_name, mysql_error(c));
+            report(refusal_status, fail_format, fail_name, mysql_error(c));
         else
-            report(0, fail_format, mysql_error(c));
+            report(refusal_status, fail_format, mysql_error(c));
         close_own(c, conn);
         return nullptr;
     }
@@ -123,7 +136,7 @@ int get_dom_status(const char *dom_id, unsigned *status, MYSQL *conn)
     }
     snprintf(query, sizeof(query), "select status from domains where id=\"%s\"", dom_id);
     if (mysql_real_query(conn, query, strlen(query)) != 0) {
-        report(0, fail, dom_id, mysql_error(conn));
+        report(refusal_status, fail, dom_id, mysql_error(conn));
         return -1;
     }
     res = mysql_store_result(conn);
@@ -329,7 +342,7 @@ static int has_rows(MYSQL *conn, const char *query, const char *fail_format)
 
     if (mysql_real_query(conn, query, strlen(query)) != 0 ||
         (res = mysql_store_result(conn)) == nullptr) {
-        report(0, fail_format, mysql_error(conn));
+        report(refusal_status, fail_format, mysql_error(conn));
         return -1;
     }
     found = mysql_fetch_row(res) != nullptr;

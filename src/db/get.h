@@ -9,7 +9,8 @@
  *
  * Text answers point into a 4096-byte static buffer of the member (at most
  * 4095 bytes of the value), valid until the member's next call: null means
- * failure, "" no row or a NULL value.  get_param_simple, get_misc_param and
+ * failure, "" no row or a NULL value (get_client_email: null also when
+ * neither the client nor the panel has an e-mail).  get_param_simple, get_misc_param and
  * get_dom_htype answer in the buffer of get_query_value.
  *
  * A member's query whose result was prefetched (db/pipeline) is answered
@@ -34,6 +35,10 @@ const char *get_dom_id(const char *name, MYSQL *conn);
  * handed no connection use conn instead of one of their own and answer a
  * repeated name from memory; null ends the sharing */
 void get_dom_id_share(MYSQL *conn);
+/* get_refusals_fatal - while on, a query the server refuses ends the
+ * process with the member's message instead of failing the call, so that
+ * null (or a false flag) never stands for a refusal */
+void get_refusals_fatal(int on);
 const char *get_exist_case_dom_name(const char *name);
 int get_frontpage(const char *name, int ssl, MYSQL *conn);
 int get_anon_ftp(const char *dom_id, MYSQL *conn);

@@ -57,33 +57,6 @@ static void users_conf_path(char *buf, size_t size)
     snprintf(buf, size, "%s/%s", panel_config.DRWEB_ETC_D, "/users.conf");
 }
 
-int reset_users_conf(void)
-{
-    char path[AV_BUF_SIZE];
-    char tmpl[AV_BUF_SIZE];
-    struct stat st;
-    FILE *f;
-
-    users_conf_path(path, sizeof path);
-    /* A template name cut by the buffer would name another file: then there
-     * is no usable template. */
-    if (snprintf(tmpl, sizeof tmpl, "%s.in", path) < static_cast<int>(sizeof tmpl)
-        && stat(tmpl, &st) == 0 && copy_file_locked(tmpl, path) == 0)
-        return 0;
-
-    f = fopen(path, "w");
-    if (f == nullptr) {
-        report(0, "Unable to open %s file for writing: %s\n", path, strerror(errno));
-        return -1;
-    }
-    fputs("[version=2]\n", f);
-    if (fclose(f) != 0) {
-        report(0, "An error occured during writing the file %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    return 0;
-}
-
 /* give_to_root - owner root and mode 0644 for users.conf (when it is held,
  * at its write) */
 static void give_to_root(const char *path)
@@ -183,24 +156,23 @@ static int av_row_usable(MYSQL_RES *res, MYSQL_ROW row)
     return 0;
 }
 
-/* av_run_query - one row source: a record per usable row; 0, or -1 after
- * the failure was reported */
-static int av_run_query(MYSQL *conn, const char *query, const char *failure)
+/* av_run_query - one row source: a record per usable row.  A refused
+ * query ends the process, users.conf still as it was: written with part of
+ * its records, the file would lift the checking of every address left
+ * out. */
+static void av_run_query(MYSQL *conn, const char *query, const char *failure)
 {
     MYSQL_RES *res;
     MYSQL_ROW row;
 
     if (mysql_real_query(conn, query, strlen(query)) != 0
-        || (res = mysql_store_result(conn)) == nullptr) {
-        report(0, failure, mysql_error(conn));
-        return -1;
-    }
+        || (res = mysql_store_result(conn)) == nullptr)
+        report(1, failure, mysql_error(conn));
     while ((row = mysql_fetch_row(res)) != nullptr) {
         if (av_row_usable(res, row))
             add_antivirus_record(row[2], row[1], row[0]);
     }
     mysql_free_result(res);
-    return 0;
 }
 
 /* reset_held - start the held file from its head: the template's text when
@@ -233,25 +205,19 @@ void restore_antivirus_settings(MYSQL *conn)
 
     /* The file is held in memory under its lock, from its head through
      * every record, and replaced once, only when it differs, before
-     * virusctl reads it.  A record is added by removing its old forms and
-     * appending it, once per mailbox and alias.  It is root's with mode
-     * 0644 whatever it was before, also when no mailbox has checking on. */
+     * virusctl reads it: a run that ends before (a refused query) leaves
+     * it as it was, which a file rebuilt on the disk could not.  A record
+     * is added by removing its old forms and appending it, once per
+     * mailbox and alias.  It is root's with mode 0644 whatever it was
+     * before, also when no mailbox has checking on. */
     users_conf_path(path, sizeof path);
-    int held = held_file_take(path, 1) == 0;
-    if (held)
-        reset_held(path);
-    else
-        reset_users_conf();
+    if (held_file_take(path, 1) != 0)
+        report(1, "Unable to lock %s for the rebuild", path);
+    reset_held(path);
     give_to_root(path);
-    int failed = 0;
-    for (const auto &q : av_queries) {
-        if (av_run_query(conn, q.query, q.failure) != 0) {
-            failed = 1;
-            break;
-        }
-    }
-    if (held)
-        held_file_release(path);
-    if (!failed && !check_run)
+    for (const auto &q : av_queries)
+        av_run_query(conn, q.query, q.failure);
+    held_file_release(path);
+    if (!check_run)
         admin_util_exec("virusctl", "-r", nullptr);
 }

@@ -3,8 +3,8 @@
  * restore_antivirus_settings() rebuilds users.conf from the panel database
  * (one record per address whose mailbox has checking on, under the domain
  * and under its aliases) and has virusctl reload it.  The other functions
- * are its steps: reset the file to its head, replace the record of one
- * address, remove every record form of one address.
+ * are its steps: replace the record of one address, remove every record
+ * form of one address.
  */
 #ifndef REBOX_FILTERS_ANTIVIRUS_H
 #define REBOX_FILTERS_ANTIVIRUS_H
@@ -12,7 +12,6 @@
 #include <mysql.h>
 
 void restore_antivirus_settings(MYSQL *conn);
-int reset_users_conf(void);
 int add_antivirus_record(const char *domain, const char *local_part, const char *virusfilter);
 int remove_antivirus_records(const char *domain, const char *local_part);
 

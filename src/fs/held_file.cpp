@@ -19,6 +19,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -73,6 +74,21 @@ static FileLock *take_lock(const char *path)
     return nullptr;
 }
 
+/* drop_leftover - remove the "<name>.tmp" a run cut short left beside
+ * path, unread: the file is held now, and only a whole replacement renamed
+ * over it counts.  A check run leaves it. */
+static void drop_leftover(const char *path)
+{
+    char tmp_path[PATH_BUF_SIZE];
+    PathAt at, tmp;
+
+    if (check_run || path_at(path, &at) != 0)
+        return;
+    if (at_temporary(&at, &tmp, tmp_path) == 0)
+        replace_file_abort(&tmp);
+    path_at_close(&at);
+}
+
 /* hold - add path to the held files, with its lock (null for a rebuilt
  * file); 0, or 1 after the message */
 static int hold(const char *path, int durable, int rebuilt)
@@ -86,6 +102,8 @@ static int hold(const char *path, int durable, int rebuilt)
     FileLock *lock = rebuilt ? nullptr : take_lock(path);
     if (!rebuilt && lock == nullptr)
         return 1;
+    if (!rebuilt)
+        drop_leftover(path);
     if (held_count == 0)
         held_owner = getpid();
     held[held_count++] = HeldFile{strdup(path), lock, nullptr, 0, 0, durable,
@@ -259,6 +277,22 @@ static void diff_shared(const HeldFile *h, PathAt *at, const TextBuf *copy)
     text_buf_free(&disk);
 }
 
+/* fixed_in_place - 1, errno set, when no rename can replace the file at: it
+ * is a mount point (EBUSY), immutable or append-only (EPERM).  Found while
+ * the copies are prepared, it fails the set before the first rename, so the
+ * shared files stay one set of the old texts. */
+static int fixed_in_place(const PathAt *at)
+{
+    const unsigned long long fixed = STATX_ATTR_MOUNT_ROOT | STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND;
+    struct statx sx;
+
+    if (statx(at->dir, at->name, at->guarded ? AT_SYMLINK_NOFOLLOW : 0, STATX_BASIC_STATS, &sx) != 0
+        || (sx.stx_attributes & sx.stx_attributes_mask & fixed) == 0)
+        return 0;
+    errno = sx.stx_attributes & STATX_ATTR_MOUNT_ROOT ? EBUSY : EPERM;
+    return 1;
+}
+
 /* prepare_one - the copy written beside the file when the file's content,
  * owner or mode differ: 1 with at and tmp open and ready to commit, 0 when
  * the file already matches (at closed), -1 after the message.  The file
@@ -292,6 +326,13 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
                                                          : NEW_FILE_MODE;
         rc = replace_file_prepare(at, text.data ? text.data : "", text.len, uid, gid, mode, h->durable,
                                   &step, tmp, tmp_path);
+        if (rc > 0 && fixed_in_place(at)) {
+            int err = errno;
+            replace_file_abort(tmp);
+            step = "rename";
+            errno = err;
+            rc = -1;
+        }
         if (rc <= 0) {
             int err = errno;
             path_at_close(at);
@@ -379,6 +420,12 @@ int held_files_write(void)
             ready[i] = rc > 0;
             failed = rc < 0;
         }
+    /* The renames are one set: from the first to the directory flush after
+     * the last, every signal that can be blocked waits, so that a stop
+     * asked for then comes after the whole set (a kill still cannot). */
+    sigset_t all, previous;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &previous);
     int result = failed;
     for (int i = 0; i < held_count; i++) {
         if (!ready[i])
@@ -390,6 +437,7 @@ int held_files_write(void)
             result |= commit_one(&held[i], &at[i], &tmp[i]);
         }
     }
+    sigprocmask(SIG_SETMASK, &previous, nullptr);
     return result;
 }
 

@@ -13,7 +13,10 @@
  * unlocks them all, held_file_release one of them; a file taken durable is
  * flushed to the disk with its directory when replaced.  Nothing is
  * written before those calls: a process that dies first leaves every file
- * as it was.
+ * as it was.  held_files_write renames the replacements with every
+ * blockable signal held back, so that a stop asked for meanwhile waits for
+ * the whole set.  A "<path>.tmp" left by a run cut short is removed, never
+ * read, when held_file_take takes the file.
  *
  * A copy is read from disk at its first edit.  Other programs that take the
  * same named locks wait until the release and lose nothing.

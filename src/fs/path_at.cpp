@@ -64,10 +64,48 @@ static int set_name(PathAt *at, const char *name, size_t len)
     return 0;
 }
 
-/* plain_at - a path outside the mail tree: its directory opened as named */
-static int plain_at(const char *path, PathAt *at)
+/* follow_links - path into real, its last name followed through every
+ * link an administrator put there (a relative target read from the link's
+ * directory); 0, or -1 with errno (ELOOP after 40 links) */
+static int follow_links(const char *path, char *real)
 {
-    char dir[PATH_BUF_SIZE];
+    char target[PATH_BUF_SIZE];
+    struct stat st;
+
+    if (snprintf(real, PATH_BUF_SIZE, "%s", path) >= static_cast<int>(PATH_BUF_SIZE)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    for (int links = 0; lstat(real, &st) == 0 && S_ISLNK(st.st_mode); links++) {
+        ssize_t len = readlink(real, target, sizeof(target) - 1);
+        if (links == 40 || len < 0) {
+            if (len >= 0)
+                errno = ELOOP;
+            return -1;
+        }
+        target[len] = '\0';
+        char *slash = strrchr(real, '/');
+        int dir_len = target[0] == '/' || slash == nullptr ? 0 : static_cast<int>(slash - real) + 1;
+        if (dir_len + len >= static_cast<ssize_t>(PATH_BUF_SIZE)) {
+            errno = ENAMETOOLONG;
+            return -1;
+        }
+        memcpy(real + dir_len, target, static_cast<size_t>(len) + 1);
+    }
+    return 0;
+}
+
+/* plain_at - a path outside the mail tree: the directory of the file it
+ * names opened.  A link there is followed to its end, so that the file is
+ * read and replaced where the link points and the link itself stays: root
+ * owns these directories, and an administrator who linked a file did so
+ * on purpose. */
+static int plain_at(const char *named, PathAt *at)
+{
+    char dir[PATH_BUF_SIZE], path[PATH_BUF_SIZE];
+
+    if (follow_links(named, path) != 0)
+        return -1;
     const char *slash = strrchr(path, '/');
     const char *name = slash ? slash + 1 : path;
 

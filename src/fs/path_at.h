@@ -18,7 +18,9 @@
  * way, a disk not mounted) fails with ENOLINK, and trusted_link_error()
  * tells why.  Paths outside the mail tree (the
  * root-owned qmail files, users.conf, the lock files) are opened as they
- * are, links and all: an administrator may link those on purpose.
+ * are, links and all: an administrator may link those on purpose.  A link
+ * at such a path's last name is followed to its end first, so the file is
+ * replaced beside its target and the link stays.
  *
  * In the guarded part of the tree, where the rebuild expects a file or a
  * directory of its own and finds a link or another kind of object (a

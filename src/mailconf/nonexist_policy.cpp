@@ -26,7 +26,10 @@
 static PopuserIds bounce_popuser;
 
 /* mail_parameter - a parameter of the domain's mail service copied into
- * buf; the empty text when absent or unreadable */
+ * buf; the empty text when absent.  The rebuild makes a refused query end
+ * the run (get_refusals_fatal), so there "" is never a refusal read as
+ * "no policy", which would turn a rejecting or catch-all domain into a
+ * bouncing one. */
 static const char *mail_parameter(const char *domain_id, const char *name, MYSQL *conn,
                                   char *buf)
 {
@@ -80,14 +83,17 @@ static const char *policy_nul_query(const char *domain_id, char *buf, size_t siz
 }
 
 /* policy_has_nul - 1 when one of the domain's policy parameters holds a
- * NUL byte, which the parameter lookups would silently cut the value at */
+ * NUL byte, which the parameter lookups would silently cut the value at.
+ * A refused query ends the process: read as "no NUL", it would let a cut
+ * value replace the domain's policy. */
 static int policy_has_nul(const char *domain_id, MYSQL *conn)
 {
     char query[QMAIL_BUF_SIZE];
     MYSQL_RES *res;
 
     if (pipeline_ask(conn, policy_nul_query(domain_id, query, sizeof(query)), &res) != 0)
-        return 0;
+        report(1, "Unable to query the unknown-recipient policy of domain id %s: %s\n", domain_id,
+               mysql_error(conn));
     MYSQL_ROW row = res != nullptr ? mysql_fetch_row(res) : nullptr;
     int found = row != nullptr && row[0] != nullptr && strcmp(row[0], "0") != 0;
     if (res != nullptr)
@@ -140,14 +146,16 @@ static void apply(const char *domain, const char *policy, const char *value)
  * static text), nothing then written.  The domain name breaks a rule, a
  * policy value holds a NUL byte, or the catch-all address is refused; a
  * bounce text always makes a line (its newlines become spaces and
- * shell_escape quotes the rest). */
+ * shell_escape quotes the rest).  *rejects tells whether a reject policy
+ * was applied. */
 const char *restore_nonexist_policy_checked(const char *domain, const char *domain_id,
-                                            MYSQL *conn)
+                                            MYSQL *conn, int *rejects)
 {
     static char reason[QMAIL_BUF_SIZE];
     char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
     char shown[VALUE_PRINTABLE_SIZE];
 
+    *rejects = 0;
     if (const char *why = check_domain_name(domain))
         return why;
     if (conn != nullptr && domain_id != nullptr && strpbrk(domain_id, "'\\") == nullptr
@@ -162,6 +170,7 @@ const char *restore_nonexist_policy_checked(const char *domain, const char *doma
         }
     }
     apply(domain, policy, value);
+    *rejects = strcmp(policy, "reject") == 0;
     return nullptr;
 }
 

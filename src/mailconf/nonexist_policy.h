@@ -19,7 +19,7 @@
 
 int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *conn);
 const char *restore_nonexist_policy_checked(const char *domain, const char *domain_id,
-                                            MYSQL *conn);
+                                            MYSQL *conn, int *rejects);
 void nonexist_policy_prefetch(const char *domain_id);
 int set_reject(const char *domain, int on);
 int add_reject(const char *domain);

@@ -57,7 +57,7 @@ static void unlock_quota(FileLock *lock, const char *path)
 /* write_quota_at - text into the quota file reached through at, owned by
  * popuser (ids) with mode 0640: replaced whole and only when it differs,
  * so no empty, cut or misowned file is ever seen; 1, or 0 after a
- * warning */
+ * warning, the previous file then left whole */
 static int write_quota_at(PathAt *at, const char *text, const PopuserIds &ids)
 {
     const char *step;
@@ -66,7 +66,6 @@ static int write_quota_at(PathAt *at, const char *text, const PopuserIds &ids)
      * as a failed chown, and no file is written. */
     if (ids.uid == 0 || ids.gid == 0) {
         report(0, "Unable to chown quota file %s\n", at->path);
-        unlinkat(at->dir, at->name, 0);
         return 0;
     }
     if (replace_file_at(at, text, strlen(text), ids.uid, ids.gid, 0640, 0, &step) >= 0)
@@ -79,10 +78,11 @@ static int write_quota_at(PathAt *at, const char *text, const PopuserIds &ids)
         report(0, "Unable to chmod for quota file %s\n", at->path);
     else
         report(0, "%s", strerror(errno));
-    /* Deliberately removed rather than left as it is: a quota that could
-     * not be written is no quota, and an old file with another number must
-     * not stay behind. */
-    unlinkat(at->dir, at->name, 0);
+    /* Deliberately left as it is: the replacement goes through a temporary
+     * file, so the previous file is still whole, and its number is closer
+     * to the panel's than no quota at all (a full disk must not lift a
+     * mailbox's limit).  Only the panel's "no limit" removes the file
+     * (remove_mbox_quota). */
     return 0;
 }
 

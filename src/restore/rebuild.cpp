@@ -5,8 +5,9 @@
  * names directory, then walks the domains with mail service and, for each,
  * calls the writers in a fixed order: the domain, its unknown-recipient
  * policy, its quota, its aliases, then every mailbox with its postbox,
- * forwards, autoresponder, quota and aliases.  Any failed query of the pass
- * is fatal; the writers handle their own file failures.
+ * forwards, autoresponder, quota and aliases.  Any failed or refused query
+ * of the pass is fatal, never taken as an absent value; the writers handle
+ * their own file failures.
  *
  * Names, addresses and hashes are the panel customers' own input, and one
  * bad row must not stop the restore of everybody else: before a row reaches
@@ -288,10 +289,10 @@ static void prefetch_domain(MYSQL_RES *domains, MYSQL_ROW d)
     if (ascii != nullptr)
         pipeline_prefetch(dom_id_query(ascii, query, sizeof(query)));
     free(ascii);
-    nonexist_policy_prefetch(id);
     pipeline_prefetch(dom_limit_query(id, "mbox_quota", query, sizeof(query)));
     pipeline_prefetch(domain_aliases_query(id, query));
     pipeline_prefetch(mailboxes_query(id, query));
+    nonexist_policy_prefetch(id);
 }
 
 /* prefetch_next_domain - prefetch_domain() for the row after the current
@@ -399,6 +400,7 @@ static void prepare_mailnames_dir(unsigned gid)
 static void batch_end(void)
 {
     held_files_release();
+    get_refusals_fatal(0);
     get_dom_id_share(nullptr);
     users_remember(0);
     kill_by_name_defer(0);
@@ -568,37 +570,37 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, size_t 
     counts.domains++;
     /* The name converts: check_domain_name has just converted it. */
     char *ascii = idn_toascii(name);
-    const char *policy_refused = restore_nonexist_policy_checked(name, id, conn);
+    /* Every question about the domain itself is asked before the first of
+     * its files (.qmail-default, @mbox.quota) is written, the policy's own
+     * questions last, just before it writes: a refused one ends the run
+     * with the domain's files as they were. */
+    const char *limit_value = get_dom_Limit(id, "mbox_quota", conn);
+    std::string limit = limit_value != nullptr ? limit_value : "";
+    MYSQL_RES *aliases = run_query(conn, domain_aliases_query(id, query), "Unable to query domain aliases: %s");
+    MYSQL_RES *res = run_query(conn, mailboxes_query(id, query), "Unable to query mailnames: %s");
+    hash_ahead_domain(k);
+    start_mailboxes(res);
+    prefetch_next_domain(domains);
+
+    int reject_aliases;
+    const char *policy_refused = restore_nonexist_policy_checked(name, id, conn, &reject_aliases);
     if (policy_refused != nullptr)
         skip_row("unknown-recipient policy", nullptr, nullptr, name, policy_refused);
-    const char *limit = get_dom_Limit(id, "mbox_quota", conn);
     if (!dir_skipped)
-        apply_quota(name, nullptr, limit);
+        apply_quota(name, nullptr, limit.c_str());
 
-    MYSQL_RES *res = run_query(conn, domain_aliases_query(id, query), "Unable to query domain aliases: %s");
-    /* Whether the aliases reject unknown recipients: the domain's policy,
-     * asked once, at its first alias. */
-    int reject_aliases = -1;
-    while (MYSQL_ROW a = mysql_fetch_row(res)) {
-        if (const char *why = column_rule(res, a, 0, check_domain_name)) {
+    while (MYSQL_ROW a = mysql_fetch_row(aliases)) {
+        if (const char *why = column_rule(aliases, a, 0, check_domain_name)) {
             skip_row("domain alias", a[0], nullptr, name, why);
             continue;
         }
         add_domain_alias(name, a[0]);
         counts.aliases++;
-        if (reject_aliases < 0) {
-            const char *policy = get_DomainService_Parameter(id, "mail", "nonexist_mail", conn);
-            reject_aliases = policy_refused == nullptr && policy != nullptr && strcmp(policy, "reject") == 0;
-        }
         if (reject_aliases)
             add_reject(a[0]);
     }
-    mysql_free_result(res);
+    mysql_free_result(aliases);
 
-    res = run_query(conn, mailboxes_query(id, query), "Unable to query mailnames: %s");
-    hash_ahead_domain(k);
-    start_mailboxes(res);
-    prefetch_next_domain(domains);
     for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(res); i++)
         restore_mailbox(conn, res, m, i, name, ascii, disabled, full_names_required);
     mysql_free_result(res);
@@ -626,6 +628,13 @@ void rebuild_mail_configuration(void)
     MYSQL *conn = panel_db_open();
     if (conn == nullptr)
         report(1, "Unable to connect to the mysql database");
+    /* A query the server refuses ends the run, as one that fails in the
+     * middle of a list does: rebox restores a live server, and a refusal
+     * read as "no value" would cost configuration that was there before
+     * the run (a domain's policy, its quota, users.conf's records).  The
+     * shared files are written only at the end, so such a run leaves them
+     * as they were.  "No such row" keeps its meaning. */
+    get_refusals_fatal(1);
     get_dom_id_share(conn);
     MYSQL *ahead = panel_db_open();
     if (ahead == nullptr)

@@ -238,7 +238,8 @@ TEST_F(RebuildFaults, DeniedWriteRenameOrLockStopsThePassCleanly)
      * mailbox cannot be made (the half-made mailbox is removed); the lock
      * directory missing or
      * read-only, when nothing at all may be written.  The fatal message is
-     * the last one. */
+     * the last one.  Whatever the file that cannot be written, none of the
+     * shared files changes. */
     std::string control = qmail("control"), assign = qmail("users/assign"), pinned = sandbox_path("pinned");
     std::string locks = sandbox_path("vdo/var/lock/files"), locking = "Error occurred while locking the file ";
     std::string domain = qmail("mailnames/example.com");
@@ -266,8 +267,8 @@ TEST_F(RebuildFaults, DeniedWriteRenameOrLockStopsThePassCleanly)
         EXPECT_NE(r.err.find(c.target), std::string::npos) << r.err;
         EXPECT_NE(r.err.find(c.error, r.err.rfind("rebox: ")), std::string::npos) << r.err;
         EXPECT_EQ(r.status, 1) << r.err;
+        EXPECT_EQ(shared_files(), before);
         if (c.locked) {
-            EXPECT_EQ(shared_files(), before);
             EXPECT_NE(access(qmail("mailnames").c_str(), F_OK), 0);
         }
         check_after_failure(r, before, complete, c.error);
@@ -474,4 +475,94 @@ TEST_F(RebuildFaults, DeepPlantedTreesAreRemovedWithFewDescriptors)
         EXPECT_LT(most, 64);
         EXPECT_EQ(tree_snapshot(names), tree);
     }
+}
+
+/* A query the server refuses ends the run with status 1 and its purpose in
+ * the message, and changes nothing: every file and directory of qmail and
+ * users.conf keeps its content and inode, qmail-newu and the restart are
+ * not run.  The catch-all domain takes its client's address; the last row
+ * changes the first domain's quota in the panel, which a refusal later in
+ * that domain must not write either. */
+TEST_F(RebuildFaults, RefusedQueryEndsTheRunAndChangesNothing)
+{
+    const char *setup = "DELETE FROM Parameters WHERE parameter='catch_addr';"
+                        "UPDATE Components SET version='4.33' WHERE name='drweb';"
+                        "INSERT INTO Components (name, version) VALUES ('drweb-qmail', '1.0');"
+                        "UPDATE mail SET virusfilter='any' WHERE id IN (1, 2)";
+    const struct {
+        const char *refuse, *message;
+    } cases[] = {
+        {"RENAME TABLE Parameters TO Parameters_gone", "Unable to query the unknown-recipient policy of domain id 1: "},
+        {"RENAME TABLE Limits TO Limits_gone", "Unable to query domain limit mbox_quota: "},
+        {"RENAME TABLE clients TO clients_gone", "Unable to define clients email: "},
+        {"ALTER TABLE mail RENAME COLUMN virusfilter TO virusfilter_gone", "Unable to query drweb mailnames: "},
+        {"UPDATE Limits SET value='20971520' WHERE id=1; RENAME TABLE mail TO mail_gone",
+         "Unable to query mailnames: "},
+    };
+    const char *stamps = "cd \"$REBOX_SANDBOX\" && find qmail drweb -printf '%p %i %T@ %C@\\n' | sort";
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.refuse);
+        ASSERT_NO_FATAL_FAILURE(testdb_reset());
+        ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
+        testdb_exec(setup);
+        prepare_qmail();
+        ASSERT_EQ(run_rebox("--without-spam").status, 0);
+        ASSERT_NE(read_file(sandbox_path("drweb/users.conf")), "[version=2]\n");
+        for (const char *stub : {STANDIN_QMAIL_NEWU, STANDIN_QMAIL_INIT})
+            unlink(sandbox_path(std::string(stub) + ".calls").c_str());
+        std::string before = tree_snapshot(qmail("")) + tree_snapshot(sandbox_path("drweb")) + run_command(stamps).out;
+        testdb_exec(c.refuse);
+        CommandResult r = run_rebox("--without-spam");
+        EXPECT_EQ(r.status, 1) << r.err;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+        EXPECT_EQ(tree_snapshot(qmail("")) + tree_snapshot(sandbox_path("drweb")) + run_command(stamps).out, before);
+        EXPECT_TRUE(qmail_left_alone());
+    }
+}
+
+/* A quota file whose replacement fails on a full file system keeps its
+ * previous number: the run warns and goes on, the domain's and the
+ * mailbox's limits stay as they were. */
+TEST_F(RebuildFaults, FullFileSystemKeepsTheQuotaNumbers)
+{
+    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
+    testdb_exec(STORED_HASHES);
+    ASSERT_NO_FATAL_FAILURE(mount_qmail("size=8m"));
+    prepare_qmail();
+    ASSERT_EQ(run_rebox("--without-spam").status, 0);
+    std::string domain = qmail("mailnames/example.com/@mbox.quota"), mailbox = qmail("mailnames/example.com/alpha/@mbox.quota");
+    ASSERT_EQ(read_file(domain), "10240\n");
+    ASSERT_EQ(read_file(mailbox), "1024\n");
+    testdb_exec("UPDATE Limits SET value='20971520' WHERE id=1; UPDATE mail SET mbox_quota=2097152 WHERE id=1");
+    run_command("dd if=/dev/zero of=" + qmail("filler") + " bs=64k");
+    CommandResult r = run_rebox("--without-spam");
+    EXPECT_NE(r.err.find("No space left on device"), std::string::npos) << r.err;
+    EXPECT_EQ(read_file(domain), "10240\n");
+    EXPECT_EQ(read_file(mailbox), "1024\n");
+}
+
+/* An administrator's link in place of a shared file stays a link, and its
+ * target gets the panel's text; a temporary file a cut run left beside a
+ * shared file is removed unread, also when the file is already right. */
+TEST_F(RebuildFaults, LinkedSharedFileAndLeftoverTemporary)
+{
+    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
+    testdb_exec(STORED_HASHES);
+    prepare_qmail();
+    ASSERT_EQ(run_rebox("--without-spam").status, 0);
+    Files complete = shared_files();
+    std::string real = sandbox_path("etc-mail/rcpthosts-real"), link = qmail("control/rcpthosts");
+    mkdir(sandbox_path("etc-mail").c_str(), 0755);
+    write_file(real, "previous.example\n");
+    unlink(link.c_str());
+    ASSERT_EQ(symlink(real.c_str(), link.c_str()), 0);
+    write_file(qmail("users/assign.tmp"), "junk:line\n");
+    CommandResult r = run_rebox("--without-spam");
+    EXPECT_EQ(r.status, 0) << r.err;
+    struct stat st;
+    EXPECT_TRUE(lstat(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode));
+    EXPECT_EQ(read_file(real), complete["control/rcpthosts"]);
+    EXPECT_EQ(shared_files(), complete);
+    EXPECT_NE(access(qmail("users/assign.tmp").c_str(), F_OK), 0);
+    EXPECT_NE(access((real + ".tmp").c_str(), F_OK), 0);
 }
