@@ -526,6 +526,38 @@ int at_dir(PathAt *at, mode_t mode, int *made)
     return -1;
 }
 
+DIR *path_opendir(const char *path)
+{
+    PathAt at;
+
+    if (path_at(path, &at) != 0)
+        return nullptr;
+    int fd = at.trusted_link ? open_trusted_link(at.dir, at.name)
+                             : openat(at.dir, at.name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (at.guarded ? O_NOFOLLOW : 0));
+    int err = errno;
+    path_at_close(&at);
+    DIR *d = fd < 0 ? nullptr : fdopendir(fd);
+    if (d == nullptr && fd >= 0) {
+        err = errno;
+        close(fd);
+    }
+    errno = err;
+    return d;
+}
+
+int path_stat(const char *path, struct stat *st)
+{
+    PathAt at;
+
+    if (path_at(path, &at) != 0)
+        return -1;
+    int rc = at_stat(&at, st);
+    int err = errno;
+    path_at_close(&at);
+    errno = err;
+    return rc;
+}
+
 int path_rmdir(const char *path)
 {
     PathAt at;

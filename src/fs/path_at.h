@@ -34,6 +34,7 @@
 #ifndef REBOX_FS_PATH_AT_H
 #define REBOX_FS_PATH_AT_H
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -94,6 +95,14 @@ int at_clear_foreign(PathAt *at);
  * opened; a foreign object is replaced.  The descriptor, or -1 with errno;
  * *made tells whether it was created (may be null) */
 int at_dir(PathAt *at, mode_t mode, int *made);
+
+/* path_opendir - the directory at path, reached and opened as path_at and
+ * at_dir reach one (no link followed below a domain directory), for
+ * reading; null with errno */
+DIR *path_opendir(const char *path);
+
+/* path_stat - at_stat of path's last name; 0, or -1 with errno */
+int path_stat(const char *path, struct stat *st);
 
 /* path_rmdir - remove the empty directory at path, reached as path_at
  * reaches it; 0, or -1 with errno (ENOTEMPTY for one that holds anything) */

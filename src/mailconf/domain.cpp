@@ -132,7 +132,7 @@ static void remove_domain_dir(const char *dir)
     struct stat st;
 
     if (hdv1_marker_present() == 1) {
-        if (lstat(dir, &st) == 0)
+        if (path_stat(dir, &st) == 0)
             deferred_remove(dir);
     } else {
         remove_tree(dir, 1);

@@ -468,7 +468,7 @@ static const char *known_hash(const char *ascii, const char *mail_name, const ch
 static void note_surplus(const char *dir, const std::set<std::string> &seen)
 {
     std::set<std::string> surplus;
-    DIR *d = opendir(dir);
+    DIR *d = path_opendir(dir);
     struct stat st;
 
     for (struct dirent *e; d != nullptr && (e = readdir(d)) != nullptr;) {
