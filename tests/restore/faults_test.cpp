@@ -183,6 +183,20 @@ protected:
         ASSERT_NO_FATAL_FAILURE(run_or_fail("mount -t tmpfs -o " + options + " tmpfs " + root + " && mkdir " + root +
                                             "/bin && mount --bind " + sandbox_path("qmail-bin") + " " + root + "/bin"));
     }
+    /* rebuilt - the full panel (with sql run after it) rebuilt once, on a
+     * tmpfs of its own when mount options are given: its shared files */
+    Files rebuilt(const char *sql = STORED_HASHES, const std::string &mount = "")
+    {
+        load_sql_file("panel_full.sql");
+        if (sql != nullptr)
+            testdb_exec(sql);
+        if (!mount.empty())
+            mount_qmail(mount);
+        prepare_qmail();
+        CommandResult r = run_rebox("--without-spam");
+        EXPECT_EQ(r.status, 0) << r.err;
+        return shared_files();
+    }
     std::string db_dir;
 };
 
@@ -226,12 +240,8 @@ TEST_F(RebuildFaults, FullFileSystemLeavesSharedFilesWholeAndQmailAlone)
 
 TEST_F(RebuildFaults, DeniedWriteRenameOrLockStopsThePassCleanly)
 {
-    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
-    testdb_exec(STORED_HASHES);
-    prepare_qmail();
-    CommandResult r = run_rebox("--without-spam");
-    ASSERT_EQ(r.status, 0) << r.err;
-    Files complete = shared_files();
+    Files complete = rebuilt();
+    CommandResult r;
 
     /* The control directory read-only; users/assign a mount point, which a
      * rename cannot replace; a domain directory read-only, so that its first
@@ -280,12 +290,8 @@ TEST_F(RebuildFaults, DeniedWriteRenameOrLockStopsThePassCleanly)
 TEST_F(RebuildFaults, DatabaseStoppedHalfwayEndsThePassWithFinishedFilesIntact)
 {
     ASSERT_NO_FATAL_FAILURE(own_db_server());
-    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
-    testdb_exec(STORED_HASHES);
-    prepare_qmail();
-    CommandResult r = run_rebox("--without-spam");
-    ASSERT_EQ(r.status, 0) << r.err;
-    Files complete = shared_files();
+    Files complete = rebuilt();
+    CommandResult r;
     std::string first = sandbox_path("qmail/mailnames/example.com");
     std::string finished = tree_snapshot(first);
 
@@ -377,10 +383,7 @@ void fill_inodes(const std::string &dir)
  * mail tree, the mail in it and the shared files stay as they were. */
 TEST_F(RebuildFaults, FailedStepsKeepWhatWasThere)
 {
-    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
-    ASSERT_NO_FATAL_FAILURE(mount_qmail("size=64m,nr_inodes=4000"));
-    prepare_qmail();
-    ASSERT_EQ(run_rebox("--without-spam").status, 0);
+    rebuilt(nullptr, "size=64m,nr_inodes=4000");
     std::string names = qmail("mailnames"), home = names + "/example.com/alpha";
     write_file(home + "/Maildir/new/1.mail", "stored mail\n");
     write_file(home + "/Maildir/cur/2.mail", "read mail\n");
@@ -449,11 +452,8 @@ int open_fds(pid_t pid)
  * comes out as without them. */
 TEST_F(RebuildFaults, DeepPlantedTreesAreRemovedWithFewDescriptors)
 {
-    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
     /* tmpfs: a disk file system makes the planting itself take minutes. */
-    ASSERT_NO_FATAL_FAILURE(mount_qmail("size=256m"));
-    prepare_qmail();
-    ASSERT_EQ(run_rebox("--without-spam").status, 0);
+    rebuilt(nullptr, "size=256m");
     std::string names = qmail("mailnames"), home = names + "/example.com/alpha";
     std::string tree = tree_snapshot(names);
     for (const char *name : {"/.qmail", "/@mbox.quota"}) {
@@ -503,10 +503,7 @@ TEST_F(RebuildFaults, RefusedQueryEndsTheRunAndChangesNothing)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.refuse);
         ASSERT_NO_FATAL_FAILURE(testdb_reset());
-        ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
-        testdb_exec(setup);
-        prepare_qmail();
-        ASSERT_EQ(run_rebox("--without-spam").status, 0);
+        rebuilt(setup);
         ASSERT_NE(read_file(sandbox_path("drweb/users.conf")), "[version=2]\n");
         for (const char *stub : {STANDIN_QMAIL_NEWU, STANDIN_QMAIL_INIT})
             unlink(sandbox_path(std::string(stub) + ".calls").c_str());
@@ -525,11 +522,7 @@ TEST_F(RebuildFaults, RefusedQueryEndsTheRunAndChangesNothing)
  * mailbox's limits stay as they were. */
 TEST_F(RebuildFaults, FullFileSystemKeepsTheQuotaNumbers)
 {
-    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
-    testdb_exec(STORED_HASHES);
-    ASSERT_NO_FATAL_FAILURE(mount_qmail("size=8m"));
-    prepare_qmail();
-    ASSERT_EQ(run_rebox("--without-spam").status, 0);
+    rebuilt(STORED_HASHES, "size=8m");
     std::string domain = qmail("mailnames/example.com/@mbox.quota"), mailbox = qmail("mailnames/example.com/alpha/@mbox.quota");
     ASSERT_EQ(read_file(domain), "10240\n");
     ASSERT_EQ(read_file(mailbox), "1024\n");
@@ -546,10 +539,7 @@ TEST_F(RebuildFaults, FullFileSystemKeepsTheQuotaNumbers)
  * shared file is removed unread, also when the file is already right. */
 TEST_F(RebuildFaults, LinkedSharedFileAndLeftoverTemporary)
 {
-    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
-    testdb_exec(STORED_HASHES);
-    prepare_qmail();
-    ASSERT_EQ(run_rebox("--without-spam").status, 0);
+    rebuilt();
     Files complete = shared_files();
     std::string real = sandbox_path("etc-mail/rcpthosts-real"), link = qmail("control/rcpthosts");
     mkdir(sandbox_path("etc-mail").c_str(), 0755);
