@@ -19,7 +19,6 @@
 
 #include "db/connect.h"
 #include "db/pipeline.h"
-#include "mailconf/idn.h"
 #include "runtime/report.h"
 
 #include <ctype.h>
@@ -242,7 +241,6 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
 {
     static char buf[GET_BUF_SIZE];
     MYSQL *c, *given = conn != nullptr ? conn : dom_id_conn;
-    char *ascii;
 
     if (!db_check_plain(quiet ? "get_dom_id_noerr" : "get_dom_id", name, quiet ? 0 : 1))
         return nullptr;
@@ -254,11 +252,7 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
     c = given != nullptr ? given : open_own(CONNECT_MSG);
     if (c == nullptr)
         return nullptr;
-    ascii = idn_toascii(name);
-    if (ascii == nullptr)
-        report(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
-    dom_id_query(ascii, buf, sizeof(buf));
-    free(ascii);
+    dom_id_query(name, buf, sizeof(buf));
     if (run_first_value(buf, buf, c, 0) < 0)
         report(1, "Unable to query domain ID: %s\n", mysql_error(c));
     close_own(c, given);

@@ -29,8 +29,10 @@ int get_dom_status(const char *dom_id, unsigned *status, MYSQL *conn);
 int get_client_id_by_domain(const char *dom_id, MYSQL *conn);
 int get_next_id(const char *table, MYSQL *conn);
 const char *get_dns_zone_id(const char *dom_id, MYSQL *conn);
-const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet);
-const char *get_dom_id(const char *name, MYSQL *conn);
+/* get_dom_id_noerr, get_dom_id - the identifier of the domain whose name
+ * in ASCII form (see mailconf/idn) is ascii */
+const char *get_dom_id_noerr(const char *ascii, MYSQL *conn, int quiet);
+const char *get_dom_id(const char *ascii, MYSQL *conn);
 /* get_dom_id_share - while conn is set, get_dom_id and get_dom_id_noerr
  * handed no connection use conn instead of one of their own and answer a
  * repeated name from memory; null ends the sharing */

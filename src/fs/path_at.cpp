@@ -2,7 +2,7 @@
  * path_at.h). */
 #include "fs/path_at.h"
 
-#include "fs/tree.h"
+#include "fs/remove.h"
 #include "runtime/check_report.h"
 #include "runtime/config.h"
 #include "runtime/report.h"

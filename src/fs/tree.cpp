@@ -10,7 +10,7 @@
 
 #include "fs/file_util.h"
 #include "fs/path_at.h"
-#include "proc/exec.h"
+#include "fs/remove.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -19,18 +19,13 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
 
 static const size_t PATH_BUF_SIZE = 4096;
-static const char DEFERRED_PREFIX[] = "__deleted";
 
-/* The three walks share one traversal; WalkOp says what is done per entry.
- * Removal has a traversal of its own (remove_tree_at). */
+/* The three walks share one traversal; WalkOp says what is done per entry. */
 enum WalkKind { WALK_CHMOD, WALK_CHOWN, WALK_RENAME };
 
 struct WalkOp {
@@ -183,143 +178,6 @@ static void walk(const char *path, int top, const WalkOp &op)
     path_at_close(&at);
 }
 
-/* Level - a directory the removal has descended into: its device and inode,
- * to know it again when the removal climbs back through "..", and its name
- * in the directory above */
-struct Level {
-    dev_t dev;
-    ino_t ino;
-    std::string name;
-};
-
-/* empty_files - unlink every entry of the open directory dir that is not a
- * directory, and copy the name of one directory entry into sub (256
- * bytes); 1 when there is such a directory, 0 when dir is now empty, -1
- * with errno */
-static int empty_files(int dir, char *sub)
-{
-    int list_fd = dup(dir);
-    DIR *d = list_fd < 0 ? nullptr : fdopendir(list_fd);
-    int found = 0;
-
-    if (d == nullptr) {
-        if (list_fd >= 0)
-            close(list_fd);
-        return -1;
-    }
-    errno = 0;
-    while (struct dirent *ent = readdir(d)) {
-        const char *name = ent->d_name;
-        struct stat st;
-        if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
-            continue;
-        int is_dir = ent->d_type == DT_DIR;
-        if (ent->d_type == DT_UNKNOWN) {
-            if (fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-                continue;
-            is_dir = S_ISDIR(st.st_mode);
-        }
-        if (is_dir) {
-            if (!found)
-                snprintf(sub, 256, "%s", name);
-            found = 1;
-        } else if (unlinkat(dir, name, 0) != 0 && errno != ENOENT) {
-            found = -1;
-            break;
-        }
-        errno = 0;
-    }
-    int err = errno;
-    closedir(d);
-    errno = err;
-    return err != 0 ? -1 : found;
-}
-
-/* same_dir - 1 when the open directory fd is the one level describes */
-static int same_dir(int fd, const Level &level)
-{
-    struct stat st;
-
-    return fstat(fd, &st) == 0 && st.st_dev == level.dev && st.st_ino == level.ino;
-}
-
-int remove_tree_at(int parent, const char *name, int top)
-{
-    /* Bounded whatever a directory holds from others: a tree that keeps
-     * being refilled while it is removed is given up. */
-    static const int REFILLS_MAX = 1000;
-    struct stat st;
-    char sub[256];
-    int refills = 0;
-
-    if (fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-        return errno == ENOENT ? 0 : -1;
-    if (!S_ISDIR(st.st_mode))
-        return unlinkat(parent, name, 0) == 0 || errno == ENOENT ? 0 : -1;
-
-    /* The descent holds one directory open at a time and climbs back
-     * through "..", checked against the device and inode it came down
-     * through: a tree any number of levels deep costs a few descriptors
-     * and no stack, and a directory moved elsewhere meanwhile stops the
-     * removal instead of leading it out of the tree. */
-    int cur = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (cur < 0 || fstat(cur, &st) != 0)
-        goto failed;
-    {
-        std::vector<Level> levels;
-        levels.push_back(Level{st.st_dev, st.st_ino, name});
-        for (;;) {
-            int found = empty_files(cur, sub);
-            if (found < 0)
-                goto failed;
-            if (found > 0) {
-                int fd = openat(cur, sub, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-                if (fd < 0) {
-                    /* Gone, or no longer a directory: looked at again. */
-                    if (errno != ENOENT && errno != ELOOP && errno != ENOTDIR)
-                        goto failed;
-                    continue;
-                }
-                if (fstat(fd, &st) != 0) {
-                    close(fd);
-                    goto failed;
-                }
-                levels.push_back(Level{st.st_dev, st.st_ino, sub});
-                close(cur);
-                cur = fd;
-                continue;
-            }
-            if (levels.size() == 1)
-                break;
-            int up = openat(cur, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-            if (up < 0 || !same_dir(up, levels[levels.size() - 2])) {
-                if (up >= 0)
-                    close(up);
-                errno = ESTALE;
-                goto failed;
-            }
-            close(cur);
-            cur = up;
-            std::string gone = levels.back().name;
-            levels.pop_back();
-            if (unlinkat(cur, gone.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT
-                && (errno != ENOTEMPTY || ++refills > REFILLS_MAX))
-                goto failed;
-        }
-    }
-    close(cur);
-    if (top && unlinkat(parent, name, AT_REMOVEDIR) != 0 && errno != ENOENT)
-        return -1;
-    return 0;
-
-failed:
-    int err = errno;
-    if (cur >= 0)
-        close(cur);
-    errno = err;
-    return -1;
-}
-
 void remove_tree(const char *path, int top)
 {
     PathAt at;
@@ -369,27 +227,11 @@ void rename_in_tree(const char *path, const char *old_name, const char *new_name
     walk(path, top, op);
 }
 
-/* deferred_bases - the directories whose subdirectories may be set aside */
-static void deferred_bases(const char *bases[3])
+void deferred_bases(const char *bases[3])
 {
     bases[0] = panel_config.HTTPD_VHOSTS_D;
     bases[1] = panel_config.QMAIL_MAILNAMES_D;
     bases[2] = nullptr;
-}
-
-/* random_letters - n letters and digits from the kernel's random source
- * into buf; 0, or -1 */
-static int random_letters(char *buf, int n)
-{
-    static const char letters[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-    unsigned char rnd[16];
-
-    if (n > static_cast<int>(sizeof(rnd)) || getrandom(rnd, n, 0) != n)
-        return -1;
-    for (int i = 0; i < n; i++)
-        buf[i] = letters[rnd[i] % (sizeof(letters) - 1)];
-    return 0;
 }
 
 /* fill_unique_name - replace the trailing six X of templ with letters and
@@ -407,25 +249,6 @@ static int fill_unique_name(char *templ)
         if (lstat(templ, &st) != 0 && errno == ENOENT)
             return 0;
         memcpy(templ + len - 6, "XXXXXX", 6);
-    }
-    return -1;
-}
-
-int rename_aside_at(int dir, const char *name, char *aside)
-{
-    static const char PREFIX[] = ".rebox-aside-";
-
-    for (int attempt = 0; attempt < 100; attempt++) {
-        memcpy(aside, PREFIX, sizeof(PREFIX) - 1);
-        if (random_letters(aside + sizeof(PREFIX) - 1, 6) != 0)
-            return -1;
-        aside[sizeof(PREFIX) - 1 + 6] = '\0';
-        /* Never over an entry of that name: the one move is the whole
-         * step. */
-        if (renameat2(dir, name, dir, aside, RENAME_NOREPLACE) == 0)
-            return 0;
-        if (errno != EEXIST)
-            return -1;
     }
     return -1;
 }
@@ -456,59 +279,6 @@ void deferred_remove(const char *dir)
     report(0, "deferred_remove(): rename dir %s to %s\n", dir, deferred);
     if (rename_dir(dir, deferred) != 0)
         report(1, "deferred_remove(): Unable to rename directory\n");
-}
-
-/* purge_base - delete the set-aside directories of one base directory;
- * -1 when the base cannot be read, which stops the whole purge */
-static int purge_base(const char *base)
-{
-    DIR *dir = opendir(base);
-    struct dirent *ent;
-
-    if (dir == nullptr) {
-        report(0, "Unable to open dir %s: %s\n", base, strerror(errno));
-        return -1;
-    }
-    if (fchdir(dirfd(dir)) != 0) {
-        report(0, "Unable to change dir %s: %s\n", base, strerror(errno));
-        closedir(dir);
-        return -1;
-    }
-    while ((ent = readdir(dir)) != nullptr) {
-        const char *name = ent->d_name;
-        struct stat st;
-
-        if (stat(name, &st) != 0) {
-            report(0, "Unable to stat file %s, skipped\n", name);
-            continue;
-        }
-        if (!S_ISDIR(st.st_mode) || strncmp(name, DEFERRED_PREFIX, strlen(DEFERRED_PREFIX)) != 0)
-            continue;
-        if (exec_quiet("/bin/rm", "-rf", name, nullptr) != 0)
-            report(0, "Can't remove directory %s (will try in next time)\n", name);
-    }
-    closedir(dir);
-    return 0;
-}
-
-void purge_deleted_entries(void)
-{
-    const char *bases[3];
-    int cwd_fd = open(".", O_RDONLY | O_NONBLOCK);
-
-    if (cwd_fd < 0) {
-        report(0, "Unable to get file descriptor of current dir: %s\n", strerror(errno));
-        return;
-    }
-    deferred_bases(bases);
-    for (int i = 0; bases[i] != nullptr; i++) {
-        int rc = purge_base(bases[i]);
-        if (fchdir(cwd_fd) != 0)
-            report(1, "Unable to restore & close current dir: %s\n", strerror(errno));
-        if (rc != 0)
-            break;
-    }
-    close(cwd_fd);
 }
 
 /* resolve_dir - the absolute, link-free name of directory dir into out

@@ -2,16 +2,14 @@
  * files by name, and deferred removal of domain directories.
  *
  * The walks never follow symbolic links and end the process on any failure.
- * Removal climbs back up through "..", so that a tree of any depth costs a
- * few descriptors; rename_aside_at() sets an object aside in its own
- * directory before it is removed.
+ * remove_tree() removes through fs/remove.
  * deferred_remove() sets a directory aside under a "__deleted" name in its
- * base directory (HTTPD_VHOSTS_D or QMAIL_MAILNAMES_D) and
- * purge_deleted_entries() deletes everything set aside.  is_subdir(),
- * real_path() and is_empty_string() are the path helpers they need.
+ * base directory (HTTPD_VHOSTS_D or QMAIL_MAILNAMES_D), for the purge of
+ * proc/purge to delete.  is_subdir(), real_path() and is_empty_string() are
+ * the path helpers they need.
  *
- * is_subdir(), real_path() and the purge change the working directory of
- * the process while they run and restore it afterwards.
+ * is_subdir() and real_path() change the working directory of the process
+ * while they run and restore it afterwards.
  */
 #ifndef REBOX_FS_TREE_H
 #define REBOX_FS_TREE_H
@@ -20,18 +18,6 @@
 
 /* remove_tree - delete path; with top 0 a directory is emptied but kept */
 void remove_tree(const char *path, int top);
-
-/* remove_tree_at - delete name in the open directory dir and everything
- * below it (with top 0 a directory is emptied but kept), without following
- * a link and with a few descriptors whatever the depth; 0, or -1 with
- * errno.  A missing name counts as removed. */
-int remove_tree_at(int dir, const char *name, int top);
-
-/* rename_aside_at - move name in the open directory dir, in one step, to a
- * new name of its own there (".rebox-aside-" and six random characters,
- * written to aside, 32 bytes) that no mailbox or qmail file can have; 0, or
- * -1 with errno */
-int rename_aside_at(int dir, const char *name, char *aside);
 
 /* chmod_tree - regular files get file_mode, directories dir_mode (the top
  * directory only with top 1); links and special files are left alone */
@@ -53,9 +39,12 @@ void rename_in_tree(const char *path, const char *old_name, const char *new_name
  * directory; ends the process on failure */
 void deferred_remove(const char *dir);
 
-/* purge_deleted_entries - delete every directory set aside by
- * deferred_remove() */
-void purge_deleted_entries(void);
+/* DEFERRED_PREFIX - how the name of a set-aside directory begins */
+#define DEFERRED_PREFIX "__deleted"
+
+/* deferred_bases - the directories whose subdirectories may be set aside,
+ * in their order, followed by a null */
+void deferred_bases(const char *bases[3]);
 
 /* is_subdir - 1 when path and base are directories (not links) and path
  * lies strictly inside base, else 0 */

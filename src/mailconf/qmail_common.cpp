@@ -4,11 +4,11 @@
 
 #include "db/get.h"
 #include "fs/file_str.h"
-#include "fs/users.h"
 #include "mailconf/idn.h"
 #include "mailconf/value_check.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
+#include "runtime/users.h"
 
 #include <errno.h>
 #include <stdio.h>
@@ -78,7 +78,9 @@ void value_refused(const char *message)
  */
 void domain_id_required(const char *domain, char *buf, size_t size)
 {
-    const char *id = get_dom_id(domain, nullptr);
+    char *ascii = domain_ascii(domain);
+    const char *id = get_dom_id(ascii, nullptr);
+    free(ascii);
 
     if (id == nullptr || *id == '\0' || strlen(id) >= size)
         report(1, "Unable to get the database ID of domain %s: "

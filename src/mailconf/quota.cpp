@@ -5,12 +5,12 @@
 #include "fs/file_lock.h"
 #include "fs/path_at.h"
 #include "fs/replace_file.h"
-#include "fs/users.h"
 #include "mailconf/qmail_common.h"
 #include "mailconf/value_check.h"
 #include "runtime/check_report.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
+#include "runtime/users.h"
 
 #include <errno.h>
 #include <fcntl.h>

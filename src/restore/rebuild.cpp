@@ -65,7 +65,6 @@
 #include "fs/held_file.h"
 #include "fs/path_at.h"
 #include "fs/replace_file.h"
-#include "fs/users.h"
 #include "mailconf/delivery.h"
 #include "mailconf/domain.h"
 #include "mailconf/domain_alias.h"
@@ -74,12 +73,13 @@
 #include "mailconf/nonexist_policy.h"
 #include "mailconf/quota.h"
 #include "mailconf/value_check.h"
-#include "restore/hash_ahead.h"
 #include "proc/send_sig.h"
 #include "proc/service.h"
+#include "restore/hash_ahead.h"
 #include "runtime/check_report.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
+#include "runtime/users.h"
 
 #include <crypt.h>
 #include <dirent.h>

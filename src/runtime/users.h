@@ -4,8 +4,8 @@
  * lookup (as a warning) and return 0, the not-found id: callers treat a uid
  * or gid of 0 as failure.
  */
-#ifndef REBOX_FS_USERS_H
-#define REBOX_FS_USERS_H
+#ifndef REBOX_RUNTIME_USERS_H
+#define REBOX_RUNTIME_USERS_H
 
 #include <sys/types.h>
 

@@ -4,7 +4,7 @@
  * group_gid_if_exists, user_info, group_gid, is_all_digits and
  * group_gid_from_text.  Failed lookups are warnings and give 0.
  */
-#include "fs/users.h"
+#include "runtime/users.h"
 
 #include "runtime/report.h"
 
