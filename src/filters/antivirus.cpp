@@ -16,12 +16,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "fs/effect.h"
 #include "fs/file_str.h"
-#include "fs/held_file.h"
 #include "fs/file_util.h"
+#include "fs/held_file.h"
 #include "mailconf/value_check.h"
-#include "proc/exec.h"
-#include "runtime/check_report.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -218,6 +217,5 @@ void restore_antivirus_settings(MYSQL *conn)
     for (const auto &q : av_queries)
         av_run_query(conn, q.query, q.failure);
     held_file_release(path);
-    if (!check_run)
-        admin_util_exec("virusctl", "-r", nullptr);
+    effects()->run_util("virusctl", "-r");
 }

@@ -7,7 +7,7 @@
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "fs/file_lock.h"
 
-#include "runtime/check_report.h"
+#include "fs/effect.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -127,22 +127,28 @@ FileLock *file_lock_open(const char *path, int open_flags, int operation, short 
 
 FileLock *file_lock(const char *path, short hashed)
 {
-    /* A check run only reads: it shares the lock with other readers and
-     * makes no lock file; a missing one has no holder to wait for. */
-    if (check_run) {
-        char *name = build_lock_path(path, hashed);
-        int missing = name != nullptr && access(name, F_OK) != 0 && errno == ENOENT;
-        free(name);
-        if (!missing)
-            return file_lock_open(path, O_RDONLY, LOCK_SH, hashed);
-        FileLock *lock = static_cast<FileLock *>(calloc(1, sizeof(FileLock)));
-        if (lock) {
-            lock->path = xasprintf("%s", md5_hex("", path));
-            lock->fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        }
-        return lock;
-    }
+    return effects()->lock(path, hashed);
+}
+
+FileLock *file_lock_exclusive(const char *path, short hashed)
+{
     return file_lock_open(path, O_RDWR | O_CREAT | O_TRUNC, LOCK_EX, hashed);
+}
+
+FileLock *file_lock_shared(const char *path, short hashed)
+{
+    /* A missing lock file has no holder to wait for, and is not made. */
+    char *name = build_lock_path(path, hashed);
+    int missing = name != nullptr && access(name, F_OK) != 0 && errno == ENOENT;
+    free(name);
+    if (!missing)
+        return file_lock_open(path, O_RDONLY, LOCK_SH, hashed);
+    FileLock *lock = static_cast<FileLock *>(calloc(1, sizeof(FileLock)));
+    if (lock) {
+        lock->path = xasprintf("%s", md5_hex("", path));
+        lock->fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    }
+    return lock;
 }
 
 FileLock *file_trylock(const char *path, short hashed)

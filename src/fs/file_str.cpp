@@ -8,6 +8,7 @@
  */
 #include "fs/file_str.h"
 
+#include "fs/effect.h"
 #include "fs/file_lock.h"
 #include "fs/held_file.h"
 #include "fs/path_at.h"
@@ -250,9 +251,7 @@ static int edit_append(PathAt *at, const char *const *lines, int *kept)
     return bad;
 }
 
-/* edit_at - stat, edit and put owner and mode back, on the file reached
- * through at; 0 or 1, the lock stays with the caller */
-static int edit_at(PathAt *at, const char *const *lines, int operation, int mode)
+int apply_edit(PathAt *at, const char *const *lines, int operation, int mode)
 {
     struct stat st;
     int missing = 0, result = 0, kept = -1;
@@ -326,7 +325,7 @@ int file_str_list(const char *path, const char *const *lines, int operation, int
         report(0, "Unable to open file %s: %s\n", path, strerror(errno));
         return fail(lock, path);
     }
-    result = edit_at(&at, lines, operation, mode);
+    result = effects()->edit(&at, lines, operation, mode);
     path_at_close(&at);
     if (result != 0)
         return fail(lock, path);

@@ -28,4 +28,10 @@ int file_put(const char *path, const char *text, uid_t uid, gid_t gid, mode_t mo
  * *step "chown" or "chmod" */
 int file_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
 
+struct PathAt;
+/* apply_edit - the edit of a file that is not held, when it is applied
+ * (the apply table of fs/effect): stat, edit, owner and mode put back on
+ * the file reached through at; 0 or 1, the lock stays with the caller */
+int apply_edit(PathAt *at, const char *const *lines, int operation, int mode);
+
 #endif

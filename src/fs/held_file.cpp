@@ -9,12 +9,12 @@
  */
 #include "fs/held_file.h"
 
+#include "fs/effect.h"
 #include "fs/file_lock.h"
 #include "fs/line_edit.h"
 #include "fs/line_store.h"
 #include "fs/path_at.h"
 #include "fs/replace_file.h"
-#include "runtime/check_report.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -76,16 +76,16 @@ static FileLock *take_lock(const char *path)
 
 /* drop_leftover - remove the "<name>.tmp" a run cut short left beside
  * path, unread: the file is held now, and only a whole replacement renamed
- * over it counts.  A check run leaves it. */
+ * over it counts (through the effects). */
 static void drop_leftover(const char *path)
 {
     char tmp_path[PATH_BUF_SIZE];
     PathAt at, tmp;
 
-    if (check_run || path_at(path, &at) != 0)
+    if (path_at(path, &at) != 0)
         return;
     if (at_temporary(&at, &tmp, tmp_path) == 0)
-        replace_file_abort(&tmp);
+        effects()->drop_leftover(&tmp);
     path_at_close(&at);
 }
 
@@ -256,27 +256,6 @@ static void report_step(const HeldFile *h, const char *step, int err)
         report(0, "Unable to write file %s.tmp: %s\n", h->path, strerror(err));
 }
 
-/* diff_shared - a check run's report on a shared file: the unified diff of
- * its text on disk (none when missing) and the copy, poppasswd's hashes
- * masked, and its owner and mode where asked for and different */
-static void diff_shared(const HeldFile *h, PathAt *at, const TextBuf *copy)
-{
-    TextBuf disk = {};
-    struct stat st;
-    int fd = at_open(at, O_RDONLY, 0);
-
-    if (fd >= 0 && (fstat(fd, &st) != 0 || read_whole(fd, &disk) != 0))
-        report(0, "Unable to read file %s: %s\n", h->path, strerror(errno));
-    size_t len = strlen(h->path);
-    check_diff(h->path, disk.data ? disk.data : "", disk.len, copy->data ? copy->data : "", copy->len,
-               len >= 10 && strcmp(h->path + len - 10, "/poppasswd") == 0);
-    if (fd >= 0) {
-        check_owner_mode(h->path, st.st_uid, st.st_gid, st.st_mode, h->uid, h->gid, h->mode);
-        close(fd);
-    }
-    text_buf_free(&disk);
-}
-
 /* fixed_in_place - 1, errno set, when no rename can replace the file at: it
  * is a mount point (EBUSY), immutable or append-only (EPERM).  Found while
  * the copies are prepared, it fails the set before the first rename, so the
@@ -312,12 +291,6 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
     if (path_at(h->path, at) == 0) {
         int asked = h->uid != static_cast<uid_t>(-1) && h->gid != static_cast<gid_t>(-1)
                     && h->mode != static_cast<mode_t>(-1);
-        if (check_run && h->durable) {
-            diff_shared(h, at, &text);
-            path_at_close(at);
-            text_buf_free(&text);
-            return 0;
-        }
         int on_disk = !asked && at_stat(at, &st) == 0 && S_ISREG(st.st_mode);
         uid_t uid = h->uid != static_cast<uid_t>(-1) ? h->uid : on_disk ? st.st_uid : geteuid();
         gid_t gid = h->gid != static_cast<gid_t>(-1) ? h->gid : on_disk ? st.st_gid : getegid();

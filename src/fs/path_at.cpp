@@ -2,8 +2,8 @@
  * path_at.h). */
 #include "fs/path_at.h"
 
+#include "fs/effect.h"
 #include "fs/remove.h"
-#include "runtime/check_report.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -120,20 +120,6 @@ static int plain_at(const char *named, PathAt *at)
         return -1;
     at->dir = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     return at->dir < 0 ? -1 : 0;
-}
-
-/* absent_dir - the stand-in of a check run for a directory that is not
- * there: a descriptor of /dev/null, in which every lookup fails */
-static int absent_dir(void)
-{
-    return open("/dev/null", O_RDONLY | O_CLOEXEC);
-}
-
-int at_absent(const PathAt *at)
-{
-    struct stat st;
-
-    return fstat(at->dir, &st) == 0 && S_ISCHR(st.st_mode);
 }
 
 /* kept - fd is one of the directories kept open between calls */
@@ -285,8 +271,8 @@ int path_at(const char *path, PathAt *at)
         depth = 2;
     } else {
         dir = mail_names_dir();
-        if (dir < 0 && check_run)
-            dir = absent_dir();
+        if (dir < 0)
+            dir = effects()->missing_dir(path);
         if (dir < 0)
             return -1;
     }
@@ -317,11 +303,10 @@ int path_at(const char *path, PathAt *at)
         int sub = depth == 1 ? domain_dir(dir, at->name)
                              : openat(dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
         int err = errno;
-        /* A check run goes on below a directory that is missing or is not
-         * one (reported where it was expected), through a stand-in in
-         * which nothing exists. */
-        if (sub < 0 && check_run)
-            sub = absent_dir();
+        /* Below a directory that is missing or is not one, the walk goes
+         * on where the effects say (nowhere, when they are applied). */
+        if (sub < 0 && (sub = effects()->missing_dir(path)) < 0)
+            errno = err;
         if (!kept(dir))
             close(dir);
         if (sub < 0) {
@@ -364,23 +349,18 @@ int at_temporary(const PathAt *at, PathAt *tmp, char *tmp_path)
     return 0;
 }
 
-/* replace_foreign - move the foreign object at the last name aside, in one
+/* apply_set_aside - move the foreign object at the last name aside, in one
  * step, with one warning naming the path, and remove it there; 0, or -1
  * with errno when it could not be moved.  A link that root owns is
  * neither followed nor moved: root made it on purpose, and the caller
  * skips the object it wanted there (ELOOP).  A removal that fails leaves
  * the object aside, with a warning, and is no failure: what popuser
  * planted can cost it a name, never the run. */
-static int replace_foreign(PathAt *at, const char *kind)
+int apply_set_aside(PathAt *at, const char *kind)
 {
     char aside[32];
     struct stat st;
 
-    if (check_run) {
-        check_note("foreign", at->path);
-        errno = EEXIST;
-        return -1;
-    }
     if (fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT ? 0 : -1;
     if (S_ISLNK(st.st_mode) && st.st_uid == 0) {
@@ -425,7 +405,7 @@ int at_clear_foreign(PathAt *at)
     if (!at->guarded || fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0
         || (S_ISREG(st.st_mode) && st.st_nlink == 1))
         return 0;
-    return replace_foreign(at, "file");
+    return effects()->set_aside(at, "file");
 }
 
 int at_open(PathAt *at, int flags, mode_t mode)
@@ -462,7 +442,7 @@ int at_open(PathAt *at, int flags, mode_t mode)
             errno = ELOOP;
             return -1;
         }
-        if (replace_foreign(at, "file") != 0)
+        if (effects()->set_aside(at, "file") != 0)
             return -1;
         if (!(flags & O_CREAT)) {
             errno = ENOENT;
@@ -485,27 +465,37 @@ int path_open(const char *path, int flags, mode_t mode)
     return fd;
 }
 
+/* open_dir_at - the last name opened as a directory: a trusted link
+ * through open_trusted_link, anything guarded without following a link */
+static int open_dir_at(PathAt *at)
+{
+    if (at->trusted_link)
+        return open_trusted_link(at->dir, at->name);
+    return openat(at->dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (at->guarded ? O_NOFOLLOW : 0));
+}
+
 int at_dir(PathAt *at, mode_t mode, int *made)
 {
-    int nofollow = at->guarded ? O_NOFOLLOW : 0;
-    int set_aside = 0;
-
     if (made)
         *made = 0;
+    int fd = open_dir_at(at);
+    if (fd >= 0 || at->trusted_link)
+        return fd;
+    /* Missing, or something else stands there: the effects make it, or
+     * report it. */
+    return effects()->make_dir(at, mode, made);
+}
+
+int apply_make_dir(PathAt *at, mode_t mode, int *made)
+{
+    int set_aside = 0;
+
     /* One foreign object is set aside; one that keeps coming back (or a
      * directory that keeps vanishing) is given up with ELOOP. */
     for (int attempt = 0; attempt < 4; attempt++) {
-        int fd = at->trusted_link ? open_trusted_link(at->dir, at->name)
-                                  : openat(at->dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | nofollow);
-        if (fd >= 0 || at->trusted_link)
+        int fd = open_dir_at(at);
+        if (fd >= 0)
             return fd;
-        /* A check run reports what a restore would make or replace, and
-         * goes on inside a stand-in. */
-        if (check_run) {
-            if (!at_absent(at))
-                check_note(errno == ENOENT ? "missing" : "foreign", at->path);
-            return absent_dir();
-        }
         if (errno == ENOENT) {
             if (mkdirat(at->dir, at->name, mode) == 0) {
                 if (made)
@@ -518,7 +508,7 @@ int at_dir(PathAt *at, mode_t mode, int *made)
         } else if (set_aside++ > 0) {
             errno = ELOOP;
             return -1;
-        } else if (replace_foreign(at, "directory") != 0) {
+        } else if (effects()->set_aside(at, "directory") != 0) {
             return -1;
         }
     }
@@ -532,8 +522,7 @@ DIR *path_opendir(const char *path)
 
     if (path_at(path, &at) != 0)
         return nullptr;
-    int fd = at.trusted_link ? open_trusted_link(at.dir, at.name)
-                             : openat(at.dir, at.name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (at.guarded ? O_NOFOLLOW : 0));
+    int fd = open_dir_at(&at);
     int err = errno;
     path_at_close(&at);
     DIR *d = fd < 0 ? nullptr : fdopendir(fd);
@@ -558,17 +547,33 @@ int path_stat(const char *path, struct stat *st)
     return rc;
 }
 
+int apply_remove_file(PathAt *at)
+{
+    return unlinkat(at->dir, at->name, 0);
+}
+
+int apply_missing_dir(const char *path)
+{
+    (void)path;
+    return -1;
+}
+
 int path_rmdir(const char *path)
 {
     PathAt at;
 
     if (path_at(path, &at) != 0)
         return -1;
-    int rc = unlinkat(at.dir, at.name, AT_REMOVEDIR);
+    int rc = effects()->remove_dir(at.dir, at.name);
     int err = errno;
     path_at_close(&at);
     errno = err;
     return rc;
+}
+
+int apply_remove_dir(int dir, const char *name)
+{
+    return unlinkat(dir, name, AT_REMOVEDIR);
 }
 
 int at_stat(PathAt *at, struct stat *st)
@@ -578,17 +583,17 @@ int at_stat(PathAt *at, struct stat *st)
 
 int fd_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
 {
+    return effects()->owner_mode(fd, path, uid, gid, mode, step);
+}
+
+int apply_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
+{
     struct stat st;
 
+    (void)path;
     *step = "chown";
     if (fstat(fd, &st) != 0)
         return -1;
-    if (S_ISCHR(st.st_mode))
-        return 0;
-    if (check_run) {
-        check_owner_mode(path, st.st_uid, st.st_gid, st.st_mode, uid, gid, mode);
-        return 0;
-    }
     if (((uid != static_cast<uid_t>(-1) && st.st_uid != uid) || (gid != static_cast<gid_t>(-1) && st.st_gid != gid))
         && fchown(fd, uid, gid) != 0)
         return -1;

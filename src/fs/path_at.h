@@ -91,9 +91,10 @@ int at_in_the_way(int err);
  * -1 with errno when it cannot be removed */
 int at_clear_foreign(PathAt *at);
 
-/* at_dir - the last name as a directory, made with mode when missing, and
- * opened; a foreign object is replaced.  The descriptor, or -1 with errno;
- * *made tells whether it was created (may be null) */
+/* at_dir - the last name as a directory, opened; one that is missing or
+ * not a directory goes to the effects, which make it with mode (a foreign
+ * object set aside first) or report it.  The descriptor, or -1 with
+ * errno; *made tells whether it was created (may be null) */
 int at_dir(PathAt *at, mode_t mode, int *made);
 
 /* path_opendir - the directory at path, reached and opened as path_at and
@@ -111,17 +112,26 @@ int path_rmdir(const char *path);
 /* at_stat - fstatat of the last name, links not followed when guarded */
 int at_stat(PathAt *at, struct stat *st);
 
-/* at_absent - 1 when at lies below a directory a check run found missing */
-int at_absent(const PathAt *at);
-
 /* fd_owner_mode - give the open file or directory fd (path names it) uid,
- * gid and mode, each only where it differs (-1: left as it is); in a check
- * run, report the differences instead.  0, or -1 with errno and *step */
+ * gid and mode, each only where it differs (-1: left as it is), through
+ * the effects (see fs/effect).  0, or -1 with errno and *step */
 int fd_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
 
 /* path_owner_mode - give the file or directory at path uid, gid and mode
  * through a descriptor of it; 0, or -1 with errno and *step "chown" or
  * "chmod" (a missing or foreign object fails the chown) */
 int path_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
+
+/* The changes made here when they are applied (the apply table of
+ * fs/effect): at_dir's making of a directory that is missing or not one,
+ * fd_owner_mode's change, setting a foreign object aside, removing an
+ * empty directory or a file, and a missing directory that is nothing to
+ * go on with. */
+int apply_make_dir(PathAt *at, mode_t mode, int *made);
+int apply_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
+int apply_set_aside(PathAt *at, const char *kind);
+int apply_remove_dir(int dir, const char *name);
+int apply_remove_file(PathAt *at);
+int apply_missing_dir(const char *path);
 
 #endif

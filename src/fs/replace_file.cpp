@@ -2,7 +2,7 @@
  * replace_file.h). */
 #include "fs/replace_file.h"
 
-#include "runtime/check_report.h"
+#include "fs/effect.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -18,7 +18,7 @@ static const size_t PATH_BUF_SIZE = 4096;
 
 /* same_bytes - 1 when the open file fd holds exactly len bytes equal to
  * text (its size is already known to be len) */
-static int same_bytes(int fd, const char *text, size_t len)
+int same_bytes(int fd, const char *text, size_t len)
 {
     char chunk[4096];
     size_t done = 0;
@@ -79,39 +79,17 @@ static int write_whole(int fd, const char *text, size_t len)
     return 0;
 }
 
-/* report_drift - a check run's lines for a file that does not match: what
- * is wrong with it, and nothing when it lies in a directory already
- * reported missing */
-static void report_drift(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode)
-{
-    struct stat st;
-
-    if (at_absent(at))
-        return;
-    int fd = openat(at->dir, at->name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW);
-    if (fd < 0 && errno == ENOENT)
-        check_note("missing", at->path);
-    else if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || (at->guarded && st.st_nlink != 1))
-        check_note("foreign", at->path);
-    else {
-        check_owner_mode(at->path, st.st_uid, st.st_gid, st.st_mode, uid, gid, mode);
-        if (st.st_size != static_cast<off_t>(len) || !same_bytes(fd, text, len))
-            check_note("wrong-content", at->path);
-    }
-    if (fd >= 0)
-        close(fd);
-}
-
 int replace_file_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
                          int durable, const char **step, PathAt *tmp, char *tmp_path)
 {
+    return effects()->replace_prepare(at, text, len, uid, gid, mode, durable, step, tmp, tmp_path);
+}
+
+int apply_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
+                          int durable, const char **step, PathAt *tmp, char *tmp_path)
+{
     if (file_matches_at(at, text, len, uid, gid, mode))
         return 0;
-    /* A check run reports the file and leaves it. */
-    if (check_run) {
-        report_drift(at, text, len, uid, gid, mode);
-        return 0;
-    }
     *step = "open";
     if (at_clear_foreign(at) != 0 || at_temporary(at, tmp, tmp_path) != 0)
         return -1;
@@ -146,6 +124,11 @@ int replace_file_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gi
 }
 
 int replace_file_commit(PathAt *at, PathAt *tmp, int durable, const char **step)
+{
+    return effects()->replace_commit(at, tmp, durable, step);
+}
+
+int apply_replace_commit(PathAt *at, PathAt *tmp, int durable, const char **step)
 {
     *step = "rename";
     if (renameat(tmp->dir, tmp->name, at->dir, at->name) != 0) {

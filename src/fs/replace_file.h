@@ -48,4 +48,15 @@ int file_matches(const char *path, const char *text, size_t len, uid_t uid, gid_
 
 unsigned long replace_count(void);
 
+/* same_bytes - 1 when the open file fd, already known to be len bytes
+ * long, holds exactly text */
+int same_bytes(int fd, const char *text, size_t len);
+
+/* apply_replace_prepare, apply_replace_commit - the two halves when the
+ * replacement is applied (the apply table of fs/effect); replace_file_*
+ * go through the effects */
+int apply_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
+                          int durable, const char **step, PathAt *tmp, char *tmp_path);
+int apply_replace_commit(PathAt *at, PathAt *tmp, int durable, const char **step);
+
 #endif

@@ -2,10 +2,12 @@
  * record (see mailbox.h). */
 #include "mailconf/mailbox.h"
 
+#include "fs/effect.h"
 #include "fs/file_str.h"
 #include "fs/file_util.h"
 #include "fs/held_file.h"
 #include "fs/path_at.h"
+#include "fs/replace_file.h"
 #include "fs/tree.h"
 #include "mailconf/idn.h"
 #include "mailconf/qmail_common.h"
@@ -62,7 +64,7 @@ struct Made {
     int saved = errno;
 
     for (int i = made->count - 1; i >= 0; i--)
-        unlinkat(made->parent[i], made->name[i], AT_REMOVEDIR);
+        effects()->remove_dir(made->parent[i], made->name[i]);
     errno = saved;
     report(1, "%s", message);
     report_exit(1);
@@ -114,8 +116,8 @@ static int skip_tree(const char *path)
 
 /* start_qmail - the home's delivery file started empty, owned by popuser
  * with mode 0600: in the rebuild's memory when it holds the file (written
- * at the mailbox's end, and only when it differs), else on disk through the
- * home's descriptor; then its first line */
+ * at the mailbox's end, and only when it differs), else replaced on disk
+ * through the home's descriptor; then its first line */
 static void start_qmail(int home_fd, const char *home)
 {
     char path[QMAIL_BUF_SIZE];
@@ -127,17 +129,17 @@ static void start_qmail(int home_fd, const char *home)
     if (held_file_reset(path, "") == 0) {
         held_file_owner(path, add_popuser.uid, add_popuser.gid, 0600);
     } else {
+        /* Emptied by a whole replacement, never cut in place. */
+        const char *step;
         at_child(&at, home_fd, ".qmail", path);
-        int fd = at_open(&at, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd < 0) {
+        if (replace_file_at(&at, "", 0, add_popuser.uid, add_popuser.gid, 0600, 0, &step) < 0) {
+            if (strcmp(step, "chown") == 0)
+                report(1, "Unable to chown .qmail file: %s", strerror(errno));
+            if (strcmp(step, "chmod") == 0)
+                report(1, "Unable to chmod .qmail file: %s", strerror(errno));
             report(0, "Unable to truncate or create file %s: %s", path, strerror(errno));
             report(1, "Unable to create %s file\n", ".qmail");
         }
-        if (fchown(fd, add_popuser.uid, add_popuser.gid) != 0)
-            report(1, "Unable to chown .qmail file: %s", strerror(errno));
-        if (fchmod(fd, 0600) != 0)
-            report(1, "Unable to chmod .qmail file: %s", strerror(errno));
-        close(fd);
     }
     /* Edited by its full path, as the delivery writers spell it: its named
      * lock is then the one they and the panel's other tools take. */

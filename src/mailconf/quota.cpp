@@ -2,12 +2,12 @@
  * (see quota.h). */
 #include "mailconf/quota.h"
 
+#include "fs/effect.h"
 #include "fs/file_lock.h"
 #include "fs/path_at.h"
 #include "fs/replace_file.h"
 #include "mailconf/qmail_common.h"
 #include "mailconf/value_check.h"
-#include "runtime/check_report.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 #include "runtime/users.h"
@@ -140,11 +140,8 @@ int remove_mbox_quota(const char *domain, const char *mail_name)
         return 0;
     }
     int rc = 1;
-    /* Removing never follows a link: a link planted there goes itself.  A
-     * check run reports the file the panel no longer wants. */
-    if (check_run)
-        check_note("surplus", path);
-    else if (unlinkat(at.dir, at.name, 0) != 0) {
+    /* Removing never follows a link: a link planted there goes itself. */
+    if (effects()->remove_file(&at) != 0) {
         report(0, "System Error: can not remove quota file %s\n", path);
         rc = 0;
     }

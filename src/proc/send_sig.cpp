@@ -3,7 +3,7 @@
  * and sent once when the deferral ends. */
 #include "proc/send_sig.h"
 
-#include "runtime/check_report.h"
+#include "fs/effect.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -21,13 +21,16 @@ static struct {
 static int deferred_count;
 static int deferring;
 
-/* send_now - the pipeline itself; a check run signals nothing */
+/* send_now - the signal, through the effects (see fs/effect) */
 static int send_now(const char *name, int sig)
+{
+    return effects()->signal(name, sig);
+}
+
+int apply_signal(const char *name, int sig)
 {
     char cmd[CMD_BUF_SIZE];
 
-    if (check_run)
-        return 0;
     /* "<pid> <command>" lines; a digit and one space must stand right before
      * the name, so a process whose name merely ends in it is left alone. */
     snprintf(cmd, sizeof(cmd),

@@ -8,15 +8,18 @@
  * rebuild pass, the spam-filter pass and the finishing steps (qmail-newu,
  * qmail restart) as the mode asks.  Its result, the exit status, is that of
  * qmail-newu ORed with that of the restart.  A check run makes the rebuild
- * pass compare instead of write (runtime/check_report) and nothing else:
+ * pass compare instead of write (the check table of effects, reporting
+ * through restore/check_report) and nothing else:
  * its status is 0 when the disk matches the panel, 2 when it does not.
  */
 #include "restore/command.h"
 
 #include "db/component.h"
 #include "filters/spam.h"
+#include "restore/apply_effects.h"
+#include "restore/check_effects.h"
+#include "restore/check_report.h"
 #include "restore/rebuild.h"
-#include "runtime/check_report.h"
 #include "runtime/config.h"
 #include "runtime/process_start.h"
 #include "runtime/report.h"
@@ -87,6 +90,9 @@ int rebox_main(int argc, char **argv)
     const char *mode = parse_mode(argv[1], &with_spam, &spam_only, &check_run);
     if (mode == nullptr)
         usage();
+    /* The one place that chooses: every layer below changes the system
+     * through this table, or only reports what it would change. */
+    effects_use(check_run ? &CHECK_EFFECTS : &APPLY_EFFECTS);
     if (argc == 3) {
         if (strcmp(argv[2], "daemon-mode") != 0 && strcmp(argv[2], "--daemon-mode") != 0)
             usage();

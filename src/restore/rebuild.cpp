@@ -76,7 +76,7 @@
 #include "proc/send_sig.h"
 #include "proc/service.h"
 #include "restore/hash_ahead.h"
-#include "runtime/check_report.h"
+#include "restore/check_report.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 #include "runtime/users.h"

@@ -5,7 +5,7 @@
  * DIFF_MAX_EDITS lines is shown as all of its old lines removed and all of
  * its new lines added, which keeps the memory of the search bounded.
  */
-#include "runtime/check_report.h"
+#include "restore/check_report.h"
 
 #include <stdio.h>
 #include <string.h>

@@ -1,0 +1,57 @@
+/* effect - the one door through which a run changes the system.
+ *
+ * Every change a run may make goes through the table of effects chosen for
+ * the process with effects_use(): a directory opened or made, an owner and
+ * mode set, a foreign object set aside, a file replaced (written beside
+ * itself, then renamed), a file edited in place, a file or an empty
+ * directory removed, a leftover temporary file dropped, a named lock
+ * taken, processes signalled by name and a sibling utility run.  The
+ * layers below the command call through effects() and never learn which
+ * table runs: the command's apply table makes the changes, its check table
+ * compares and reports them and writes nothing, undo paths included.
+ *
+ * missing_dir() is what a walk of the mail tree goes on with below a
+ * directory that is not there: nothing (-1, errno kept) when changes are
+ * applied, a directory in which nothing exists when they are only
+ * reported.
+ */
+#ifndef REBOX_FS_EFFECT_H
+#define REBOX_FS_EFFECT_H
+
+#include <stddef.h>
+#include <sys/types.h>
+
+struct PathAt;
+struct FileLock;
+
+struct Effects {
+    /* at_dir: the last name as a directory, opened or made */
+    int (*make_dir)(PathAt *at, mode_t mode, int *made);
+    /* fd_owner_mode: owner, group and mode of an open object */
+    int (*owner_mode)(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
+    /* a foreign object at the last name moved aside and removed */
+    int (*set_aside)(PathAt *at, const char *kind);
+    /* replace_file_prepare and replace_file_commit */
+    int (*replace_prepare)(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
+                           int durable, const char **step, PathAt *tmp, char *tmp_path);
+    int (*replace_commit)(PathAt *at, PathAt *tmp, int durable, const char **step);
+    /* file_str's edit of a file that is not held in memory */
+    int (*edit)(PathAt *at, const char *const *lines, int operation, int mode);
+    /* a file the panel no longer has; 0, or -1 with errno */
+    int (*remove_file)(PathAt *at);
+    /* an empty directory this run made, taken back */
+    int (*remove_dir)(int dir, const char *name);
+    /* a temporary file a cut run left */
+    void (*drop_leftover)(PathAt *tmp);
+    FileLock *(*lock)(const char *path, short hashed);
+    int (*missing_dir)(const char *path);
+    int (*signal)(const char *name, int sig);
+    /* a sibling utility with one argument; its run result */
+    int (*run_util)(const char *name, const char *arg);
+};
+
+/* effects - the table of this process (the command's choice) */
+const Effects *effects(void);
+void effects_use(const Effects *table);
+
+#endif

@@ -1,0 +1,221 @@
+/* check_effects - the effects of a check run: compare and report (see
+ * check_effects.h). */
+#include "restore/check_effects.h"
+
+#include "fs/file_lock.h"
+#include "fs/path_at.h"
+#include "fs/replace_file.h"
+#include "restore/check_report.h"
+#include "runtime/report.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+/* absent - 1 when at lies in the stand-in of a directory already reported
+ * missing (a character device, in which every lookup fails) */
+static int absent(int dir)
+{
+    struct stat st;
+
+    return fstat(dir, &st) == 0 && S_ISCHR(st.st_mode);
+}
+
+/* stand_in - what the walk goes on with below a missing directory */
+static int stand_in(const char *path)
+{
+    (void)path;
+    return open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+/* check_make_dir - a directory at_dir found missing or of another kind */
+static int check_make_dir(PathAt *at, mode_t mode, int *made)
+{
+    (void)mode;
+    (void)made;
+    if (!absent(at->dir))
+        check_note(errno == ENOENT ? "missing" : "foreign", at->path);
+    return stand_in(at->path);
+}
+
+/* check_owner_mode_fx - the owner, group and mode an object would get */
+static int check_owner_mode_fx(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode,
+                               const char **step)
+{
+    struct stat st;
+
+    *step = "chown";
+    if (fstat(fd, &st) != 0)
+        return -1;
+    if (!S_ISCHR(st.st_mode))
+        check_owner_mode(path, st.st_uid, st.st_gid, st.st_mode, uid, gid, mode);
+    return 0;
+}
+
+/* check_set_aside - a foreign object the run would set aside */
+static int check_set_aside(PathAt *at, const char *kind)
+{
+    (void)kind;
+    check_note("foreign", at->path);
+    errno = EEXIST;
+    return -1;
+}
+
+/* read_file_at - the whole content of the file reached through at into
+ * text; 0, or -1 when it cannot be opened (text empty) */
+static int read_file_at(PathAt *at, std::string &text, struct stat *st)
+{
+    char chunk[4096];
+    int fd = at_open(at, O_RDONLY, 0);
+
+    text.clear();
+    if (fd < 0)
+        return -1;
+    if (fstat(fd, st) != 0) {
+        close(fd);
+        return -1;
+    }
+    for (ssize_t got; (got = read(fd, chunk, sizeof(chunk))) != 0;) {
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0) {
+            report(0, "Unable to read file %s: %s\n", at->path, strerror(errno));
+            break;
+        }
+        text.append(chunk, static_cast<size_t>(got));
+    }
+    close(fd);
+    return 0;
+}
+
+/* diff_shared - a shared file's report: the unified diff of its text on
+ * disk (none when missing) and the new one, poppasswd's hashes masked, and
+ * its owner and mode where they differ */
+static void diff_shared(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode)
+{
+    std::string disk;
+    struct stat st;
+    int found = read_file_at(at, disk, &st) == 0;
+    size_t plen = strlen(at->path);
+
+    check_diff(at->path, disk.data(), disk.size(), text, len,
+               plen >= 10 && strcmp(at->path + plen - 10, "/poppasswd") == 0);
+    if (found)
+        check_owner_mode(at->path, st.st_uid, st.st_gid, st.st_mode, uid, gid, mode);
+}
+
+/* report_drift - what is wrong with a file that does not match; nothing
+ * when it lies in a directory already reported missing */
+static void report_drift(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode)
+{
+    struct stat st;
+
+    if (absent(at->dir))
+        return;
+    int fd = openat(at->dir, at->name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW);
+    if (fd < 0 && errno == ENOENT)
+        check_note("missing", at->path);
+    else if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || (at->guarded && st.st_nlink != 1))
+        check_note("foreign", at->path);
+    else {
+        check_owner_mode(at->path, st.st_uid, st.st_gid, st.st_mode, uid, gid, mode);
+        if (st.st_size != static_cast<off_t>(len) || !same_bytes(fd, text, len))
+            check_note("wrong-content", at->path);
+    }
+    if (fd >= 0)
+        close(fd);
+}
+
+/* check_replace_prepare - a replacement the run would make, reported; never
+ * ready to commit */
+static int check_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid,
+                                 mode_t mode, int durable, const char **step, PathAt *tmp,
+                                 char *tmp_path)
+{
+    (void)step;
+    (void)tmp;
+    (void)tmp_path;
+    if (durable)
+        diff_shared(at, text, len, uid, gid, mode);
+    else if (!file_matches_at(at, text, len, uid, gid, mode))
+        report_drift(at, text, len, uid, gid, mode);
+    return 0;
+}
+
+/* check_replace_commit - nothing is ever prepared, so nothing commits */
+static int check_replace_commit(PathAt *at, PathAt *tmp, int durable, const char **step)
+{
+    (void)at;
+    (void)tmp;
+    (void)durable;
+    (void)step;
+    return 0;
+}
+
+/* check_edit - a file that is not held would be edited in place: reported
+ * as differing */
+static int check_edit(PathAt *at, const char *const *lines, int operation, int mode)
+{
+    (void)lines;
+    (void)operation;
+    (void)mode;
+    check_note("wrong-content", at->path);
+    return 0;
+}
+
+/* check_remove_file - a file the panel no longer has */
+static int check_remove_file(PathAt *at)
+{
+    check_note("surplus", at->path);
+    return 0;
+}
+
+/* check_remove_dir - nothing was made, so nothing is taken back */
+static int check_remove_dir(int dir, const char *name)
+{
+    (void)dir;
+    (void)name;
+    return 0;
+}
+
+/* check_drop_leftover - a leftover temporary file stays */
+static void check_drop_leftover(PathAt *tmp)
+{
+    (void)tmp;
+}
+
+/* check_signal - no process is signalled */
+static int check_signal(const char *name, int sig)
+{
+    (void)name;
+    (void)sig;
+    return 0;
+}
+
+/* check_run_util - no program is run */
+static int check_run_util(const char *name, const char *arg)
+{
+    (void)name;
+    (void)arg;
+    return 0;
+}
+
+const Effects CHECK_EFFECTS = {
+    .make_dir = check_make_dir,
+    .owner_mode = check_owner_mode_fx,
+    .set_aside = check_set_aside,
+    .replace_prepare = check_replace_prepare,
+    .replace_commit = check_replace_commit,
+    .edit = check_edit,
+    .remove_file = check_remove_file,
+    .remove_dir = check_remove_dir,
+    .drop_leftover = check_drop_leftover,
+    .lock = file_lock_shared,
+    .missing_dir = stand_in,
+    .signal = check_signal,
+    .run_util = check_run_util,
+};

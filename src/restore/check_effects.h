@@ -1,0 +1,21 @@
+/* check_effects - the table of effects of a check run.
+ *
+ * CHECK_EFFECTS compares what a run would change with the disk and
+ * reports the difference through check_report instead of changing
+ * anything: a directory that is missing or of another kind, an owner or
+ * mode that differs, a foreign object, a file whose content differs (a
+ * unified diff for the shared files, flushed to the disk when replaced),
+ * a file the panel no longer has.  Below a directory that is not there the
+ * walk goes on in a stand-in in which nothing exists, and nothing below it
+ * is reported again.  Locks are taken shared and only where their lock
+ * files exist; no process is signalled, no program run, nothing removed,
+ * made or written: undo paths have nothing to take back.
+ */
+#ifndef REBOX_RESTORE_CHECK_EFFECTS_H
+#define REBOX_RESTORE_CHECK_EFFECTS_H
+
+#include "fs/effect.h"
+
+extern const Effects CHECK_EFFECTS;
+
+#endif
