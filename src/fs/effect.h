@@ -3,8 +3,8 @@
  * Every change a run may make goes through the table of effects chosen for
  * the process with effects_use(): a directory opened or made, an owner and
  * mode set, a foreign object set aside, a file replaced (written beside
- * itself, then renamed), a file edited in place, a file or an empty
- * directory removed, a leftover temporary file dropped, a named lock
+ * itself, then renamed), a file edited in place, an object the panel no
+ * longer has removed, an empty directory the run made taken back, a leftover temporary file dropped, a named lock
  * taken, processes signalled by name and a sibling utility run.  The
  * layers below the command call through effects() and never learn which
  * table runs: the command's apply table makes the changes, its check table
@@ -37,8 +37,9 @@ struct Effects {
     int (*replace_commit)(PathAt *at, PathAt *tmp, int durable, const char **step);
     /* file_str's edit of a file that is not held in memory */
     int (*edit)(PathAt *at, const char *const *lines, int operation, int mode);
-    /* a file the panel no longer has; 0, or -1 with errno */
-    int (*remove_file)(PathAt *at);
+    /* an object the panel no longer has: a file, or a directory with
+     * everything in it; 0, or -1 with errno */
+    int (*remove)(PathAt *at);
     /* an empty directory this run made, taken back */
     int (*remove_dir)(int dir, const char *name);
     /* a temporary file a cut run left */

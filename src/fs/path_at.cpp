@@ -547,9 +547,9 @@ int path_stat(const char *path, struct stat *st)
     return rc;
 }
 
-int apply_remove_file(PathAt *at)
+int apply_remove(PathAt *at)
 {
-    return unlinkat(at->dir, at->name, 0);
+    return remove_tree_at(at->dir, at->name, 1);
 }
 
 int apply_missing_dir(const char *path)

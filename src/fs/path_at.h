@@ -125,13 +125,13 @@ int path_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const c
 /* The changes made here when they are applied (the apply table of
  * fs/effect): at_dir's making of a directory that is missing or not one,
  * fd_owner_mode's change, setting a foreign object aside, removing an
- * empty directory or a file, and a missing directory that is nothing to
- * go on with. */
+ * empty directory or an object with everything in it, and a missing
+ * directory that is nothing to go on with. */
 int apply_make_dir(PathAt *at, mode_t mode, int *made);
 int apply_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
 int apply_set_aside(PathAt *at, const char *kind);
 int apply_remove_dir(int dir, const char *name);
-int apply_remove_file(PathAt *at);
+int apply_remove(PathAt *at);
 int apply_missing_dir(const char *path);
 
 #endif

@@ -8,6 +8,7 @@
  */
 #include "fs/tree.h"
 
+#include "fs/effect.h"
 #include "fs/file_util.h"
 #include "fs/path_at.h"
 #include "fs/remove.h"
@@ -187,7 +188,9 @@ void remove_tree(const char *path, int top)
             return;
         report(1, "Unable to get entry %s: %s\n", path, strerror(errno));
     }
-    if (remove_tree_at(at.dir, at.name, top) != 0)
+    /* The whole path goes through the effects; emptying a directory that
+     * stays is this library's own, and no run asks for it. */
+    if ((top ? effects()->remove(&at) : remove_tree_at(at.dir, at.name, 0)) != 0)
         report(1, "Unable to remove dir %s: %s\n", path, strerror(errno));
     path_at_close(&at);
 }

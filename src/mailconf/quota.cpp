@@ -141,7 +141,7 @@ int remove_mbox_quota(const char *domain, const char *mail_name)
     }
     int rc = 1;
     /* Removing never follows a link: a link planted there goes itself. */
-    if (effects()->remove_file(&at) != 0) {
+    if (effects()->remove(&at) != 0) {
         report(0, "System Error: can not remove quota file %s\n", path);
         rc = 0;
     }

@@ -167,8 +167,8 @@ static int check_edit(PathAt *at, const char *const *lines, int operation, int m
     return 0;
 }
 
-/* check_remove_file - a file the panel no longer has */
-static int check_remove_file(PathAt *at)
+/* check_remove - an object the panel no longer has */
+static int check_remove(PathAt *at)
 {
     check_note("surplus", at->path);
     return 0;
@@ -211,7 +211,7 @@ const Effects CHECK_EFFECTS = {
     .replace_prepare = check_replace_prepare,
     .replace_commit = check_replace_commit,
     .edit = check_edit,
-    .remove_file = check_remove_file,
+    .remove = check_remove,
     .remove_dir = check_remove_dir,
     .drop_leftover = check_drop_leftover,
     .lock = file_lock_shared,
