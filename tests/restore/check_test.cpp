@@ -64,3 +64,33 @@ TEST(Check, ReportsEachDriftAndChangesNothing)
     run_command("rmdir \"$REBOX_SANDBOX\"/qmail/mailnames/example.com/zulu");
     EXPECT_EQ(run_command(REBOX_EXE " --check").status, 0);
 }
+
+/* A check on a server where every writer's failure and repair paths would
+ * fire (directories missing, foreign objects in the tree, root's dangling
+ * domain link, a refused chown, a quota the panel dropped, a leftover
+ * temporary file): every one is reported, nothing on disk changes. */
+TEST(Check, TouchesNothingWhereEveryRepairWouldFire)
+{
+    REQUIRE_SANDBOX();
+    ASSERT_NO_FATAL_FAILURE(testdb_reset());
+    ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
+    ASSERT_EQ(fresh_run(REBOX_EXE " --without-spam").run.status, 0);
+    testdb_exec("UPDATE mail SET mbox_quota=-1");
+    ASSERT_EQ(run_command("cd \"$REBOX_SANDBOX/qmail\" && echo junk > users/assign.tmp && cd mailnames && "
+                          "rm -r example.com/bravo/Maildir xn--bcher-kva.example && "
+                          "ln -s \"$REBOX_SANDBOX/nodisk\" xn--bcher-kva.example && "
+                          "rm example.com/alpha/.qmail && mkdir -p example.com/alpha/.qmail/deep && "
+                          "ln -s /etc example.com/charlie/Maildir/cur.x && rm -r example.com/charlie/Maildir/cur && "
+                          "mv example.com/charlie/Maildir/cur.x example.com/charlie/Maildir/cur && "
+                          "chown -h $REBOX_POPUSER_UID example.com/charlie/Maildir/cur && "
+                          "chown 0:0 example.com/delta/Maildir && chattr +i example.com/delta/Maildir")
+                  .status,
+              0);
+    std::string before = disk();
+    CommandResult r = run_command(REBOX_EXE " --check");
+    EXPECT_EQ(disk(), before);
+    run_command("chattr -i \"$REBOX_SANDBOX\"/qmail/mailnames/example.com/delta/Maildir");
+    EXPECT_EQ(r.status, 2) << r.err;
+    for (const char *line : {"missing ", "foreign ", "wrong-owner ", "surplus "})
+        EXPECT_TRUE(has(r.out, line)) << line << r.out;
+}
