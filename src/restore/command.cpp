@@ -97,6 +97,7 @@ int rebox_main(int argc, char **argv)
         if (strcmp(argv[2], "daemon-mode") != 0 && strcmp(argv[2], "--daemon-mode") != 0)
             usage();
         /* Detached, the terminal is gone: messages go to syslog as well. */
+        process_start_restore_output();
         (void)!daemon(0, 0);
         report_syslog_start(mode);
     }

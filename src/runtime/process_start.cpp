@@ -25,25 +25,65 @@
  *   it, and one open on a lock file the caller had locked would hold that
  *   named lock against us for the whole run, so that we waited on
  *   ourselves for ever.
+ * - The working directory becomes /.  The caller's directory is its own
+ *   choice, and every child we start as root (spamctl, the init scripts)
+ *   would run there, resolving relative names inside it.
+ * - The interval timers (real, virtual and profiling) are cleared, and with
+ *   the real one any pending alarm.  They survive exec: a caller's timer
+ *   would end the run with SIGALRM, SIGVTALRM or SIGPROF at a moment of its
+ *   choosing, between the two renames of a pair of shared files or with
+ *   the named locks held.
  * - Ignored signals go back to their default action and the signal mask is
  *   emptied.  execve() resets caught signals but keeps ignored and blocked
  *   ones: an ignored SIGCHLD would make waiting for children fail, an
  *   ignored or blocked SIGPIPE, SIGXFSZ or SIGTERM would change how we and
  *   our children end.  Handlers installed before main() by our own runtime
  *   are not the caller's and stay.
+ * - Then SIGTSTP, SIGTTIN and SIGTTOU are ignored, so that the caller's
+ *   terminal cannot stop the run while it holds the named locks every other
+ *   panel tool waits for.  Our children inherit that on purpose: we wait
+ *   for each of them with the locks held, so a stopped child would stop the
+ *   run just the same.  Unlike the signals above, these three change
+ *   nothing in how a child ends: only the terminal cannot stop it, a read
+ *   from a terminal it does not own fails instead of stopping it, and
+ *   programs that want job control (shells, pagers) install their own
+ *   handlers.  Ignoring beats catching here: a caught SIGTTOU makes the
+ *   kernel restart a background write to a TOSTOP terminal for ever.
+ * - Standard output and error are made non-blocking where they are pipes,
+ *   FIFOs or sockets, so that a caller that never reads them cannot keep
+ *   the run waiting on a full buffer with the named locks held: a message
+ *   that does not fit is dropped from that stream (the C library discards
+ *   what a failed flush could not write) and still goes to syslog when the
+ *   run is detached.  A child writing to them gets EAGAIN instead of
+ *   hanging us.  The flag sits on the open file description, which the
+ *   caller shares (a pipe cannot be reopened as a private one), so it is
+ *   taken off again at exit and before detaching: whoever writes to the
+ *   same pipe after us finds it as it was.  Terminals and files are left
+ *   alone.
  * - After setuid(0) and setgid(0), the supplementary groups are dropped, so
  *   the caller's groups go neither with our file accesses nor to children.
- * - The file-size, process-count and address-space limits are raised to
- *   unlimited and the open-file limit to the kernel's ceiling
- *   (NR_OPEN_FILE; the kernel refuses unlimited for it), so that no limit
- *   the caller set ends a write halfway or keeps a child or a file from
- *   opening.  Root may raise them; where even root may not (a container
- *   without the capability), each soft limit rises to its hard one and the
- *   run goes on.
+ * - The resource limits are set to fixed values, soft and hard alike, so
+ *   that no limit the caller set ends a write halfway, keeps a child or a
+ *   file from opening, or kills the run with SIGXCPU or SIGKILL midway:
+ *   file size, process count, address space, data size, CPU time and
+ *   real-time CPU time unlimited; open files the kernel's ceiling
+ *   (NR_OPEN_FILE; the kernel refuses unlimited for it); the stack 8 MiB,
+ *   the usual default, and our own threads' stacks with it (the C library
+ *   sized them from the caller's limit at start); locked memory 8 MiB, the
+ *   kernel's default, which the database client never needs more of;
+ *   real-time priority 0, none, as for any ordinary process; core files 0,
+ *   since a root process's core holds the database password.  The process
+ *   is also marked not dumpable, because a core_pattern that pipes cores to
+ *   a program ignores a zero core limit.  Root may set them all; where even
+ *   root may not raise one (a container without the capability), its soft
+ *   limit rises to its hard one and the run goes on.
+ * - The nice value becomes 0 and the I/O priority the default (class none,
+ *   which follows the nice value), so that a caller's nice 19 or idle I/O
+ *   class cannot make the run crawl with the named locks held.
  *
- * The first four steps are harmless without privileges and come first, so
- * that even the privilege failure is reported on sane descriptors; the last
- * two need root and follow the id change.
+ * The first eight steps are harmless without privileges and come first,
+ * so that even the privilege failure is reported on sane descriptors; the
+ * last three need root and follow the id change.
  */
 #include "runtime/process_start.h"
 
@@ -52,17 +92,37 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 /* The kernel's ceiling for the open-file limit, and its usual value. */
 static const char NR_OPEN_FILE[] = "/proc/sys/fs/nr_open";
 static const rlim_t NR_OPEN_DEFAULT = 1024 * 1024;
+/* The stack and locked-memory limits: the usual defaults. */
+static const rlim_t STACK_LIMIT = 8 * 1024 * 1024;
+static const rlim_t MEMLOCK_LIMIT = 8 * 1024 * 1024;
+/* ioprio_set(): "this process", and class none, level 0. */
+static const int IOPRIO_WHO_PROCESS = 1;
+static const int IOPRIO_DEFAULT = 0;
+
+/* The timers cleared, the terminal's stop signals ignored and the limits
+ * lifted to unlimited. */
+static const int TIMERS[] = {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF};
+static const int STOP_SIGNALS[] = {SIGTSTP, SIGTTIN, SIGTTOU};
+static const int UNLIMITED[] = {RLIMIT_FSIZE, RLIMIT_NPROC, RLIMIT_AS,
+                                RLIMIT_DATA, RLIMIT_CPU, RLIMIT_RTTIME};
+
+/* Standard output and error (slots 1 and 2) made non-blocking by us. */
+static int made_nonblocking[3];
 
 /* open_standard_fds - /dev/null on 0, 1 and 2 where they are closed (going
  * upward, the lowest free number open() gives is the one being filled),
@@ -82,7 +142,17 @@ static void open_standard_fds(void)
             close(static_cast<int>(fd));
 }
 
-/* default_signals - ignored signals back to their default, none blocked */
+/* clear_timers - the real, virtual and profiling timers stopped */
+static void clear_timers(void)
+{
+    const struct itimerval off = {};
+
+    for (int timer : TIMERS)
+        setitimer(timer, &off, nullptr);
+}
+
+/* default_signals - ignored signals back to their default, none blocked,
+ * then the terminal's stop signals ignored */
 static void default_signals(void)
 {
     struct sigaction dfl = {};
@@ -96,6 +166,38 @@ static void default_signals(void)
     }
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (int sig : STOP_SIGNALS)
+        signal(sig, SIG_IGN);
+}
+
+/* nonblocking_output - O_NONBLOCK on standard output and error where they
+ * are pipes, FIFOs or sockets; process_start_restore_output() at exit */
+static void nonblocking_output(void)
+{
+    for (int fd = 1; fd <= 2; fd++) {
+        struct stat st;
+        int flags = fcntl(fd, F_GETFL);
+
+        if (flags == -1 || (flags & O_NONBLOCK) || fstat(fd, &st) != 0
+            || !(S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode)))
+            continue;
+        made_nonblocking[fd] = fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
+    }
+    atexit(process_start_restore_output);
+}
+
+void process_start_restore_output(void)
+{
+    /* What stdio still holds goes out while a full pipe cannot block us. */
+    fflush(stdout);
+    fflush(stderr);
+    for (int fd = 1; fd <= 2; fd++) {
+        int flags = fcntl(fd, F_GETFL);
+
+        if (made_nonblocking[fd] && flags != -1)
+            fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+        made_nonblocking[fd] = 0;
+    }
 }
 
 void process_start_clean(void)
@@ -105,12 +207,16 @@ void process_start_clean(void)
     /* Should even this fail, an empty environment is as safe. */
     (void)setenv("PATH", PROCESS_START_PATH, 1);
     umask(022);
+    if (chdir("/") != 0)
+        report(1, "Unable to change to the root directory: %s", strerror(errno));
+    clear_timers();
     default_signals();
+    nonblocking_output();
 }
 
-/* raise_limit - resource's soft and hard limit to value, or where that is
+/* set_limit - resource's soft and hard limit to value, or where that is
  * refused, its soft limit to its hard one */
-static void raise_limit(int resource, rlim_t value)
+static void set_limit(int resource, rlim_t value)
 {
     struct rlimit rl = {value, value};
 
@@ -135,13 +241,33 @@ static rlim_t open_files_ceiling(void)
     return ceiling > 0 ? ceiling : NR_OPEN_DEFAULT;
 }
 
+/* thread_stacks - the stack size of the threads we start, which the C
+ * library took from the caller's stack limit, set to the fixed one */
+static void thread_stacks(void)
+{
+    pthread_attr_t attr;
+
+    if (pthread_attr_init(&attr) != 0)
+        return;
+    if (pthread_attr_setstacksize(&attr, STACK_LIMIT) == 0)
+        pthread_setattr_default_np(&attr);
+    pthread_attr_destroy(&attr);
+}
+
 int process_start_root(void)
 {
     if (setuid(0) != 0 || setgid(0) != 0 || setgroups(0, nullptr) != 0)
         return -1;
-    raise_limit(RLIMIT_FSIZE, RLIM_INFINITY);
-    raise_limit(RLIMIT_NPROC, RLIM_INFINITY);
-    raise_limit(RLIMIT_AS, RLIM_INFINITY);
-    raise_limit(RLIMIT_NOFILE, open_files_ceiling());
+    for (int resource : UNLIMITED)
+        set_limit(resource, RLIM_INFINITY);
+    set_limit(RLIMIT_NOFILE, open_files_ceiling());
+    set_limit(RLIMIT_STACK, STACK_LIMIT);
+    set_limit(RLIMIT_MEMLOCK, MEMLOCK_LIMIT);
+    set_limit(RLIMIT_RTPRIO, 0);
+    set_limit(RLIMIT_CORE, 0);
+    prctl(PR_SET_DUMPABLE, 0);
+    thread_stacks();
+    setpriority(PRIO_PROCESS, 0, 0);
+    syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, IOPRIO_DEFAULT);
     return 0;
 }

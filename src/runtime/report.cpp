@@ -5,6 +5,8 @@
  * system error appended as "\nSystem error %d: %s".  A non-zero status ends
  * the process inside the call.  After report_syslog_start() every message
  * is copied to syslog, since a detached process has no terminal to print on.
+ * The syslog identity is always "rebox": argv[0] is the caller's choice,
+ * and root's log lines must not appear under a name the caller picked.
  */
 #include "runtime/report.h"
 
@@ -24,7 +26,7 @@ static const size_t REPORT_BUF_SIZE = 4096;
 
 /* Syslog copy of the messages: on after report_syslog_start(). */
 static int syslog_on = 0;
-static char syslog_ident[256];
+static const char SYSLOG_IDENT[] = "rebox";
 static const char *syslog_mode = "";
 
 /* syslog_copy - one message to syslog, without its trailing newlines */
@@ -37,20 +39,10 @@ static void syslog_copy(int priority, const char *text)
     syslog(priority, "%.*s", static_cast<int>(len), text);
 }
 
-/* set_ident - the program's base name as the syslog identity */
-static void set_ident(void)
-{
-    const char *base = report_progname ? strrchr(report_progname, '/') : nullptr;
-
-    base = base ? base + 1 : (report_progname ? report_progname : "rebox");
-    snprintf(syslog_ident, sizeof(syslog_ident), "%s", *base ? base : "rebox");
-}
-
 void report_syslog_start(const char *run_mode)
 {
-    set_ident();
     syslog_mode = run_mode;
-    openlog(syslog_ident, LOG_PID | LOG_NDELAY, LOG_MAIL);
+    openlog(SYSLOG_IDENT, LOG_PID | LOG_NDELAY, LOG_MAIL);
     syslog_on = 1;
     syslog(LOG_INFO, "started: mode %s", syslog_mode);
 }
@@ -67,8 +59,7 @@ void report_syslog_info(const char *format, ...)
         syslog(LOG_INFO, "%s", text);
         return;
     }
-    set_ident();
-    openlog(syslog_ident, LOG_PID, LOG_MAIL);
+    openlog(SYSLOG_IDENT, LOG_PID, LOG_MAIL);
     syslog(LOG_INFO, "%s", text);
     closelog();
 }

@@ -68,7 +68,7 @@ TEST_F(Command, ModesChooseThePasses)
         testdb_exec(("DELETE FROM Components; INSERT INTO Components (name, version) VALUES ('drweb', '" +
                      std::string(run.drweb) + "'), ('drweb-qmail', '" + run.drweb_qmail +
                      "'), ('vdo-spamassassin', '" + run.spam + "')").c_str());
-        CommandResult r = run_rebox(run.mode);
+        CommandResult r = run_command("cd \"$REBOX_SANDBOX/qmail\" && " REBOX_EXE " " + std::string(run.mode));
         EXPECT_EQ(r.status, 0) << run.mode << r.err;
         EXPECT_EQ(calls(STANDIN_SPAMCTL), run.spamctl) << run.mode;
         EXPECT_EQ(calls(STANDIN_VIRUSCTL), run.virusctl) << run.mode;
@@ -78,7 +78,9 @@ TEST_F(Command, ModesChooseThePasses)
             EXPECT_EQ(read_file(sandbox_path("qmail/control/rcpthosts")), "untouched.example\n") << run.mode;
         }
     }
-    /* The spam pass applies the server-wide record. */
+    /* The spam pass applies the server-wide record; spam-only, it starts
+     * spamctl in /, not in the caller's directory. */
+    EXPECT_EQ(run_command("grep -m1 state: " + sandbox_path(STANDIN_SPAMCTL ".calls")).out, "state:/ 0 unlimited\n");
     EXPECT_EQ(read_calls(sandbox_path(STANDIN_SPAMCTL))[0],
               (std::vector<std::string>{"start", "--enable-server-configs", "--max-children", "5"}));
     EXPECT_EQ(read_calls(sandbox_path(STANDIN_VIRUSCTL)), (std::vector<std::vector<std::string>>{{"-r"}}));
@@ -101,11 +103,16 @@ TEST_F(Command, UnprivilegedRunStopsFirst)
 /* A set-user-ID copy started by nobody with what a caller can hand across
  * exec, one thing a row: the client library's plugin and socket variables
  * (the plugin, built here, leaves a mark when loaded), umask 000, a
- * file-size limit, SIGCHLD ignored; and standard output and error closed
- * while a message is due mid-run (a mail alias the rebuild skips), for
- * root's own start: for a set-user-ID one the C library opens them itself.
- * Every run loads nothing, rebuilds what an ordinary run rebuilds from the
- * test server, and leaves nothing world-writable and no message in a file. */
+ * file-size limit, SIGCHLD ignored; a real-time timer due mid-run
+ * (qmail-newu takes half a second) with a CPU limit, nice 19, a directory
+ * of its own and another argv[0]; standard output and error on a full pipe
+ * nobody reads (blocking again afterwards); and standard output and error
+ * closed while a message is due mid-run (a mail alias the rebuild skips),
+ * for root's own start: for a set-user-ID one the C library opens them
+ * itself.  Every run loads nothing, rebuilds what an ordinary run rebuilds
+ * from the test server, starts qmail-newu and the init script at nice 0
+ * without a CPU limit, logs under its own name, and leaves nothing
+ * world-writable and no message in a file. */
 TEST_F(Command, SetUidStartTakesNothingFromTheCaller)
 {
     ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
@@ -116,7 +123,11 @@ TEST_F(Command, SetUidStartTakesNothingFromTheCaller)
                   .status, 0);
     FreshRun want = fresh_run(REBOX_EXE " --without-spam");
     ASSERT_EQ(want.run.status, 0) << want.run.err;
-    const std::string nobody = "setpriv --reuid=65534 --regid=65534 --clear-groups ./rebox --without-spam";
+    const std::string setpriv = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
+    const std::string nobody = setpriv + "./rebox --without-spam";
+    int fd = devlog_listen();
+    ASSERT_GE(fd, 0);
+    int runs = 0;
     for (std::string row : {"export LIBMYSQL_PLUGINS=evil MARIADB_PLUGIN_DIR=$PWD/plugins MYSQL_PLUGIN_DIR=$PWD/plugins && " +
                                 nobody,
                             "export MYSQL_UNIX_PORT=$PWD/decoy MARIADB_UNIX_PORT=$PWD/decoy && " + nobody,
@@ -127,15 +138,30 @@ TEST_F(Command, SetUidStartTakesNothingFromTheCaller)
                             "exec 9>>vdo/var/lock/files/$(printf %s \"$PWD/qmail/users/assign\" | md5sum | cut -c1-32)"
                             " && flock 9 && read me _ < /proc/self/stat && { (exec 9>&- >/dev/null 2>&1; sleep 20; kill -9 $me) & }"
                             " && exec " + nobody,
+                            "mkdir own && cd own && sed -i '2i sleep 0.5' ../" STANDIN_QMAIL_NEWU " && ulimit -S -t 1 && "
+                                "nice -n 19 " + setpriv + "perl -MTime::HiRes=setitimer,ITIMER_REAL -e "
+                                "'setitimer(ITIMER_REAL, 0.2); "
+                                "exec {\"../rebox\"} \"mailer\", \"--without-spam\"'",
+                            "mkfifo full && exec 3<>full && head -c 65536 /dev/zero >&3 && (exec >&3 2>&3 && "
+                                "exec timeout -s KILL 20 " + nobody + "); s=$?; [ $(( $(awk '/^flags/ {print $2}' "
+                                "/proc/self/fdinfo/3) & 04000 )) = 0 ] && exit $s",
                             std::string("exec >&- 2>&- && ./rebox --without-spam")}) {
         SCOPED_TRACE(row);
+        runs++;
         FreshRun o = fresh_run("cd \"$REBOX_SANDBOX\" && " + row);
         EXPECT_EQ(o.run.status, 0) << o.run.err;
         EXPECT_EQ(o.tree, want.tree);
         EXPECT_EQ(run_command("cd \"$REBOX_SANDBOX\" && rmdir loaded && echo loaded; "
                               "find qmail vdo/var drweb -perm -o+w ! -type l; grep -rl 'rebox: ' qmail vdo/var drweb")
                       .out, "");
+        EXPECT_EQ(run_command("cd \"$REBOX_SANDBOX\" && cat " STANDIN_QMAIL_NEWU ".calls " STANDIN_QMAIL_INIT
+                              ".calls | sed -n 's/^state:[^ ]* //p' | uniq")
+                      .out, "0 unlimited\n");
     }
+    std::vector<std::string> got = devlog_read(fd, "summary: ", runs);
+    EXPECT_EQ(got.size(), static_cast<size_t>(runs));
+    for (const std::string &line : got)
+        EXPECT_NE(line.find(" rebox["), std::string::npos) << line;
 }
 
 /* Detached, the run returns at once, finishes the rebuild in the background

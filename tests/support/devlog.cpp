@@ -31,14 +31,15 @@ int devlog_listen(void)
     return fd;
 }
 
-std::vector<std::string> devlog_read(int fd, const std::string &last)
+std::vector<std::string> devlog_read(int fd, const std::string &last, int times)
 {
     std::vector<std::string> got;
-    for (int waited = 0; waited < 200 && (got.empty() || got.back().find(last) == std::string::npos);) {
+    for (int waited = 0; waited < 200 && times > 0;) {
         char buf[8192];
         ssize_t n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
         if (n > 0) {
             got.emplace_back(buf, n);
+            times -= got.back().find(last) != std::string::npos;
         } else {
             usleep(50000);
             waited++;

@@ -2,7 +2,8 @@
  *
  * devlog_listen() lays a writable overlay over /dev in the test's own mount
  * namespace and binds a datagram socket at /dev/log; devlog_read() collects
- * the messages until one holds a given text (or ten seconds pass).
+ * the messages until one holds a given text, or a given number do (or ten
+ * seconds pass).
  */
 #ifndef REBOX_TESTS_SUPPORT_DEVLOG_H
 #define REBOX_TESTS_SUPPORT_DEVLOG_H
@@ -13,8 +14,8 @@
 /* devlog_listen - the socket's descriptor, or -1 with a test failure */
 int devlog_listen(void);
 
-/* devlog_read - the messages received, oldest first, up to the first one
- * holding last; closes fd */
-std::vector<std::string> devlog_read(int fd, const std::string &last);
+/* devlog_read - the messages received, oldest first, up to the one that is
+ * the times-th to hold last; closes fd */
+std::vector<std::string> devlog_read(int fd, const std::string &last, int times = 1);
 
 #endif

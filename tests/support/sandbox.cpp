@@ -52,6 +52,7 @@ void write_recording_stub(const std::string &path, int exit_code)
     std::string script =
         "#!/bin/sh\n"
         "for a in \"$@\"; do printf 'arg:%s\\n' \"$a\"; done >> '" + path + ".calls'\n"
+        "echo \"state:$PWD $(nice) $(ulimit -t)\" >> '" + path + ".calls'\n"
         "echo end >> '" + path + ".calls'\n"
         "exit " + std::to_string(exit_code) + "\n";
     write_file(path, script);

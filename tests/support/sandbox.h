@@ -28,7 +28,8 @@ std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &text);
 
 /* write_recording_stub - an executable script at path that appends each
- * call's arguments (argv[1] on) to path + ".calls" and exits with
+ * call's arguments (argv[1] on), then its working directory, nice value and
+ * CPU time limit on a "state:" line, to path + ".calls" and exits with
  * exit_code */
 void write_recording_stub(const std::string &path, int exit_code);
 
