@@ -9,7 +9,8 @@
  * qmail restart) as the mode asks.  Its result, the exit status, is that of
  * qmail-newu ORed with that of the restart.  A check run makes the rebuild
  * pass compare instead of write (runtime/check_report) and nothing else:
- * its status is 0 when the disk matches the panel, 2 when it does not.
+ * its status is 0 when the disk matches the panel, 2 when it does not, and
+ * its warnings and errors go to standard error only.
  */
 #include "restore/command.h"
 
@@ -87,6 +88,9 @@ int rebox_main(int argc, char **argv)
     const char *mode = parse_mode(argv[1], &with_spam, &spam_only, &check_run);
     if (mode == nullptr)
         usage();
+    /* A check run's standard output carries its report alone. */
+    if (check_run)
+        report_stdout(0);
     if (argc == 3) {
         if (strcmp(argv[2], "daemon-mode") != 0 && strcmp(argv[2], "--daemon-mode") != 0)
             usage();

@@ -1,8 +1,9 @@
 /* report - diagnostics: every warning and fatal message of the program.
  *
- * Messages are printed on standard error and then on standard output, each
- * behind "<program>: ", with a newline added when missing and the pending
- * system error appended as "\nSystem error %d: %s".  A non-zero status ends
+ * Messages are printed on standard error and then, unless report_stdout(0)
+ * turned that copy off, on standard output, each behind "<program>: ", with
+ * a newline added when missing and the pending system error appended as
+ * "\nSystem error %d: %s" (nothing when errno is 0).  A non-zero status ends
  * the process inside the call.  After report_syslog_start() every message
  * is copied to syslog, since a detached process has no terminal to print on.
  */
@@ -21,6 +22,9 @@
 const char *report_progname = nullptr;
 
 static const size_t REPORT_BUF_SIZE = 4096;
+
+/* Whether messages are copied to standard output: off after report_stdout(0). */
+static int stdout_copy = 1;
 
 /* Syslog copy of the messages: on after report_syslog_start(). */
 static int syslog_on = 0;
@@ -44,6 +48,11 @@ static void set_ident(void)
 
     base = base ? base + 1 : (report_progname ? report_progname : "rebox");
     snprintf(syslog_ident, sizeof(syslog_ident), "%s", *base ? base : "rebox");
+}
+
+void report_stdout(int on)
+{
+    stdout_copy = on;
 }
 
 void report_syslog_start(const char *run_mode)
@@ -124,7 +133,8 @@ int report_text(const char *text, int exit_status)
         }
     }
     write_decorated(stderr, prefix, text);
-    write_decorated(stdout, prefix, text);
+    if (stdout_copy)
+        write_decorated(stdout, prefix, text);
     free(copy);
     if (syslog_on)
         syslog_copy(exit_status != 0 ? LOG_ERR : LOG_WARNING, text);
