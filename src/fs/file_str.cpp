@@ -313,7 +313,7 @@ int file_str_list(const char *path, const char *const *lines, int operation, int
     lock = file_lock(path, 1);
 
     if (!file_lock_held(lock)) {
-        report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
+        report(0, "Error occurred while locking the file %s\n", path);
         file_lock_dispose(lock);
         return 1;
     }

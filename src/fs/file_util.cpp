@@ -108,6 +108,7 @@ int rename_dir(const char *source, const char *target)
     if (lstat(source, &st) != 0)
         return 0;
     if (lstat(target, &st) == 0) {
+        errno = 0;
         report(0, "Directory rename error: target directory %s already exists.\n", target);
         return -1;
     }

@@ -65,6 +65,7 @@ static int write_quota_at(PathAt *at, const char *text, const PopuserIds &ids)
     /* An unknown popuser (ids 0) would leave the file to root: that counts
      * as a failed chown, and no file is written. */
     if (ids.uid == 0 || ids.gid == 0) {
+        errno = 0;
         report(0, "Unable to chown quota file %s\n", at->path);
         return 0;
     }

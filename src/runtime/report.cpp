@@ -3,8 +3,9 @@
  * Messages are printed on standard error and then, unless report_stdout(0)
  * turned that copy off, on standard output, each behind "<program>: ", with
  * a newline added when missing and the pending system error appended as
- * "\nSystem error %d: %s" (nothing when errno is 0).  A non-zero status ends
- * the process inside the call.  After report_syslog_start() every message
+ * "\nSystem error %d: %s" (nothing when errno is 0).  errno is left as it
+ * was, so a second message about the same failure names the same cause.  A
+ * non-zero status ends the process inside the call.  After report_syslog_start() every message
  * is copied to syslog, since a detached process has no terminal to print on.
  */
 #include "runtime/report.h"
@@ -120,6 +121,7 @@ static void write_decorated(FILE *stream, const char *prefix, const char *text)
 
 int report_text(const char *text, int exit_status)
 {
+    int saved_errno = errno;
     const char *prefix = nullptr;
     char *copy = nullptr;
 
@@ -140,6 +142,7 @@ int report_text(const char *text, int exit_status)
         syslog_copy(exit_status != 0 ? LOG_ERR : LOG_WARNING, text);
     if (exit_status != 0)
         report_exit(exit_status);
+    errno = saved_errno;
     return 0;
 }
 
@@ -192,6 +195,7 @@ int report(int exit_status, const char *format, ...)
     }
     report_text(buf, exit_status);
     free(buf);
+    errno = saved_errno;
     return 0;
 }
 

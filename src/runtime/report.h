@@ -4,8 +4,10 @@
  * when errno is 0), prints it on standard error and then on standard output
  * behind the program's base name, and ends the process when given a
  * non-zero status; after report_stdout(0) standard error alone gets it.
- * report_text() prints a finished text the same way; xasprintf() allocates a
- * formatted text or ends the process; report_exit() is the exit wrapper.
+ * report_text() prints a finished text the same way; neither changes errno,
+ * and a message with no system cause is reported with errno 0 (no suffix).
+ * xasprintf() allocates a formatted text or ends the process; report_exit()
+ * is the exit wrapper.
  *
  * Once the program has detached from its terminal, report_syslog_start()
  * makes every message go to syslog as well (facility mail, warnings at
