@@ -314,7 +314,9 @@ int file_str_list(const char *path, const char *const *lines, int operation, int
 
     if (!file_lock_held(lock)) {
         report(0, "Error occurred while locking the file %s\n", path);
+        int failure = errno; /* the caller's message names the same cause */
         file_lock_dispose(lock);
+        errno = failure;
         return 1;
     }
     /* The file's directory is opened once, and every step of the edit

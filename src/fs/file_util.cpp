@@ -147,7 +147,9 @@ int copy_file_locked(const char *source, const char *destination)
     lock = file_lock(destination, 1);
     if (!file_lock_held(lock)) {
         report(0, "Error occurred while locking the file %s\n", destination);
+        int failure = errno; /* the caller's message names the same cause */
         file_lock_dispose(lock);
+        errno = failure;
         return 1;
     }
     in = from_stdin ? STDIN_FILENO : open(source, O_RDONLY);

@@ -70,7 +70,9 @@ static FileLock *take_lock(const char *path)
     if (file_lock_held(lock))
         return lock;
     report(0, "Error occurred while locking the file %s\n", path);
+    int failure = errno; /* the caller's message names the same cause */
     file_lock_dispose(lock);
+    errno = failure;
     return nullptr;
 }
 
