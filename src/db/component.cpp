@@ -27,17 +27,23 @@ void get_component_version(const char *name, char *out, size_t size)
     my_ulonglong rows;
 
     conn = panel_db_open();
-    if (conn == nullptr)
+    if (conn == nullptr) {
+        errno = 0;
         report(1, "Unable to connect to the Vardo database");
+    }
     escaped = db_escape(conn, name);
     snprintf(query, sizeof(query), "SELECT version FROM Components WHERE name = '%s'", escaped);
     free(escaped);
 
-    if (mysql_query(conn, query) != 0)
+    if (mysql_query(conn, query) != 0) {
+        errno = 0;
         report(1, "Error during mysql_query: %s", mysql_error(conn));
+    }
     res = mysql_store_result(conn);
-    if (res == nullptr)
+    if (res == nullptr) {
+        errno = 0;
         report(1, "Error during mysql_store_result: %s", mysql_error(conn));
+    }
     rows = mysql_num_rows(res);
     /* What the table holds is no system failure: no stale system error
      * text behind these messages. */
@@ -48,8 +54,10 @@ void get_component_version(const char *name, char *out, size_t size)
     if (rows == 0)
         report(1, "Package '%s' is not found in Components table", name);
     row = mysql_fetch_row(res);
-    if (row == nullptr)
+    if (row == nullptr) {
+        errno = 0;
         report(1, "Error during mysql_fetch_row: %s", mysql_error(conn));
+    }
     if (row[0] == nullptr) {
         errno = 0;
         report(1, "NULL version for package '%s' in database", name);

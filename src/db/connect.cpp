@@ -66,7 +66,9 @@ MYSQL *db_connect(char *err, size_t err_size)
         return nullptr;
     }
     if (fgets(password, sizeof(password), fp) == nullptr) {
-        set_err(err, err_size, "Unable to read admin password file: %s", strerror(errno));
+        /* At the end of an empty file errno holds no reason of this read. */
+        set_err(err, err_size, "Unable to read admin password file: %s",
+                ferror(fp) ? strerror(errno) : "the file is empty");
         fclose(fp);
         return nullptr;
     }
@@ -168,8 +170,10 @@ MYSQL *panel_db_open(void)
 
     err[0] = '\0';
     conn = db_open_session(err, sizeof(err));
-    if (conn == nullptr)
+    if (conn == nullptr) {
+        errno = 0; /* err holds the whole reason, a system error's text included */
         report(0, "%s", err);
+    }
     return conn;
 }
 
@@ -201,6 +205,7 @@ int db_check_plain(const char *member, const char *value, int exit_status)
         return 1;
     /* A quote or backslash would change the statement's meaning: the value
      * is refused before any database work and nothing is sent. */
+    errno = 0;
     report(exit_status, "%s(): refusing a value holding a quote or backslash: %s",
            member, value);
     return 0;

@@ -51,6 +51,7 @@ static MYSQL *open_own(const char *connect_msg)
     err[0] = '\0';
     conn = db_open_session(err, sizeof(err));
     if (conn == nullptr) {
+        errno = 0;
         report(0, "%s", err);
         report(0, "%s", connect_msg);
     }
@@ -102,6 +103,7 @@ static const char *ask_text(const char *query, char *buf, MYSQL *conn, unsigned 
     if (c == nullptr)
         return nullptr;
     if (run_first_value(query, buf, c, column) < 0) {
+        errno = 0;
         if (fail_name != nullptr)
             report(refusal_status, fail_format, fail_name, mysql_error(c));
         else
@@ -130,11 +132,13 @@ int get_dom_status(const char *dom_id, unsigned *status, MYSQL *conn)
     if (!db_check_plain(__func__, dom_id, 0))
         return -1;
     if (conn == nullptr) {
+        errno = 0;
         report(0, fail, dom_id, "no database connection");
         return -1;
     }
     snprintf(query, sizeof(query), "select status from domains where id=\"%s\"", dom_id);
     if (mysql_real_query(conn, query, strlen(query)) != 0) {
+        errno = 0;
         report(refusal_status, fail, dom_id, mysql_error(conn));
         return -1;
     }
@@ -143,12 +147,14 @@ int get_dom_status(const char *dom_id, unsigned *status, MYSQL *conn)
     if (row == nullptr) {
         if (res != nullptr)
             mysql_free_result(res);
+        errno = 0;
         report(0, "Unable to get status for domain with id=\"%s\": such domain is not exist.", dom_id);
         return -2;
     }
     parsed = row[0] != nullptr && sscanf(row[0], "%u", status) == 1;
     mysql_free_result(res);
     if (!parsed) {
+        errno = 0;
         report(0, "Unable to get status for domain with id=\"%s\": error translate status value "
                   "from char to unsigned int.", dom_id);
         return -3;
@@ -165,6 +171,7 @@ int get_client_id_by_domain(const char *dom_id, MYSQL *conn)
     if (!db_check_plain(__func__, dom_id, 0))
         return 0;
     if (conn == nullptr) {
+        errno = 0;
         report(0, fail, "no database connection");
         return 0;
     }
@@ -253,8 +260,10 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
     if (c == nullptr)
         return nullptr;
     dom_id_query(name, buf, sizeof(buf));
-    if (run_first_value(buf, buf, c, 0) < 0)
+    if (run_first_value(buf, buf, c, 0) < 0) {
+        errno = 0;
         report(1, "Unable to query domain ID: %s\n", mysql_error(c));
+    }
     close_own(c, given);
     if (buf[0] == '\0') {
         if (quiet)
@@ -288,12 +297,15 @@ const char *get_exist_case_dom_name(const char *name)
     err[0] = '\0';
     conn = db_open_session(err, sizeof(err));
     if (conn == nullptr) {
+        errno = 0;
         report(0, "%s", err);
         report(1, "%s", CONNECT_MSG);
     }
     snprintf(buf, sizeof(buf), "select name from domains where name='%s'", name);
-    if (run_first_value(buf, buf, conn, 0) < 0)
+    if (run_first_value(buf, buf, conn, 0) < 0) {
+        errno = 0;
         report(1, "Unable to query domain name: %s\n", mysql_error(conn));
+    }
     mysql_close(conn);
     /* Stored names are never empty: "" is no row or a NULL name. */
     if (buf[0] == '\0')
@@ -336,6 +348,7 @@ static int has_rows(MYSQL *conn, const char *query, const char *fail_format)
 
     if (mysql_real_query(conn, query, strlen(query)) != 0 ||
         (res = mysql_store_result(conn)) == nullptr) {
+        errno = 0;
         report(refusal_status, fail_format, mysql_error(conn));
         return -1;
     }
@@ -484,6 +497,7 @@ const char *get_client_email(const char *dom_id, MYSQL *conn)
         /* The client has no e-mail of its own: the panel administrator's. */
         admin_email = get_param_simple("admin_email", "misc", "param", "val", c);
         if (admin_email == nullptr || admin_email[0] == '\0') {
+            errno = 0;
             report(0, "Unable to define admin email\n");
             close_own(c, conn);
             return nullptr;

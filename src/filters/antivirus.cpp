@@ -108,7 +108,9 @@ int add_antivirus_record(const char *domain, const char *local_part, const char 
 
     users_conf_path(path, sizeof path);
     snprintf(address, sizeof address, "%s@%s", local_part, domain);
-    /* A record cut by the buffer would lose the pattern's end: not written. */
+    /* A record cut by the buffer would lose the pattern's end: not written,
+     * with no system error behind the message. */
+    errno = 0;
     if (snprintf(record, sizeof record, "allow\t%s\tregex\t^%s$", direction, address)
             >= static_cast<int>(sizeof record)
         || file_str(path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
@@ -131,6 +133,7 @@ static int av_row_usable(MYSQL_RES *res, MYSQL_ROW row)
     char local[VALUE_PRINTABLE_SIZE], domain[VALUE_PRINTABLE_SIZE];
 
     if (!(row[0] && row[1] && row[2])) {
+        errno = 0;
         if (row[1] && !row[2])
             report(0, "Skipping antivirus record for '%s': no domain name",
                    value_printable(row[1], local, sizeof local));
@@ -165,8 +168,10 @@ static void av_run_query(MYSQL *conn, const char *query, const char *failure)
     MYSQL_ROW row;
 
     if (mysql_real_query(conn, query, strlen(query)) != 0
-        || (res = mysql_store_result(conn)) == nullptr)
+        || (res = mysql_store_result(conn)) == nullptr) {
+        errno = 0;
         report(1, failure, mysql_error(conn));
+    }
     while ((row = mysql_fetch_row(res)) != nullptr) {
         if (av_row_usable(res, row))
             add_antivirus_record(row[2], row[1], row[0]);

@@ -38,6 +38,7 @@ static MYSQL_RES *spam_query(MYSQL *conn, const char *query)
 /* settings_failed - the report for any failed query of one record */
 static int settings_failed(const char *name, MYSQL *conn)
 {
+    errno = 0;
     report(0, "Unable to get spamassassin settings for '%s': %s", name, mysql_error(conn));
     return -1;
 }
@@ -193,6 +194,7 @@ static int list_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *option,
                            int32_t prefix_count, size_t prefix_used, const char *name)
 {
     if (row[0] == nullptr || row[1] == nullptr || row[1][0] == '\0') {
+        errno = 0;
         report(0, "Skipping empty %s entry of the spam filter settings for '%s'",
                row[0] ? row[0] : "list", name);
         return 0;
@@ -203,6 +205,7 @@ static int list_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *option,
         return 0;
     }
     if (!pair_fits_alone(prefix_count, prefix_used, option, row[1])) {
+        errno = 0;
         report(0, "Skipping %s entry of the spam filter settings for '%s': too long", row[0],
                name);
         return 0;
@@ -334,12 +337,14 @@ int apply_spam_settings(const char *name, MYSQL *conn)
         return -1;
     }
     if (name == nullptr || name[0] == '\0') {
+        errno = 0;
         report(0, "empty full mailname");
         return -1;
     }
     if (conn == nullptr) {
         own = panel_db_open();
         if (own == nullptr) {
+            errno = 0;
             report(0, "Unable to connect to mysql database\n");
             return -1;
         }
@@ -362,6 +367,7 @@ int apply_mailbox_spam_settings(const char *local_part, const char *domain, MYSQ
 
     if (local_part == nullptr || local_part[0] == '\0' || domain == nullptr
         || domain[0] == '\0') {
+        errno = 0;
         report(0, "empty mailname or maildomain");
         return -1;
     }
@@ -421,19 +427,25 @@ void restore_spam_settings(void)
     MYSQL *conn;
 
     conn = panel_db_open();
-    if (conn == nullptr)
+    if (conn == nullptr) {
+        errno = 0;
         report(1, "Unable to connect to the mysql database");
+    }
 
     apply_server_spam_settings(conn);
 
-    if ((domains = spam_query(conn, domains_query)) == nullptr)
+    if ((domains = spam_query(conn, domains_query)) == nullptr) {
+        errno = 0;
         report(1, "Unable to query domains: %s", mysql_error(conn));
+    }
     while ((dom = mysql_fetch_row(domains)) != nullptr) {
         if (!domain_row_usable(domains, dom))
             continue;
         snprintf(query, sizeof query, "SELECT mail_name FROM mail WHERE dom_id=%s", dom[0]);
-        if ((mailboxes = spam_query(conn, query)) == nullptr)
+        if ((mailboxes = spam_query(conn, query)) == nullptr) {
+            errno = 0;
             report(1, "Unable to query mailnames: %s", mysql_error(conn));
+        }
         while ((box = mysql_fetch_row(mailboxes)) != nullptr)
             if (mailbox_row_usable(mailboxes, box, dom[1]))
                 apply_mailbox_spam_settings(box[0], dom[1], conn);

@@ -108,6 +108,7 @@ FileLock *file_lock_open(const char *path, int open_flags, int operation, short 
          * named after the hash alone for the caller's messages. */
         lock->path = xasprintf("%s", md5_hex("", path));
         lock->fd = -1;
+        errno = 0;
         report(0, "Error: PRODUCT_ROOT_D not defined\n");
         return lock;
     }

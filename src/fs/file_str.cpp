@@ -312,8 +312,10 @@ int file_str_list(const char *path, const char *const *lines, int operation, int
     lock = file_lock(path, 1);
 
     if (!file_lock_held(lock)) {
-        report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
+        report(0, "Error occurred while locking the file %s\n", path);
+        int failure = errno; /* the caller's message names the same cause */
         file_lock_dispose(lock);
+        errno = failure;
         return 1;
     }
     /* The file's directory is opened once, and every step of the edit

@@ -108,6 +108,7 @@ int rename_dir(const char *source, const char *target)
     if (lstat(source, &st) != 0)
         return 0;
     if (lstat(target, &st) == 0) {
+        errno = 0;
         report(0, "Directory rename error: target directory %s already exists.\n", target);
         return -1;
     }
@@ -146,7 +147,9 @@ int copy_file_locked(const char *source, const char *destination)
     lock = file_lock(destination, 1);
     if (!file_lock_held(lock)) {
         report(0, "Error occurred while locking the file %s\n", destination);
+        int failure = errno; /* the caller's message names the same cause */
         file_lock_dispose(lock);
+        errno = failure;
         return 1;
     }
     in = from_stdin ? STDIN_FILENO : open(source, O_RDONLY);

@@ -69,8 +69,10 @@ static FileLock *take_lock(const char *path)
 
     if (file_lock_held(lock))
         return lock;
-    report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
+    report(0, "Error occurred while locking the file %s\n", path);
+    int failure = errno; /* the caller's message names the same cause */
     file_lock_dispose(lock);
+    errno = failure;
     return nullptr;
 }
 
@@ -96,6 +98,7 @@ static int hold(const char *path, int durable, int rebuilt)
     if (find_held(path))
         return 0;
     if (held_count == HELD_MAX) {
+        errno = 0;
         report(0, "Unable to hold %s: too many files held\n", path);
         return 1;
     }

@@ -69,8 +69,10 @@ static void top_entry(int dir, const char *name, const char *path, const struct 
             report(1, "Unable to chown directory entry %s: %s\n", path, strerror(errno));
         break;
     case WALK_RENAME:
-        if (S_ISREG(st.st_mode))
+        if (S_ISREG(st.st_mode)) {
+            errno = 0;
             report(0, "It's a regulat entry(not directory): %s\n", path);
+        }
         break;
     }
 }
@@ -276,9 +278,11 @@ void deferred_remove(const char *dir)
     }
     if (stat(dir, &st) != 0)
         report(1, "deferred_remove(): can't stat directory, skip it.\n");
+    errno = 0; /* a name cut by the buffer is no system error */
     int n = snprintf(deferred, sizeof(deferred), "%s/%sXXXXXX", base, DEFERRED_PREFIX);
     if (n < 0 || static_cast<size_t>(n) >= sizeof(deferred) || fill_unique_name(deferred) != 0)
         report(1, "deferred_remove(): Unable create filename for delete directory\n");
+    errno = 0;
     report(0, "deferred_remove(): rename dir %s to %s\n", dir, deferred);
     if (rename_dir(dir, deferred) != 0)
         report(1, "deferred_remove(): Unable to rename directory\n");
@@ -357,6 +361,7 @@ const char *real_path(const char *path)
         const char *sep = used > 0 && buf[used - 1] == '/' ? "" : "/";
         int n = snprintf(buf + used, sizeof(buf) - used, "%s%s", sep, name);
         if (n < 0 || static_cast<size_t>(n) >= sizeof(buf) - used) {
+            errno = 0;
             report(0, "Unable to get real path information\n");
             return nullptr;
         }

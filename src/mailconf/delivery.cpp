@@ -70,7 +70,9 @@ int add_postbox(const char *mail_name, const char *domain, const char *password,
     add_pop3_password(mail_name, domain, password, disabled, full_names_required);
     delivery_file_path(path, domain, mail_name);
     if (put_qmail_line(path, "./Maildir/") != 0) {
+        int failure = errno; /* the undo below may change errno */
         remove_postbox(mail_name, domain);
+        errno = failure;
         report(1, "Unable to add string to %s file.", path);
     }
     give_to_popuser(path, &postbox_popuser);
@@ -109,8 +111,10 @@ int add_forward_address(const char *mail_name, const char *domain, const char *a
         report(1, "Unable to define UID or GID for user popuser");
 
     char *converted = idn_email_toascii(address);
-    if (converted == nullptr)
+    if (converted == nullptr) {
+        errno = 0;
         report(1, "idn_email_toascii() failed: %s", idn_error_text(idn_last_error));
+    }
     /* An address that would make the line a program, a file, a special
      * instruction or no address at all is refused with the message of an
      * address that does not convert, naming the rule it breaks. */
@@ -143,8 +147,10 @@ int add_mail_alias(const char *mail_name, const char *domain, const char *alias)
 {
     char record[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
 
-    if (!names_valid(mail_name, domain) || !mail_name_valid(alias))
+    if (!names_valid(mail_name, domain) || !mail_name_valid(alias)) {
+        errno = 0;
         report(1, "empty mailname, maildomainor or mailalias");
+    }
     char *ascii = domain_ascii_valid(domain, "empty mailname, maildomainor or mailalias");
     if (!popuser_known(&alias_popuser))
         report(1, "Unable to define UID or GID for user popuser");

@@ -33,10 +33,12 @@ static void format_wildcard_record(char *buf, const char *id, const PopuserIds *
  * a step failed: its wildcard record (record), its rcpthosts line (ascii,
  * when added) and its directory when this run made it (still empty then).
  * Nothing that was there before the run is removed: a failed step must
- * never cost a domain its mailboxes. */
+ * never cost a domain its mailboxes.  errno stays the failed step's, for
+ * the message that follows. */
 static void undo_domain(const char *dir, int made, const char *record, const char *ascii)
 {
     char path[QMAIL_BUF_SIZE];
+    int failure = errno;
 
     if (record != nullptr) {
         qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
@@ -48,6 +50,7 @@ static void undo_domain(const char *dir, int made, const char *record, const cha
     }
     if (made)
         path_rmdir(dir);
+    errno = failure;
 }
 
 int add_mail_domain(const char *name, int disabled)
@@ -56,8 +59,10 @@ int add_mail_domain(const char *name, int disabled)
     char path[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
     int made;
 
-    if (name == nullptr || *name == '\0')
+    if (name == nullptr || *name == '\0') {
+        errno = 0;
         report(1, "empty domain");
+    }
     char *ascii = domain_ascii_valid(name, "empty domain");
     if (!popuser_known(&add_popuser))
         report(1, "Unable to define UID or GID for user popuser");
@@ -145,8 +150,10 @@ int remove_mail_domain(const char *name)
     char path[QMAIL_BUF_SIZE];
     PopuserIds ids;
 
-    if (name == nullptr || *name == '\0')
+    if (name == nullptr || *name == '\0') {
+        errno = 0;
         report(1, "empty maildomain");
+    }
     char *ascii = domain_ascii_valid(name, "empty maildomain");
     /* No test: an unknown popuser gives 0 and 0, and its wildcard record
      * is then simply not found. */

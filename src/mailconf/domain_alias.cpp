@@ -7,6 +7,7 @@
 #include "proc/send_sig.h"
 #include "runtime/report.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -14,8 +15,10 @@ int add_domain_alias(const char *domain, const char *alias)
 {
     char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
 
-    if (domain == nullptr || *domain == '\0' || alias == nullptr || *alias == '\0')
+    if (domain == nullptr || *domain == '\0' || alias == nullptr || *alias == '\0') {
+        errno = 0;
         report(1, "empty domain or domain alias");
+    }
     char *alias_ascii = domain_ascii_valid(alias, "empty domain or domain alias");
     /* Fetched before the first edit, so that a missing identifier leaves
      * neither of the alias's two lines half written. */
@@ -25,8 +28,10 @@ int add_domain_alias(const char *domain, const char *alias)
     if (file_str(path, alias_ascii, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove domain record alias from rcpthosts file");
     if (file_str(path, alias_ascii, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        int failure = errno; /* the undo below may change errno */
         free(alias_ascii);
         remove_domain_alias(domain, alias);
+        errno = failure;
         report(1, "Unable to add domain record alias to rcpthosts.");
     }
 
@@ -36,7 +41,9 @@ int add_domain_alias(const char *domain, const char *alias)
     if (file_str(path, line, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove domain record alias from virtualdomains.");
     if (file_str(path, line, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        int failure = errno; /* the undo below may change errno */
         remove_domain_alias(domain, alias);
+        errno = failure;
         report(1, "Unable to add domain record alias to virtualdomains.");
     }
 
@@ -48,8 +55,10 @@ int remove_domain_alias(const char *domain, const char *alias)
 {
     char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
 
-    if (domain == nullptr || *domain == '\0' || alias == nullptr || *alias == '\0')
+    if (domain == nullptr || *domain == '\0' || alias == nullptr || *alias == '\0') {
+        errno = 0;
         report(1, "empty domain or domain alias");
+    }
     char *alias_ascii = domain_ascii_valid(alias, "empty domain or domain alias");
     domain_id_required(domain, id, sizeof(id));
 

@@ -11,6 +11,7 @@
 
 #include "runtime/report.h"
 
+#include <errno.h>
 #include <idna.h>
 #include <regex.h>
 #include <stdio.h>
@@ -103,9 +104,11 @@ char *idn_toascii_safe(const char *name)
 {
     char *out = to_ascii(name);
 
-    if (out == nullptr)
+    if (out == nullptr) {
+        errno = 0;
         report(1, "%s(%s) failed: %s", "idn_toascii_safe", name,
                idn_error_text(idn_last_error));
+    }
     return out;
 }
 
@@ -127,9 +130,11 @@ char *idn_toutf8_safe(const char *name)
 {
     char *out = idn_toutf8(name);
 
-    if (out == nullptr)
+    if (out == nullptr) {
+        errno = 0;
         report(1, "%s(%s) failed: %s", "idn_toutf8_safe", name,
                idn_error_text(idn_last_error));
+    }
     return out;
 }
 
@@ -154,9 +159,11 @@ char *idn_email_toascii_safe(const char *address)
 {
     char *out = idn_email_toascii(address);
 
-    if (out == nullptr)
+    if (out == nullptr) {
+        errno = 0;
         report(1, "%s(%s) failed: %s", "idn_email_toascii_safe", address,
                idn_error_text(idn_last_error));
+    }
     return out;
 }
 
@@ -191,12 +198,14 @@ const char *idn_url_toascii(const char *url)
     rc = regcomp(&re, URL_PATTERN, REG_EXTENDED);
     if (rc != 0) {
         regerror(rc, &re, errbuf, sizeof(errbuf));
+        errno = 0;
         report(1, "regcomp() failed: %s", errbuf);
     }
     rc = regexec(&re, url, 5, m, 0);
     if (rc != 0) {
         regerror(rc, &re, errbuf, sizeof(errbuf));
         regfree(&re);
+        errno = 0;
         report(0, "regexec() failed: %s", errbuf);
         return nullptr;
     }
@@ -204,6 +213,7 @@ const char *idn_url_toascii(const char *url)
 
     size_t host_len = match_length(m[3]);
     if (host_len >= sizeof(result)) {
+        errno = 0;
         report(0, "idn_url_toascii(): URL too long, over %zu bytes", sizeof(result) - 1);
         return nullptr;
     }
@@ -217,6 +227,7 @@ const char *idn_url_toascii(const char *url)
     if (rc != IDNA_SUCCESS) {
         idn_last_error = rc;
         free(ascii);
+        errno = 0;
         report(0, "idn_toascii() failed: %s", idn_error_text(rc));
         return nullptr;
     }
@@ -225,6 +236,7 @@ const char *idn_url_toascii(const char *url)
     size_t rest_len = match_length(m[4]), ascii_len = strlen(ascii);
     if (scheme_len + user_len + ascii_len + rest_len >= sizeof(result)) {
         free(ascii);
+        errno = 0;
         report(0, "idn_url_toascii(): URL too long, over %zu bytes", sizeof(result) - 1);
         return nullptr;
     }

@@ -124,8 +124,10 @@ static void start_qmail(int home_fd, const char *home)
     PathAt at;
 
     /* A path cut by the buffer would name another file's lock. */
-    if (snprintf(path, sizeof(path), "%s/.qmail", home) >= static_cast<int>(sizeof(path)))
+    if (snprintf(path, sizeof(path), "%s/.qmail", home) >= static_cast<int>(sizeof(path))) {
+        errno = 0;
         report(1, "Unable to add string to .qmail file\n");
+    }
     if (held_file_reset(path, "") == 0) {
         held_file_owner(path, add_popuser.uid, add_popuser.gid, 0600);
     } else {
@@ -155,8 +157,10 @@ int add_mailbox(const char *mail_name, const char *domain)
     int fds[sizeof(mailbox_subdirs) / sizeof(mailbox_subdirs[0])];
     PathAt at;
 
-    if (!mail_name_valid(mail_name) || domain == nullptr || *domain == '\0')
+    if (!mail_name_valid(mail_name) || domain == nullptr || *domain == '\0') {
+        errno = 0;
         report(1, "invalid mailname or domain name.");
+    }
     char *ascii = idn_toascii_safe(domain);
     if (check_domain_ascii(ascii) != nullptr) {
         free(ascii);
@@ -247,8 +251,10 @@ int remove_mailbox(const char *mail_name, const char *domain)
     char home[QMAIL_BUF_SIZE];
     PopuserIds ids;
 
-    if (!mail_name_valid(mail_name) || domain == nullptr || *domain == '\0')
+    if (!mail_name_valid(mail_name) || domain == nullptr || *domain == '\0') {
+        errno = 0;
         report(1, "empty mailname or maildomain");
+    }
     char *ascii = domain_ascii_valid(domain, "empty mailname or maildomain");
     if (!popuser_lookup(&ids))
         report(1, "Unable to get popuser uid or gid\n");

@@ -91,9 +91,11 @@ static int policy_has_nul(const char *domain_id, MYSQL *conn)
     char query[QMAIL_BUF_SIZE];
     MYSQL_RES *res;
 
-    if (pipeline_ask(conn, policy_nul_query(domain_id, query, sizeof(query)), &res) != 0)
+    if (pipeline_ask(conn, policy_nul_query(domain_id, query, sizeof(query)), &res) != 0) {
+        errno = 0;
         report(1, "Unable to query the unknown-recipient policy of domain id %s: %s\n", domain_id,
                mysql_error(conn));
+    }
     MYSQL_ROW row = res != nullptr ? mysql_fetch_row(res) : nullptr;
     int found = row != nullptr && row[0] != nullptr && strcmp(row[0], "0") != 0;
     if (res != nullptr)
@@ -188,8 +190,10 @@ int set_reject(const char *domain, int on)
     char path[QMAIL_BUF_SIZE];
     int failed;
 
-    if (domain == nullptr || *domain == '\0')
+    if (domain == nullptr || *domain == '\0') {
+        errno = 0;
         report(1, "set_reject: empty domain");
+    }
     char *ascii = domain_ascii_valid(domain, "set_reject: empty domain");
     qmail_file_path(path, sizeof(path), QMAIL_REJECTNONEXIST_FILE);
     /* Made when missing: an addition of no lines creates the file (in

@@ -34,8 +34,10 @@ char *domain_ascii(const char *domain)
 {
     char *ascii = idn_toascii(domain);
 
-    if (ascii == nullptr)
+    if (ascii == nullptr) {
+        errno = 0;
         report(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
+    }
     return ascii;
 }
 
@@ -82,9 +84,11 @@ void domain_id_required(const char *domain, char *buf, size_t size)
     const char *id = get_dom_id(ascii, nullptr);
     free(ascii);
 
-    if (id == nullptr || *id == '\0' || strlen(id) >= size)
+    if (id == nullptr || *id == '\0' || strlen(id) >= size) {
+        errno = 0;
         report(1, "Unable to get the database ID of domain %s: "
                   "its qmail records are left unchanged", domain);
+    }
     memcpy(buf, id, strlen(id) + 1);
 }
 

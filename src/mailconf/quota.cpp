@@ -65,6 +65,7 @@ static int write_quota_at(PathAt *at, const char *text, const PopuserIds &ids)
     /* An unknown popuser (ids 0) would leave the file to root: that counts
      * as a failed chown, and no file is written. */
     if (ids.uid == 0 || ids.gid == 0) {
+        errno = 0;
         report(0, "Unable to chown quota file %s\n", at->path);
         return 0;
     }
@@ -104,17 +105,21 @@ int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes)
     FileLock *lock = file_lock(path, 1);
     if (!file_lock_held(lock)) {
         report(0, "Error while locking file %s.\n", path);
+        int failure = errno; /* the caller's message names the same cause */
         file_unlock(lock);
+        errno = failure;
         return 0;
     }
-    int rc = 0;
-    if (path_at(path, &at) != 0) {
+    int rc = 0, opened = path_at(path, &at) == 0;
+    if (!opened)
         report(0, "Unable to open file %s: %s\n", path, strerror(errno));
-    } else {
+    else
         rc = write_quota_at(&at, text, ids);
+    int failure = errno; /* a failed step's, kept across the cleanup */
+    if (opened)
         path_at_close(&at);
-    }
     unlock_quota(lock, path);
+    errno = failure;
     return rc;
 }
 

@@ -54,6 +54,7 @@ int util_execv(const char *path, char *const argv[], int quiet)
             fputs(out, stderr);
             fflush(stderr);
         }
+        errno = 0; /* the child's failure, not a system error of ours */
         if (err)
             report(0, "%s execution failed:\n%s", path, err);
         else
@@ -199,6 +200,7 @@ int util_exec_fd(int fd_in, int fd_out, const char *path, char *const argv[])
     pid_t pid = -1;
 
     if ((fd_in >= 0 && fd_in <= 2) || (fd_out >= 0 && fd_out <= 2)) {
+        errno = 0;
         report(0, "values 0,1,2 not allowed for variables fd_in & fd_out\n");
         return -1;
     }
@@ -252,6 +254,7 @@ int util_exec_fd(int fd_in, int fd_out, const char *path, char *const argv[])
     }
     if (WIFEXITED(status))
         return WEXITSTATUS(status);
+    errno = 0; /* an interrupted wait may have left EINTR */
     if (WIFSIGNALED(status))
         report(0, "The child process with pid %d killed by signal %i\n",
                static_cast<int>(pid), WTERMSIG(status));
@@ -334,11 +337,13 @@ int popen_exec_report(const char *command)
     char *out = nullptr;
     int result = popen_exec(&out, command);
 
-    if (result == -1)
+    if (result == -1) {
         report(0, "popen_exec: failed to execute command: %s\n", strerror(errno));
-    else if (result != 0)
+    } else if (result != 0) {
+        errno = 0;
         report(0, "popen_exec: command failed code: %d , %s\n", result,
                out && *out ? out : "error: none");
+    }
     free(out);
     return result;
 }

@@ -68,8 +68,10 @@ static int control_app_server(const char *name, const char *action)
     if (action == nullptr)
         return 0;
     MYSQL *conn = panel_db_open();
-    if (conn == nullptr)
+    if (conn == nullptr) {
+        errno = 0;
         report(1, "Unable to connect to the mysql database\n");
+    }
     /* The answer lives in the query module's static buffer, which outlives
      * the connection. */
     const char *instance = get_misc_param("cf_instance_path", conn);
@@ -280,19 +282,23 @@ int run_init_script(const char *path, const char *name, const char *action,
         return -1;
     }
     if (WIFSIGNALED(status)) {
+        errno = 0;
         report(0, "Unable to %s service %s: daemon killed by signal %i\n", verb, name,
                WTERMSIG(status));
         return -1;
     }
     if (WIFSTOPPED(status)) {
+        errno = 0;
         report(0, "Unable to %s service %s: daemon stopped by signal %i\n", verb, name,
                WSTOPSIG(status));
         return -1;
     }
     if (WEXITSTATUS(status) == 0)
         return 0;
-    if (strcmp(verb, "status") != 0 && report_failure)
+    if (strcmp(verb, "status") != 0 && report_failure) {
+        errno = 0;
         report(0, "Service %s failed to %s\n", name, verb);
+    }
     return -1;
 }
 
@@ -314,6 +320,7 @@ int kill_by_field(const char *field, const char *text, int sig)
     snprintf(format, sizeof(format), "pid,%s", field);
     if (fork_execl_getout(&out, "/bin/ps", "/bin/ps", "-Aww", "-o", format, nullptr) != 0) {
         fprintf(stderr, "%s\n", out ? out : "");
+        errno = 0;
         report(0, "send_signal_field(): %s failed", "/bin/ps");
         free(out);
         return -1;
@@ -338,6 +345,7 @@ int kill_by_field(const char *field, const char *text, int sig)
                     report(0, "send_signal_field(): failed to kill %d: %s", pid,
                            strerror(errno));
             } else {
+                errno = 0;
                 report(0, "send_signal_field(): malformed ps output: %.*s",
                        static_cast<int>(eol ? eol - line : static_cast<long>(strlen(line))),
                        line);

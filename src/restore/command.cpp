@@ -9,8 +9,9 @@
  * qmail restart) as the mode asks.  Its result, the exit status, is that of
  * qmail-newu ORed with that of the restart.  A check run makes the rebuild
  * pass compare instead of write (the check table of effects, reporting
- * through restore/check_report) and nothing else:
- * its status is 0 when the disk matches the panel, 2 when it does not.
+ * through restore/check_report) and nothing else: its status is 0 when the
+ * disk matches the panel, 2 when it does not, and its warnings and errors
+ * go to standard error only.
  */
 #include "restore/command.h"
 
@@ -91,8 +92,11 @@ int rebox_main(int argc, char **argv)
     if (mode == nullptr)
         usage();
     /* The one place that chooses: every layer below changes the system
-     * through this table, or only reports what it would change. */
+     * through this table, or only reports what it would change; a check
+     * run's standard output carries its report alone. */
     effects_use(check_run ? &CHECK_EFFECTS : &APPLY_EFFECTS);
+    if (check_run)
+        report_stdout(0);
     if (argc == 3) {
         if (strcmp(argv[2], "daemon-mode") != 0 && strcmp(argv[2], "--daemon-mode") != 0)
             usage();

@@ -10,6 +10,7 @@
 
 #include "runtime/report.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -95,8 +96,10 @@ static const char *conf_require(const char *key)
 {
     const char *value = conf_get(key);
 
-    if (value == nullptr || *value == 0)
+    if (value == nullptr || *value == 0) {
+        errno = 0;
         report(1, "Error: %s not defined\n", key);
+    }
     return value;
 }
 

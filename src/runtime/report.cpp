@@ -1,10 +1,13 @@
 /* report - diagnostics: every warning and fatal message of the program.
  *
- * Messages are printed on standard error and then on standard output, each
- * behind "<program>: ", with a newline added when missing and the pending
- * system error appended as "\nSystem error %d: %s".  A non-zero status ends
- * the process inside the call.  After report_syslog_start() every message
- * is copied to syslog, since a detached process has no terminal to print on.
+ * Messages are printed on standard error and then, unless report_stdout(0)
+ * turned that copy off, on standard output, each behind "<program>: ", with
+ * a newline added when missing and the pending system error appended as
+ * "\nSystem error %d: %s" (nothing when errno is 0).  errno is left as it
+ * was, so a second message about the same failure names the same cause.  A
+ * non-zero status ends the process inside the call.  After
+ * report_syslog_start() every message is copied to syslog, since a detached
+ * process has no terminal to print on.
  * The syslog identity is always "rebox": argv[0] is the caller's choice,
  * and root's log lines must not appear under a name the caller picked.
  */
@@ -24,6 +27,9 @@ const char *report_progname = nullptr;
 
 static const size_t REPORT_BUF_SIZE = 4096;
 
+/* Whether messages are copied to standard output: off after report_stdout(0). */
+static int stdout_copy = 1;
+
 /* Syslog copy of the messages: on after report_syslog_start(). */
 static int syslog_on = 0;
 static const char SYSLOG_IDENT[] = "rebox";
@@ -37,6 +43,11 @@ static void syslog_copy(int priority, const char *text)
     while (len > 0 && text[len - 1] == '\n')
         len--;
     syslog(priority, "%.*s", static_cast<int>(len), text);
+}
+
+void report_stdout(int on)
+{
+    stdout_copy = on;
 }
 
 void report_syslog_start(const char *run_mode)
@@ -102,6 +113,7 @@ static void write_decorated(FILE *stream, const char *prefix, const char *text)
 
 int report_text(const char *text, int exit_status)
 {
+    int saved_errno = errno;
     const char *prefix = nullptr;
     char *copy = nullptr;
 
@@ -115,12 +127,14 @@ int report_text(const char *text, int exit_status)
         }
     }
     write_decorated(stderr, prefix, text);
-    write_decorated(stdout, prefix, text);
+    if (stdout_copy)
+        write_decorated(stdout, prefix, text);
     free(copy);
     if (syslog_on)
         syslog_copy(exit_status != 0 ? LOG_ERR : LOG_WARNING, text);
     if (exit_status != 0)
         report_exit(exit_status);
+    errno = saved_errno;
     return 0;
 }
 
@@ -173,6 +187,7 @@ int report(int exit_status, const char *format, ...)
     }
     report_text(buf, exit_status);
     free(buf);
+    errno = saved_errno;
     return 0;
 }
 

@@ -1,10 +1,13 @@
 /* report - the one place every message of the program goes through.
  *
- * report() formats a message, adds the text of a pending system error,
- * prints it on standard error and then on standard output behind the
- * program's base name, and ends the process when given a non-zero status.
- * report_text() prints a finished text the same way; xasprintf() allocates a
- * formatted text or ends the process; report_exit() is the exit wrapper.
+ * report() formats a message, adds the text of a pending system error (none
+ * when errno is 0), prints it on standard error and then on standard output
+ * behind the program's base name, and ends the process when given a
+ * non-zero status; after report_stdout(0) standard error alone gets it.
+ * report_text() prints a finished text the same way; neither changes errno,
+ * and a message with no system cause is reported with errno 0 (no suffix).
+ * xasprintf() allocates a formatted text or ends the process; report_exit()
+ * is the exit wrapper.
  *
  * Once the program has detached from its terminal, report_syslog_start()
  * makes every message go to syslog as well (facility mail, warnings at
@@ -18,6 +21,10 @@
 /* report_progname - the program path (argv[0]) used for the message prefix;
  * null until main() stores it. */
 extern const char *report_progname;
+
+/* report_stdout - whether messages are copied to standard output as well as
+ * printed on standard error (on until called with 0) */
+void report_stdout(int on);
 
 int report(int exit_status, const char *format, ...)
     __attribute__((format(printf, 2, 3)));

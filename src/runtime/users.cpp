@@ -42,6 +42,7 @@ unsigned int lookup_user_ids(const char *user, int selector)
         if (strcmp(remembered[i].name, user) == 0)
             return selector == 0 ? remembered[i].uid : remembered[i].gid;
 
+    errno = 0; /* an unknown user leaves it 0: no system error to show */
     struct passwd *pw = getpwnam(user);
 
     if (!pw) {
@@ -81,10 +82,11 @@ const char *user_name(uid_t uid)
 
 uid_t user_uid(const char *name)
 {
+    errno = 0;
     struct passwd *pw = getpwnam(name);
 
     if (!pw) {
-        report(0, "Unable to find uid for user %s: %s", name, strerror(errno));
+        report(0, "Unable to find uid for user %s", name);
         return 0;
     }
     return pw->pw_uid;
@@ -94,7 +96,7 @@ gid_t group_gid_if_exists(gid_t gid)
 {
     errno = 0;
     if (!getgrgid(gid)) {
-        report(0, "getgrgid(%d): %s", static_cast<int>(gid), strerror(errno));
+        report(0, "Unable to find group %d", static_cast<int>(gid));
         return 0;
     }
     return gid;
@@ -102,6 +104,7 @@ gid_t group_gid_if_exists(gid_t gid)
 
 int user_info(const char *name, uid_t *uid, gid_t *gid, char **home)
 {
+    errno = 0;
     struct passwd *pw = getpwnam(name);
 
     if (!pw) {
@@ -124,7 +127,7 @@ gid_t group_gid(const char *name)
     errno = 0;
     gr = getgrnam(name);
     if (!gr) {
-        report(0, "getgrnam(%s): %s", name, strerror(errno));
+        report(0, "Unable to find group %s", name);
         return 0;
     }
     return gr->gr_gid;

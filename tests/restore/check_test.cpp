@@ -1,7 +1,8 @@
 /* rebox --check against the real binary: after a rebuild it reports
  * nothing; each drift, one at a time, is named in its report with status 2,
  * while nothing on disk changes and no program runs; a rebuild then brings
- * the check back to 0. */
+ * the check back to 0.  Warnings go to standard error, never into the
+ * report. */
 #include "support/rebox_run.h"
 #include "support/snapshot.h"
 #include "support/testdb.h"
@@ -61,6 +62,12 @@ TEST(Check, ReportsEachDriftAndChangesNothing)
         EXPECT_EQ(disk(), before);
         ASSERT_EQ(fresh_run(REBOX_EXE " --without-spam", false).run.status, 0);
     }
+    /* A refused panel row: its warning on standard error only, the report
+     * alone on standard output. */
+    testdb_exec("INSERT INTO mail_aliases (mn_id, alias) VALUES (1, 'evil:x')");
+    CommandResult warned = run_command(REBOX_EXE " --check");
+    EXPECT_EQ(warned.out, "surplus " + names + "zulu\n");
+    EXPECT_TRUE(has(warned.err, "Skipping mail alias 'evil:x'")) << warned.err;
     run_command("rmdir \"$REBOX_SANDBOX\"/qmail/mailnames/example.com/zulu");
     EXPECT_EQ(run_command(REBOX_EXE " --check").status, 0);
 }
