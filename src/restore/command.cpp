@@ -20,6 +20,7 @@
 #include "restore/apply_effects.h"
 #include "restore/check_effects.h"
 #include "restore/check_report.h"
+#include "restore/finish.h"
 #include "restore/rebuild.h"
 #include "runtime/config.h"
 #include "runtime/process_start.h"

@@ -1,58 +1,33 @@
 /* rebuild - the pass that rebuilds qmail's whole configuration.
  *
- * The pass empties control/rcpthosts, control/virtualdomains, users/assign
- * (left holding the closing ".") and users/poppasswd, prepares the mail
- * names directory, then walks the domains with mail service and, for each,
- * calls the writers in a fixed order: the domain, its unknown-recipient
- * policy, its quota, its aliases, then every mailbox with its postbox,
- * forwards, autoresponder, quota and aliases.  Any failed or refused query
- * of the pass is fatal, never taken as an absent value; the writers handle
- * their own file failures.
+ * The pass holds the five shared qmail files in memory under their named
+ * locks from its start and empties them (users/assign keeps its closing
+ * "."), prepares the mail names directory, then walks the domains with
+ * mail service and, for each, calls the writers in a fixed order: the
+ * domain, its unknown-recipient policy, its quota, its aliases, then every
+ * mailbox with its postbox, forwards, autoresponder, quota and aliases.
+ * Only when the domains and the antivirus pass are done is each shared
+ * file that differs from the disk replaced, whole; a mailbox's delivery
+ * file is built in memory and replaced at the mailbox's end, only when it
+ * differs.  A fatal error or a kill before that leaves the previous files
+ * whole, and every failed query of the pass is fatal.  qmail-send is
+ * signalled once, after the files are written; the system users the files
+ * are given to are looked up once.
  *
- * Names, addresses and hashes are the panel customers' own input, and one
- * bad row must not stop the restore of everybody else: before a row reaches
- * a writer (which would end the process on it) it is tested with the rules
- * of value_check, and a row that breaks one is skipped with a warning that
- * names its domain, its mailbox or alias or address, and the rule; the run
- * goes on and its exit status does not change.  This is deliberate and
- * stays so: the writers still end the process on such a value, and the
- * pass alone chooses to go on without the row.  A skipped domain leaves
- * out everything of it (directory, records, policy, quota, aliases,
- * mailboxes), a skipped mailbox everything of it (home, assign record,
- * password line, delivery file, quota, aliases), a skipped alias or
- * forward address only itself, a skipped unknown-recipient policy the
- * domain's policy (and its aliases' reject lines) while the files it wrote
- * in an earlier run stay as they are.  A mailbox whose stored crypt hash is
- * refused is skipped whole: without its postbox it would accept mail and
- * deliver it nowhere, while without the mailbox the sender is told (or the
- * domain's catch-all gets it).  A database value holding a NUL byte
- * (its length longer than its text) breaks the line rule.
+ * A row that breaks a value rule is skipped with a warning (panel_rows): a
+ * skipped domain leaves out everything of it, a skipped mailbox everything
+ * of it, a skipped alias or forward address only itself, a skipped
+ * unknown-recipient policy the domain's policy and its aliases' reject
+ * lines, while the files an earlier run wrote stay as they are.  A mailbox
+ * whose stored crypt hash is refused is skipped whole: without its postbox
+ * it would accept mail and deliver it nowhere.  A domain or mailbox whose
+ * directory is in the way of a foreign object, or behind root's link that
+ * cannot be followed, keeps its records, and its files on disk stay as
+ * they are.
  *
- * The pass takes the named locks of the five shared
- * qmail files once, in a fixed order, and keeps them to its end: the
- * emptying and every file_str edit of them go to an in-memory copy, and
- * only when the domains and the antivirus pass are done is each file that
- * differs from the disk replaced, whole, through a temporary file flushed
- * to the disk and a rename.  A fatal error or a kill before that leaves the
- * previous files whole: the mail server never sees them empty or half
- * rebuilt.  A mailbox's delivery file is computed in memory the same way
- * and, at the mailbox's end, compared with the disk and only when it
- * differs locked and replaced.  qmail-send is
- * signalled once, after the files are written.  The system users the
- * files are given to are looked up once for the whole pass.
- *
- * The work a mailbox waits on is started ahead: when a domain's mailbox
- * list arrives, the mailboxes' own queries (group members, aliases) are
- * queued over a second connection, so that the server answers them while
- * the mailboxes before them are written; the questions the writers ask of
- * every domain (its identifier, policy, quota, aliases and mailbox list)
- * follow them for the next domain.  A hashing thread, on a third
- * connection, reads the domains' mailbox lists from the start of the pass
- * and hashes their plain passwords ahead of it.  Every question is still
- * asked in its own words: the pipeline hands it the queued answer of the
- * very same query text, or asks the server when there is none, and a hash
- * made ahead is taken only for the very same password text, so what was
- * done ahead can make the pass faster but never changes its answers.
+ * What the pass waits on is started ahead (read_ahead); what a check run
+ * remembers is kept in check_state; the counts of the summary line are
+ * finish's.
  */
 #include "restore/rebuild.h"
 
@@ -61,10 +36,8 @@
 #include "db/get.h"
 #include "db/pipeline.h"
 #include "filters/antivirus.h"
-#include "fs/file_str.h"
 #include "fs/held_file.h"
 #include "fs/path_at.h"
-#include "fs/replace_file.h"
 #include "mailconf/delivery.h"
 #include "mailconf/domain.h"
 #include "mailconf/domain_alias.h"
@@ -74,15 +47,14 @@
 #include "mailconf/quota.h"
 #include "mailconf/value_check.h"
 #include "proc/send_sig.h"
-#include "proc/service.h"
-#include "restore/hash_ahead.h"
-#include "restore/check_report.h"
+#include "restore/check_state.h"
+#include "restore/finish.h"
+#include "restore/panel_rows.h"
+#include "restore/read_ahead.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 #include "runtime/users.h"
 
-#include <crypt.h>
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -92,12 +64,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <set>
 #include <string>
-#include <unordered_map>
-#include <vector>
-
-static const size_t QUERY_SIZE = 4096;
 
 /* The shared qmail files the pass holds, in the order of locking. */
 static const char *const SHARED_FILES[] = {
@@ -107,25 +74,6 @@ static const char *const SHARED_FILES[] = {
 
 /* The salt of this run: "$1$", eight characters, a terminating zero. */
 static char run_salt[12];
-
-/* What a check run has seen of the panel, to tell what on disk is surplus
- * to it: the domains' directory names and the current domain's mailbox
- * names; and the hashes of users/poppasswd on disk by home directory, to
- * verify the panel's plain passwords against. */
-static std::set<std::string> seen_domains, seen_mailboxes;
-static std::unordered_map<std::string, std::string> disk_hashes;
-
-/* What the pass did, for the summary line of the run. */
-static struct {
-    unsigned domains, mailboxes, aliases, skipped;
-} counts;
-
-/* db_flag_on - a flag column is on unless it says "false"; a NULL (which
- * the panel never stores there) is taken as off rather than compared */
-static int db_flag_on(const char *value)
-{
-    return value != nullptr && strcmp(value, "false") != 0;
-}
 
 void make_salt(char *buf, int n)
 {
@@ -142,70 +90,15 @@ int short_pop3_names_allowed(MYSQL *conn)
     return !(value != nullptr && strcmp(value, "disabled") == 0);
 }
 
-/* column_rule - the rule that column col of a fetched row breaks, or null:
- * a NUL byte inside it, or a rule of check (a value_check function) */
-static const char *column_rule(MYSQL_RES *res, MYSQL_ROW row, unsigned col,
-                               const char *(*check)(const char *))
+/* add_forward - add a forward address, or skip it with a warning when it
+ * breaks rule why */
+static void add_forward(const char *address, const char *why, const char *mail_name,
+                        const char *domain)
 {
-    const unsigned long *lengths = mysql_fetch_lengths(res);
-
-    if (const char *why = check_no_nul(row[col], lengths[col]))
-        return why;
-    return check(row[col]);
-}
-
-/* skip_row - warn that a row is left out: what it is (kind, and its value
- * if it has one; no kind for the domain itself), the mailbox it belongs to
- * if any, its domain and the rule it breaks; values are shown printable */
-static void skip_row(const char *kind, const char *value, const char *mailbox,
-                     const char *domain, const char *why)
-{
-    char v[VALUE_PRINTABLE_SIZE], m[VALUE_PRINTABLE_SIZE], d[VALUE_PRINTABLE_SIZE];
-
-    counts.skipped++;
-    value_printable(domain, d, sizeof(d));
-    /* Deliberately no system error line: the warning is about what a table
-     * holds, and an errno left by some earlier call would only mislead. */
-    errno = 0;
-    if (kind == nullptr)
-        report(0, "Skipping mail domain '%s': %s", d, why);
-    else if (value == nullptr)
-        report(0, "Skipping the %s of mail domain '%s': %s", kind, d, why);
-    else if (mailbox == nullptr)
-        report(0, "Skipping %s '%s' of mail domain '%s': %s", kind,
-               value_printable(value, v, sizeof(v)), d, why);
+    if (why != nullptr)
+        skip_row("forward address", address, mail_name, domain, why);
     else
-        report(0, "Skipping %s '%s' of mailbox '%s' of mail domain '%s': %s", kind,
-               value_printable(value, v, sizeof(v)), value_printable(mailbox, m, sizeof(m)), d,
-               why);
-}
-
-/* mailbox_rule - the rule a mailbox row breaks, or null: a NUL byte in its
- * name or password columns, its name, or (postbox on, stored crypt hash)
- * its hash */
-static const char *mailbox_rule(MYSQL_RES *res, MYSQL_ROW m)
-{
-    const unsigned long *lengths = mysql_fetch_lengths(res);
-
-    for (unsigned col : {3u, 4u})
-        if (const char *why = check_no_nul(m[col], lengths[col]))
-            return why;
-    if (const char *why = column_rule(res, m, 1, check_mail_name))
-        return why;
-    if (db_flag_on(m[2]) && m[3] != nullptr && strcmp(m[3], "crypt") == 0 && m[4] != nullptr)
-        return check_crypt_hash(m[4]);
-    return nullptr;
-}
-
-/* add_forward_row - add the forward address in column col of a row, or
- * skip it with a warning */
-static void add_forward_row(MYSQL_RES *res, MYSQL_ROW row, unsigned col, const char *mail_name,
-                            const char *domain)
-{
-    if (const char *why = column_rule(res, row, col, check_address))
-        skip_row("forward address", row[col], mail_name, domain, why);
-    else
-        add_forward_address(mail_name, domain, row[col]);
+        add_forward_address(mail_name, domain, address);
 }
 
 /* apply_quota - write or remove a domain (mail_name null) or mailbox quota */
@@ -227,129 +120,11 @@ static MYSQL_RES *run_query(MYSQL *conn, const char *query, const char *failure)
 {
     MYSQL_RES *res;
 
-    if (pipeline_ask(conn, query, &res) != 0 || res == nullptr)
+    if (pipeline_ask(conn, query, &res) != 0 || res == nullptr) {
+        errno = 0; /* the server's error text says why */
         report(1, failure, mysql_error(conn));
-    return res;
-}
-
-/* domain_aliases_query - the query of a domain's mail aliases, into buf */
-static const char *domain_aliases_query(const char *id, char *buf)
-{
-    snprintf(buf, QUERY_SIZE,
-             "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'", id, 0u);
-    return buf;
-}
-
-/* mailgroup_query - the query of a mailbox's group members, into buf */
-static const char *mailgroup_query(const char *mailbox_id, char *buf)
-{
-    snprintf(buf, QUERY_SIZE, "SELECT address FROM mail_redir WHERE mn_id=%s", mailbox_id);
-    return buf;
-}
-
-/* mail_aliases_query - the query of a mailbox's aliases, into buf */
-static const char *mail_aliases_query(const char *mailbox_id, char *buf)
-{
-    snprintf(buf, QUERY_SIZE, "SELECT alias FROM mail_aliases WHERE mn_id=%s", mailbox_id);
-    return buf;
-}
-
-/* mailboxes_query - the query of a domain's mailbox list, into buf */
-static const char *mailboxes_query(const char *id, char *buf)
-{
-    snprintf(buf, QUERY_SIZE,
-             "SELECT m.id, m.mail_name, m.postbox, a.type, a.password, m.redirect, m.redir_addr, "
-             "m.mail_group, m.autoresponder, m.mbox_quota FROM mail m LEFT JOIN accounts a ON "
-             "a.id = m.account_id WHERE dom_id=%s",
-             id);
-    return buf;
-}
-
-/* domain_row_restored - 1 when restore_domain() will ask the questions of
- * a domain row: its identifier is a number and its name passes the rule */
-static int domain_row_restored(MYSQL_RES *domains, MYSQL_ROW d)
-{
-    const char *id = d[0];
-
-    return id != nullptr && id[strspn(id, "0123456789")] == '\0'
-           && column_rule(domains, d, 1, check_domain_name) == nullptr;
-}
-
-/* prefetch_domain - queue the questions restore_domain() asks of every
- * domain row it does not skip, in its order, so that the server answers
- * them while the domain before is written */
-static void prefetch_domain(MYSQL_RES *domains, MYSQL_ROW d)
-{
-    char query[QUERY_SIZE];
-    const char *id = d[0];
-
-    if (!domain_row_restored(domains, d))
-        return;
-    char *ascii = idn_toascii(d[1]);
-    if (ascii != nullptr)
-        pipeline_prefetch(dom_id_query(ascii, query, sizeof(query)));
-    free(ascii);
-    pipeline_prefetch(dom_limit_query(id, "mbox_quota", query, sizeof(query)));
-    pipeline_prefetch(domain_aliases_query(id, query));
-    pipeline_prefetch(mailboxes_query(id, query));
-    nonexist_policy_prefetch(id);
-}
-
-/* prefetch_next_domain - prefetch_domain() for the row after the current
- * one, which stays the current one */
-static void prefetch_next_domain(MYSQL_RES *domains)
-{
-    MYSQL_ROW_OFFSET here = mysql_row_tell(domains);
-
-    if (MYSQL_ROW next = mysql_fetch_row(domains))
-        prefetch_domain(domains, next);
-    mysql_row_seek(domains, here);
-}
-
-/* row_plain - the plain password a mailbox row's postbox is hashed from
- * (the empty text for a missing account), or null when the row has no
- * postbox or stores a crypt hash */
-static const char *row_plain(MYSQL_ROW m)
-{
-    if (!db_flag_on(m[2]) || (m[3] != nullptr && strcmp(m[3], "crypt") == 0))
-        return nullptr;
-    return m[4] ? m[4] : "";
-}
-
-/* start_mailboxes - queue the queries restore_mailbox() will ask of each
- * row of a domain's mailbox list, in its order; the list is rewound for
- * the walk that writes the mailboxes */
-static void start_mailboxes(MYSQL_RES *rows)
-{
-    char query[QUERY_SIZE];
-
-    while (MYSQL_ROW m = mysql_fetch_row(rows)) {
-        if (mailbox_rule(rows, m) != nullptr)
-            continue;
-        if (db_flag_on(m[7]))
-            pipeline_prefetch(mailgroup_query(m[0], query));
-        pipeline_prefetch(mail_aliases_query(m[0], query));
     }
-    mysql_data_seek(rows, 0);
-}
-
-/* start_hashing - hand the hashing thread a connection of its own and the
- * mailbox list query of every domain row, in the pass's order, so that it
- * hashes the plain passwords ahead of the pass for the whole run.  Without
- * a connection (the server may allow no third one) the pass hashes them
- * itself, as fast as ever, without a word. */
-static void start_hashing(MYSQL_RES *domains, std::vector<std::string> &queries,
-                          std::vector<const char *> &texts)
-{
-    char query[QUERY_SIZE], err[QUERY_SIZE];
-
-    while (MYSQL_ROW d = mysql_fetch_row(domains))
-        queries.push_back(domain_row_restored(domains, d) ? mailboxes_query(d[0], query) : "");
-    mysql_data_seek(domains, 0);
-    for (const std::string &q : queries)
-        texts.push_back(q.empty() ? nullptr : q.c_str());
-    hash_ahead_start(db_open_session(err, sizeof(err)), texts.data(), texts.size(), row_plain,
-                     run_salt);
+    return res;
 }
 
 /* empty_qmail_files - empty the held copies of the domain data, assign
@@ -357,7 +132,7 @@ static void start_hashing(MYSQL_RES *domains, std::vector<std::string> &queries,
  * succeeded */
 static void empty_qmail_files(void)
 {
-    char path[QUERY_SIZE];
+    char path[PANEL_QUERY_SIZE];
 
     for (const char *name : SHARED_FILES) {
         snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, name);
@@ -366,34 +141,35 @@ static void empty_qmail_files(void)
     }
 }
 
-/* prepare_mailnames_dir - make the mailbox root, owned by root:gid, 0755;
- * owner and mode are set only where they differ (a check run reports
- * them) */
+/* prepare_mailnames_dir - the mailbox root made when missing, owned by
+ * root:gid with mode 0755 (each set only where it differs), and entered */
 static void prepare_mailnames_dir(unsigned gid)
 {
     const char *dir = panel_config.QMAIL_MAILNAMES_D;
     const char *step = "chown";
     struct stat st;
+    PathAt at;
+    int fd = -1;
 
-    if (stat(dir, &st) != 0) {
-        if (errno != ENOENT)
-            report(1, "ERROR: Unable to stat for mailnames dir: %s", strerror(errno));
-        if (check_run) {
-            check_note("missing", dir);
-            return;
-        }
-        if (mkdir(dir, 0755) != 0)
-            report(1, "ERROR: Unable to mkdir for mailnames dir: %s", strerror(errno));
+    if (stat(dir, &st) != 0 && errno != ENOENT)
+        report(1, "ERROR: Unable to stat for mailnames dir: %s", strerror(errno));
+    if (path_at(dir, &at) == 0) {
+        fd = at_dir(&at, 0755, nullptr);
+        int err = errno;
+        path_at_close(&at);
+        errno = err;
     }
-    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || fd_owner_mode(fd, dir, 0, gid, 0755, &step) != 0) {
+    if (fd < 0)
+        report(1, "ERROR: Unable to mkdir for mailnames dir: %s", strerror(errno));
+    if (fd_owner_mode(fd, dir, 0, gid, 0755, &step) != 0) {
         if (strcmp(step, "chmod") == 0)
             report(1, "ERROR: Unable to chmod for mailnames dir: %s", strerror(errno));
         report(1, "ERROR: Unable to chown for mailnames dir: %s", strerror(errno));
     }
-    close(fd);
-    if (chdir(dir) != 0)
+    /* One that is only reported missing is not entered. */
+    if (fstat(fd, &st) == 0 && S_ISDIR(st.st_mode) && fchdir(fd) != 0)
         report(1, "WARNING: Unable to chdir to mailnames dir: %s", strerror(errno));
+    close(fd);
 }
 
 /* batch_end - release the held files' locks, signal once */
@@ -411,7 +187,7 @@ static void batch_end(void)
  * leaves the previous files whole. */
 static void batch_begin(void)
 {
-    char path[QUERY_SIZE];
+    char path[PANEL_QUERY_SIZE];
 
     for (const char *name : SHARED_FILES) {
         snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, name);
@@ -422,118 +198,52 @@ static void batch_begin(void)
     users_remember(1);
 }
 
-/* load_disk_hashes - a check run's map of users/poppasswd on disk: home
- * directory to hash ("name:[!]hash:popuser:home" lines) */
-static void load_disk_hashes(void)
-{
-    char path[QUERY_SIZE], line[QUERY_SIZE];
-
-    snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/users/poppasswd");
-    FILE *f = fopen(path, "r");
-    while (f != nullptr && fgets(line, sizeof(line), f) != nullptr) {
-        line[strcspn(line, "\n")] = '\0';
-        char *hash = strchr(line, ':');
-        char *home = hash ? strchr(hash + 1, ':') : nullptr;
-        char *rest = home ? strchr(home + 1, ':') : nullptr;
-        if (rest == nullptr)
-            continue;
-        *home = '\0';
-        hash += 1 + (hash[1] == '!');
-        disk_hashes[rest + 1] = hash;
-    }
-    if (f != nullptr)
-        fclose(f);
-}
-
-/* known_hash - in a check run, the hash on disk of a mailbox's plain
- * password when it verifies the password (so that the run's new salt does
- * not count as a change), else hash */
-static const char *known_hash(const char *ascii, const char *mail_name, const char *plain,
-                              const char *hash)
-{
-    static struct crypt_data data;
-    char home[QUERY_SIZE];
-
-    snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
-    auto known = disk_hashes.find(home);
-    if (known == disk_hashes.end())
-        return hash;
-    const char *again = crypt_r(plain, known->second.c_str(), &data);
-    return again != nullptr && known->second == again ? known->second.c_str() : hash;
-}
-
-/* note_surplus - a check run's line for each directory (or link) in dir
- * that names nothing the panel has, in name order; set-aside directories
- * are left out */
-static void note_surplus(const char *dir, const std::set<std::string> &seen)
-{
-    std::set<std::string> surplus;
-    DIR *d = path_opendir(dir);
-    struct stat st;
-
-    for (struct dirent *e; d != nullptr && (e = readdir(d)) != nullptr;) {
-        std::string name = e->d_name;
-        if (name == "." || name == ".." || name.starts_with("__deleted") || seen.count(name)
-            || fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0
-            || !(S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode)))
-            continue;
-        surplus.insert(std::string(dir) + "/" + name);
-    }
-    if (d != nullptr)
-        closedir(d);
-    for (const std::string &path : surplus)
-        check_note("surplus", path.c_str());
-}
-
 /* restore_mailbox - row number i of a domain's mailbox list, all its
  * records; its delivery file is held in memory from add_mailbox to the
  * end */
-static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
+static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW row, size_t i,
                             const char *domain, const char *ascii, int disabled,
                             int full_names_required)
 {
-    char qmail[QUERY_SIZE], query[QUERY_SIZE];
-    const char *mail_name = m[1];
+    char qmail[PANEL_QUERY_SIZE], query[PANEL_QUERY_SIZE];
+    MailboxRow m;
 
-    if (const char *why = mailbox_rule(rows, m)) {
-        skip_row("mailbox", mail_name, nullptr, domain, why);
+    if (const char *why = mailbox_row(rows, row, &m)) {
+        skip_row("mailbox", m.mail_name, nullptr, domain, why);
         return;
     }
-    snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
+    snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, m.mail_name);
     if (held_file_take_rebuilt(qmail) != 0)
         report(1, "Unable to lock %s for the rebuild", qmail);
     /* A mailbox whose directories are in the way of a foreign object keeps
      * its records but none of its files on disk changes. */
-    int tree_skipped = add_mailbox(mail_name, domain) != 0;
-    counts.mailboxes++;
-    seen_mailboxes.insert(mail_name);
-    if (db_flag_on(m[2])) {
-        const char *plain = row_plain(m);
-        const char *hash = plain != nullptr ? hash_ahead_get(i, plain) : m[4];
-        if (check_run && plain != nullptr)
-            hash = known_hash(ascii, mail_name, plain, hash);
-        add_postbox(mail_name, domain, hash, disabled, full_names_required);
+    int tree_skipped = add_mailbox(m.mail_name, domain) != 0;
+    run_count(RUN_MAILBOXES);
+    check_seen_mailbox(m.mail_name);
+    if (m.postbox) {
+        const char *hash = m.plain != nullptr ? read_ahead_hash(i, m.plain) : m.password;
+        hash = check_known_hash(ascii, m.mail_name, m.plain, hash);
+        add_postbox(m.mail_name, domain, hash, disabled, full_names_required);
     }
-    if (db_flag_on(m[5]) && m[6] != nullptr && m[6][0] != 0)
-        add_forward_row(rows, m, 6, mail_name, domain);
-    if (db_flag_on(m[7])) {
-        MYSQL_RES *res = run_query(conn, mailgroup_query(m[0], query),
+    if (m.redirect)
+        add_forward(m.redir_addr, m.redir_addr_rule, m.mail_name, domain);
+    if (m.mail_group) {
+        MYSQL_RES *res = run_query(conn, mailgroup_query(m.id, query),
                                    "Unable to query mailgroup members: %s");
         while (MYSQL_ROW r = mysql_fetch_row(res))
-            add_forward_row(res, r, 0, mail_name, domain);
+            add_forward(r[0], value_rule(res, r, check_address), m.mail_name, domain);
         mysql_free_result(res);
     }
-    if (db_flag_on(m[8]))
-        add_autoresponder(mail_name, domain);
+    if (m.autoresponder)
+        add_autoresponder(m.mail_name, domain);
     if (!tree_skipped)
-        apply_quota(domain, mail_name, m[9]);
-    MYSQL_RES *res = run_query(conn, mail_aliases_query(m[0], query),
-                               "Unable to query alias for mail: %s");
+        apply_quota(domain, m.mail_name, m.mbox_quota);
+    MYSQL_RES *res = run_query(conn, mail_aliases_query(m.id, query), "Unable to query alias for mail: %s");
     while (MYSQL_ROW r = mysql_fetch_row(res)) {
-        if (const char *why = column_rule(res, r, 0, check_mail_name))
-            skip_row("mail alias", r[0], mail_name, domain, why);
-        else if (add_mail_alias(mail_name, domain, r[0]) == 0)
-            counts.aliases++;
+        if (const char *why = value_rule(res, r, check_mail_name))
+            skip_row("mail alias", r[0], m.mail_name, domain, why);
+        else if (add_mail_alias(m.mail_name, domain, r[0]) == 0)
+            run_count(RUN_ALIASES);
     }
     mysql_free_result(res);
     /* A delivery file that cannot be written ends the run; one that a
@@ -552,64 +262,55 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW m, size_t i,
 
 /* restore_domain - domain row number k: domain, policy, quota, aliases,
  * mailboxes */
-static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW d, size_t k,
+static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW row, size_t k,
                            int full_names_required)
 {
-    char query[QUERY_SIZE];
-    const char *id = d[0];
-    const char *name = d[1];
-    int disabled = (d[2] && atoi(d[2]) != 0) || (d[3] && atoi(d[3]) != 0);
+    char query[PANEL_QUERY_SIZE];
+    MailDomainRow d;
 
-    if (const char *why = column_rule(domains, d, 1, check_domain_name)) {
-        skip_row(nullptr, nullptr, nullptr, name, why);
+    if (const char *why = domain_row(domains, row, &d)) {
+        skip_row(nullptr, nullptr, nullptr, d.name, why);
         return;
     }
     /* A domain whose directory is root's link that cannot be followed
      * keeps its records; its files on disk stay as they are. */
-    int dir_skipped = add_mail_domain(name, disabled) != 0;
-    counts.domains++;
-    /* The name converts: check_domain_name has just converted it. */
-    char *ascii = idn_toascii(name);
+    int dir_skipped = add_mail_domain(d.name, d.disabled) != 0;
+    run_count(RUN_DOMAINS);
+    /* The name converts: domain_row has just converted it. */
+    char *ascii = idn_toascii(d.name);
     /* Every question about the domain itself is asked before the first of
      * its files (.qmail-default, @mbox.quota) is written, the policy's own
      * questions last, just before it writes: a refused one ends the run
      * with the domain's files as they were. */
-    const char *limit_value = get_dom_Limit(id, "mbox_quota", conn);
+    const char *limit_value = get_dom_Limit(d.id, "mbox_quota", conn);
     std::string limit = limit_value != nullptr ? limit_value : "";
-    MYSQL_RES *aliases = run_query(conn, domain_aliases_query(id, query), "Unable to query domain aliases: %s");
-    MYSQL_RES *res = run_query(conn, mailboxes_query(id, query), "Unable to query mailnames: %s");
-    hash_ahead_domain(k);
-    start_mailboxes(res);
-    prefetch_next_domain(domains);
+    MYSQL_RES *aliases = run_query(conn, domain_aliases_query(d.id, query), "Unable to query domain aliases: %s");
+    MYSQL_RES *mailboxes = run_query(conn, mailboxes_query(d.id, query), "Unable to query mailnames: %s");
+    read_ahead_domain(domains, mailboxes, k);
 
     int reject_aliases;
-    const char *policy_refused = restore_nonexist_policy_checked(name, id, conn, &reject_aliases);
+    const char *policy_refused = restore_nonexist_policy_checked(d.name, d.id, conn, &reject_aliases);
     if (policy_refused != nullptr)
-        skip_row("unknown-recipient policy", nullptr, nullptr, name, policy_refused);
+        skip_row("unknown-recipient policy", nullptr, nullptr, d.name, policy_refused);
     if (!dir_skipped)
-        apply_quota(name, nullptr, limit.c_str());
+        apply_quota(d.name, nullptr, limit.c_str());
 
     while (MYSQL_ROW a = mysql_fetch_row(aliases)) {
-        if (const char *why = column_rule(aliases, a, 0, check_domain_name)) {
-            skip_row("domain alias", a[0], nullptr, name, why);
+        if (const char *why = value_rule(aliases, a, check_domain_name)) {
+            skip_row("domain alias", a[0], nullptr, d.name, why);
             continue;
         }
-        add_domain_alias(name, a[0]);
-        counts.aliases++;
+        add_domain_alias(d.name, a[0]);
+        run_count(RUN_ALIASES);
         if (reject_aliases)
             add_reject(a[0]);
     }
     mysql_free_result(aliases);
 
-    for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(res); i++)
-        restore_mailbox(conn, res, m, i, name, ascii, disabled, full_names_required);
-    mysql_free_result(res);
-    if (check_run) {
-        snprintf(query, sizeof(query), "%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii);
-        note_surplus(query, seen_mailboxes);
-        seen_mailboxes.clear();
-        seen_domains.insert(ascii);
-    }
+    for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(mailboxes); i++)
+        restore_mailbox(conn, mailboxes, m, i, d.name, ascii, d.disabled, full_names_required);
+    mysql_free_result(mailboxes);
+    check_domain_done(ascii);
     free(ascii);
 }
 
@@ -619,8 +320,7 @@ void rebuild_mail_configuration(void)
 
     if (chdir(panel_config.QMAIL_ROOT_D) != 0)
         report(1, "ERROR: Unable to chdir to qmail dir: %s", strerror(errno));
-    if (check_run)
-        load_disk_hashes();
+    check_state_begin();
     batch_begin();
     empty_qmail_files();
     prepare_mailnames_dir(gid);
@@ -642,31 +342,24 @@ void rebuild_mail_configuration(void)
     pipeline_open(ahead, conn);
     int full_names_required = short_pop3_names_allowed(conn) == 0;
 
-    MYSQL_RES *domains = run_query(conn,
-        "SELECT d.id, d.name, d.status, s.status FROM domains d LEFT JOIN DomainServices s "
-        "ON d.id=s.dom_id WHERE s.type='mail'",
-        "Unable to query domains: %s");
+    MYSQL_RES *domains = run_query(conn, DOMAINS_QUERY, "Unable to query domains: %s");
 
     srand(time(nullptr));
     memcpy(run_salt, "$1$", 3);
     make_salt(run_salt + 3, 8);
     run_salt[11] = 0;
 
-    std::vector<std::string> queries;
-    std::vector<const char *> texts;
-    start_hashing(domains, queries, texts);
-    prefetch_next_domain(domains);
+    read_ahead_start(domains, run_salt);
     for (size_t k = 0; MYSQL_ROW d = mysql_fetch_row(domains); k++)
         restore_domain(conn, domains, d, k, full_names_required);
-    hash_ahead_stop();
+    read_ahead_stop();
     mysql_free_result(domains);
     pipeline_close();
     mysql_close(ahead);
 
     if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
         restore_antivirus_settings(conn);
-    if (check_run)
-        note_surplus(panel_config.QMAIL_MAILNAMES_D, seen_domains);
+    check_pass_done();
     /* The pass has succeeded: the shared files are replaced now, each only
      * when it differs, before qmail's user database is rebuilt from them;
      * files that cannot be written end the run here. */
@@ -674,28 +367,4 @@ void rebuild_mail_configuration(void)
         report(1, "Unable to write the rebuilt qmail files");
     batch_end();
     mysql_close(conn);
-}
-
-void rebuild_log_summary(double seconds)
-{
-    report_syslog_info("summary: %u domains, %u mailboxes and %u aliases restored, %u rows skipped, "
-                       "%lu files replaced, %.1f seconds",
-                       counts.domains, counts.mailboxes, counts.aliases, counts.skipped,
-                       replace_count(), seconds);
-}
-
-int run_qmail_newu(void)
-{
-    char command[QUERY_SIZE];
-
-    snprintf(command, sizeof(command), "%s%s", panel_config.QMAIL_ROOT_D, "/bin/qmail-newu");
-    int status = system(command);
-    return (status >> 8) & 0xff;
-}
-
-int restart_qmail(int really)
-{
-    if (really == 0)
-        return 0;
-    return service_control("qmail", "restart");
 }

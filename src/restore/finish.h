@@ -1,0 +1,19 @@
+/* finish - the end of a run: qmail's user database rebuilt, qmail
+ * restarted, and one summary line to syslog of what the run did.
+ *
+ * run_count() is bumped by the pass for each domain, mailbox and alias it
+ * restored and each row it skipped; rebuild_log_summary() tells syslog
+ * those counts, the files replaced and the seconds the run took ("checked"
+ * instead of "restored" for a check run, which replaced nothing).
+ */
+#ifndef REBOX_RESTORE_FINISH_H
+#define REBOX_RESTORE_FINISH_H
+
+enum RunCount { RUN_DOMAINS, RUN_MAILBOXES, RUN_ALIASES, RUN_SKIPPED, RUN_COUNTS };
+
+void run_count(RunCount what);
+void rebuild_log_summary(double seconds);
+int run_qmail_newu(void);
+int restart_qmail(int really);
+
+#endif

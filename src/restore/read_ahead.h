@@ -1,0 +1,39 @@
+/* read_ahead - the work the rebuild pass waits on, started ahead of it.
+ *
+ * When a domain's mailbox list arrives, read_ahead_domain() queues the
+ * mailboxes' own queries (group members, aliases) over the pipeline's
+ * second connection, so that the server answers them while the mailboxes
+ * before them are written, followed by the questions the writers ask of
+ * the next domain (its identifier, quota, aliases, mailbox list and
+ * unknown-recipient policy).  read_ahead_start() hands the hashing thread
+ * (hash_ahead) a connection of its own and the mailbox list query of every
+ * domain row, in the pass's order, so that it hashes the plain passwords
+ * ahead of the pass for the whole run; read_ahead_hash() gives the hash
+ * of a mailbox's password.  Every question is still asked in its own
+ * words: the pipeline hands it the queued answer of the very same query
+ * text, or asks the server when there is none, and a hash made ahead is
+ * taken only for the very same password text, so what is done ahead can
+ * make the pass faster but never changes its answers.
+ */
+#ifndef REBOX_RESTORE_READ_AHEAD_H
+#define REBOX_RESTORE_READ_AHEAD_H
+
+#include <mysql.h>
+#include <stddef.h>
+
+/* read_ahead_start - the hashing thread for the domain rows (rewound
+ * after), with salt, and the first domain's questions queued */
+void read_ahead_start(MYSQL_RES *domains, const char *salt);
+
+/* read_ahead_domain - domain row k's mailbox list has arrived: its
+ * mailboxes' queries and the next domain's questions queued (both lists
+ * stay where they were) */
+void read_ahead_domain(MYSQL_RES *domains, MYSQL_RES *mailboxes, size_t k);
+
+/* read_ahead_hash - the hash of plain password of mailbox row i of the
+ * current domain, with the run's salt */
+const char *read_ahead_hash(size_t i, const char *plain);
+
+void read_ahead_stop(void);
+
+#endif
