@@ -11,15 +11,21 @@
 #include "restore/panel_rows.h"
 
 #include <stdlib.h>
+#include <string.h>
+#include <time.h>
 
 #include <string>
 #include <vector>
 
+/* The salt of this run: "$1$", eight characters, a terminating zero. */
+static char run_salt[12];
+
 /* The mailbox list query of every domain row ("" for a row the pass
  * skips), and the texts handed to the hashing thread, which point into
- * them: both live until read_ahead_stop(). */
-static std::vector<std::string> list_queries;
-static std::vector<const char *> list_texts;
+ * them: both live until read_ahead_stop().  Never destroyed at exit: a
+ * fatal error ends the process while the thread may still read them. */
+static std::vector<std::string> &list_queries = *new std::vector<std::string>;
+static std::vector<const char *> &list_texts = *new std::vector<const char *>;
 
 /* prefetch_domain - queue the questions the pass asks of a domain row it
  * does not skip, in its order */
@@ -52,9 +58,22 @@ static void prefetch_next_domain(MYSQL_RES *domains)
     mysql_row_seek(domains, here);
 }
 
-void read_ahead_start(MYSQL_RES *domains, const char *salt)
+void make_salt(char *buf, int n)
+{
+    for (int i = 0; i < n; i++) {
+        int k = static_cast<int>(rand() * 64.0 * 4.656612873077393e-10);
+        buf[i] = SALT_ALPHABET[(k + 1) % 64];
+    }
+}
+
+void read_ahead_start(MYSQL_RES *domains)
 {
     char query[PANEL_QUERY_SIZE], err[PANEL_QUERY_SIZE];
+
+    srand(time(nullptr));
+    memcpy(run_salt, "$1$", 3);
+    make_salt(run_salt + 3, 8);
+    run_salt[11] = 0;
 
     while (MYSQL_ROW d = mysql_fetch_row(domains))
         list_queries.push_back(domain_row_restored(domains, d) ? mailboxes_query(d[0], query) : "");
@@ -64,7 +83,7 @@ void read_ahead_start(MYSQL_RES *domains, const char *salt)
     /* Without a connection (the server may allow no third one) the pass
      * hashes the passwords itself, as fast as ever, without a word. */
     hash_ahead_start(db_open_session(err, sizeof(err)), list_texts.data(), list_texts.size(), row_plain,
-                     salt);
+                     run_salt);
     prefetch_next_domain(domains);
 }
 

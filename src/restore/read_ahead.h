@@ -21,9 +21,17 @@
 #include <mysql.h>
 #include <stddef.h>
 
-/* read_ahead_start - the hashing thread for the domain rows (rewound
- * after), with salt, and the first domain's questions queued */
-void read_ahead_start(MYSQL_RES *domains, const char *salt);
+#define SALT_ALPHABET "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+
+/* make_salt - n characters of SALT_ALPHABET drawn with rand() (no
+ * terminator) */
+void make_salt(char *buf, int n);
+
+/* read_ahead_start - the run's salt made ("$1$" and eight characters, so
+ * that all plain passwords of a run hash alike), the hashing thread
+ * started for the domain rows (rewound after), and the first domain's
+ * questions queued */
+void read_ahead_start(MYSQL_RES *domains);
 
 /* read_ahead_domain - domain row k's mailbox list has arrived: its
  * mailboxes' queries and the next domain's questions queued (both lists
@@ -31,7 +39,7 @@ void read_ahead_start(MYSQL_RES *domains, const char *salt);
 void read_ahead_domain(MYSQL_RES *domains, MYSQL_RES *mailboxes, size_t k);
 
 /* read_ahead_hash - the hash of plain password of mailbox row i of the
- * current domain, with the run's salt */
+ * current domain, with the run's salt (made ahead when it could be) */
 const char *read_ahead_hash(size_t i, const char *plain);
 
 void read_ahead_stop(void);

@@ -1,33 +1,26 @@
 /* rebuild - the pass that rebuilds qmail's whole configuration.
  *
  * The pass holds the five shared qmail files in memory under their named
- * locks from its start and empties them (users/assign keeps its closing
- * "."), prepares the mail names directory, then walks the domains with
- * mail service and, for each, calls the writers in a fixed order: the
- * domain, its unknown-recipient policy, its quota, its aliases, then every
- * mailbox with its postbox, forwards, autoresponder, quota and aliases.
- * Only when the domains and the antivirus pass are done is each shared
- * file that differs from the disk replaced, whole; a mailbox's delivery
- * file is built in memory and replaced at the mailbox's end, only when it
- * differs.  A fatal error or a kill before that leaves the previous files
- * whole, and every failed query of the pass is fatal.  qmail-send is
- * signalled once, after the files are written; the system users the files
- * are given to are looked up once.
+ * locks and empties them (users/assign keeps its closing "."), prepares the
+ * mail names directory, then walks the domains with mail service and, for
+ * each, calls the writers in a fixed order: the domain, its unknown-recipient
+ * policy, its quota, its aliases, then every mailbox with its postbox,
+ * forwards, autoresponder, quota and aliases.  Only when the domains and the
+ * antivirus pass are done is each shared file that differs replaced, whole;
+ * a mailbox's delivery file is built in memory and replaced at the mailbox's
+ * end, only when it differs.  A fatal error (every failed query of the pass
+ * is one) or a kill before that leaves the previous files whole.  qmail-send
+ * is signalled once, after the files are written.
  *
  * A row that breaks a value rule is skipped with a warning (panel_rows): a
- * skipped domain leaves out everything of it, a skipped mailbox everything
- * of it, a skipped alias or forward address only itself, a skipped
- * unknown-recipient policy the domain's policy and its aliases' reject
- * lines, while the files an earlier run wrote stay as they are.  A mailbox
- * whose stored crypt hash is refused is skipped whole: without its postbox
- * it would accept mail and deliver it nowhere.  A domain or mailbox whose
- * directory is in the way of a foreign object, or behind root's link that
- * cannot be followed, keeps its records, and its files on disk stay as
- * they are.
- *
- * What the pass waits on is started ahead (read_ahead); what a check run
- * remembers is kept in check_state; the counts of the summary line are
- * finish's.
+ * domain with everything of it, a mailbox with everything of it (also for a
+ * refused stored hash: without its postbox it would accept mail and deliver
+ * it nowhere), an alias or forward address alone, a policy with its
+ * aliases' reject lines; files an earlier run wrote stay.  A domain or
+ * mailbox whose directory is in the way of a foreign object, or behind
+ * root's link that cannot be followed, keeps its records and its files.
+ * What the pass waits on is started ahead (read_ahead), a check run's
+ * memory is check_state's, the summary's counts are finish's.
  */
 #include "restore/rebuild.h"
 
@@ -46,11 +39,11 @@
 #include "mailconf/nonexist_policy.h"
 #include "mailconf/quota.h"
 #include "mailconf/value_check.h"
-#include "proc/send_sig.h"
 #include "restore/check_state.h"
 #include "restore/finish.h"
 #include "restore/panel_rows.h"
 #include "restore/read_ahead.h"
+#include "restore/shared_files.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 #include "runtime/users.h"
@@ -61,27 +54,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <string>
-
-/* The shared qmail files the pass holds, in the order of locking. */
-static const char *const SHARED_FILES[] = {
-    "/control/rcpthosts", "/control/virtualdomains", "/users/assign", "/users/poppasswd",
-    "/control/rejectnonexist",
-};
-
-/* The salt of this run: "$1$", eight characters, a terminating zero. */
-static char run_salt[12];
-
-void make_salt(char *buf, int n)
-{
-    for (int i = 0; i < n; i++) {
-        int k = static_cast<int>(rand() * 64.0 * 4.656612873077393e-10);
-        buf[i] = SALT_ALPHABET[(k + 1) % 64];
-    }
-}
 
 int short_pop3_names_allowed(MYSQL *conn)
 {
@@ -127,20 +102,6 @@ static MYSQL_RES *run_query(MYSQL *conn, const char *query, const char *failure)
     return res;
 }
 
-/* empty_qmail_files - empty the held copies of the domain data, assign
- * keeping its "."; the disk keeps the old files until the pass has
- * succeeded */
-static void empty_qmail_files(void)
-{
-    char path[PANEL_QUERY_SIZE];
-
-    for (const char *name : SHARED_FILES) {
-        snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, name);
-        if (strcmp(name, "/control/rejectnonexist") != 0)
-            held_file_reset(path, strcmp(name, "/users/assign") == 0 ? ".\n" : "");
-    }
-}
-
 /* prepare_mailnames_dir - the mailbox root made when missing, owned by
  * root:gid with mode 0755 (each set only where it differs), and entered */
 static void prepare_mailnames_dir(unsigned gid)
@@ -170,32 +131,6 @@ static void prepare_mailnames_dir(unsigned gid)
     if (fstat(fd, &st) == 0 && S_ISDIR(st.st_mode) && fchdir(fd) != 0)
         report(1, "WARNING: Unable to chdir to mailnames dir: %s", strerror(errno));
     close(fd);
-}
-
-/* batch_end - release the held files' locks, signal once */
-static void batch_end(void)
-{
-    held_files_release();
-    get_refusals_fatal(0);
-    get_dom_id_share(nullptr);
-    users_remember(0);
-    kill_by_name_defer(0);
-}
-
-/* batch_begin - lock and hold the shared files for the whole pass.  Nothing
- * of them reaches the disk before batch_end: a fatal error or a kill
- * leaves the previous files whole. */
-static void batch_begin(void)
-{
-    char path[PANEL_QUERY_SIZE];
-
-    for (const char *name : SHARED_FILES) {
-        snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, name);
-        if (held_file_take(path, 1) != 0)
-            report(1, "Unable to lock %s for the rebuild", path);
-    }
-    kill_by_name_defer(1);
-    users_remember(1);
 }
 
 /* restore_mailbox - row number i of a domain's mailbox list, all its
@@ -321,8 +256,7 @@ void rebuild_mail_configuration(void)
     if (chdir(panel_config.QMAIL_ROOT_D) != 0)
         report(1, "ERROR: Unable to chdir to qmail dir: %s", strerror(errno));
     check_state_begin();
-    batch_begin();
-    empty_qmail_files();
+    shared_files_take();
     prepare_mailnames_dir(gid);
 
     MYSQL *conn = panel_db_open();
@@ -343,13 +277,7 @@ void rebuild_mail_configuration(void)
     int full_names_required = short_pop3_names_allowed(conn) == 0;
 
     MYSQL_RES *domains = run_query(conn, DOMAINS_QUERY, "Unable to query domains: %s");
-
-    srand(time(nullptr));
-    memcpy(run_salt, "$1$", 3);
-    make_salt(run_salt + 3, 8);
-    run_salt[11] = 0;
-
-    read_ahead_start(domains, run_salt);
+    read_ahead_start(domains);
     for (size_t k = 0; MYSQL_ROW d = mysql_fetch_row(domains); k++)
         restore_domain(conn, domains, d, k, full_names_required);
     read_ahead_stop();
@@ -360,11 +288,8 @@ void rebuild_mail_configuration(void)
     if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
         restore_antivirus_settings(conn);
     check_pass_done();
-    /* The pass has succeeded: the shared files are replaced now, each only
-     * when it differs, before qmail's user database is rebuilt from them;
-     * files that cannot be written end the run here. */
-    if (held_files_write() != 0)
-        report(1, "Unable to write the rebuilt qmail files");
-    batch_end();
+    shared_files_commit();
+    get_refusals_fatal(0);
+    get_dom_id_share(nullptr);
     mysql_close(conn);
 }

@@ -1,0 +1,21 @@
+/* shared_files - qmail's five shared files, held for the rebuild pass.
+ *
+ * shared_files_take() takes the named locks of control/rcpthosts,
+ * control/virtualdomains, users/assign, users/poppasswd and
+ * control/rejectnonexist once, in that order, and holds the files in
+ * memory (fs/held_file) emptied, users/assign with its closing "." and
+ * control/rejectnonexist as it is: every edit of the pass goes to those
+ * copies, the signals to qmail-send wait, and the system users the files
+ * are given to are looked up once.  shared_files_commit(), when the pass
+ * has succeeded, replaces each file that differs from the disk, whole and
+ * together with the others, releases the locks and sends the signals;
+ * files that cannot be written end the run.  Nothing reaches the disk
+ * before: a fatal error or a kill leaves the previous files whole.
+ */
+#ifndef REBOX_RESTORE_SHARED_FILES_H
+#define REBOX_RESTORE_SHARED_FILES_H
+
+void shared_files_take(void);
+void shared_files_commit(void);
+
+#endif
