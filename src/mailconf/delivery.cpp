@@ -17,29 +17,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/* Each operation keeps its own popuser ids, looked up once per process. */
-static PopuserIds postbox_popuser;
-static PopuserIds forward_popuser;
-static PopuserIds alias_popuser;
-
 /* The invalid-name message of every writer here but add_mail_alias. */
 static const char BAD_NAMES[] = "empty mailname or maildomain";
 
-/* names_valid - the name test of the delivery writers (the domain's ASCII
- * form is tested where it is made, in delivery_file_path) */
+/* names_valid - the name test of remove_postbox */
 static int names_valid(const char *mail_name, const char *domain)
 {
     return mail_name_valid(mail_name) && domain != nullptr && *domain != '\0';
 }
 
 /* delivery_file_path - QMAIL_MAILNAMES_D/ascii/mail_name/.qmail */
-static void delivery_file_path(char *buf, const char *domain, const char *mail_name)
+static void delivery_file_path(char *buf, const char *ascii, const char *mail_name)
 {
-    char *ascii = domain_ascii_valid(domain, BAD_NAMES);
-
-    snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D,
-             ascii, mail_name);
-    free(ascii);
+    snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
 }
 
 /* put_qmail_line - make line the last line of the delivery file, once;
@@ -51,31 +41,30 @@ static int put_qmail_line(const char *path, const char *line)
 }
 
 /* give_to_popuser - owner popuser and mode 0600 for the delivery file */
-static void give_to_popuser(const char *path, PopuserIds *ids)
+static void give_to_popuser(const char *path, const MailDomain *d)
 {
-    if (!popuser_known(ids))
-        report(1, "Unable to define UID or GID for user popuser");
     const char *step;
-    if (file_owner_mode(path, ids->uid, ids->gid, 0600, &step) != 0)
+
+    if (file_owner_mode(path, d->uid, d->gid, 0600, &step) != 0)
         report(1, "Unable to %s %s file: %s", step, path, strerror(errno));
 }
 
-int add_postbox(const char *mail_name, const char *domain, const char *password,
-                int disabled, int full_names_required)
+int add_postbox(const MailDomain *d, const char *mail_name, const char *password, int disabled,
+                int full_names_required)
 {
     char path[QMAIL_BUF_SIZE];
 
-    if (!names_valid(mail_name, domain))
+    if (!mail_name_valid(mail_name))
         value_refused(BAD_NAMES);
-    add_pop3_password(mail_name, domain, password, disabled, full_names_required);
-    delivery_file_path(path, domain, mail_name);
+    add_pop3_password(d, mail_name, password, disabled, full_names_required);
+    delivery_file_path(path, d->ascii, mail_name);
     if (put_qmail_line(path, "./Maildir/") != 0) {
         int failure = errno; /* the undo below may change errno */
-        remove_postbox(mail_name, domain);
+        remove_postbox(mail_name, d->name);
         errno = failure;
         report(1, "Unable to add string to %s file.", path);
     }
-    give_to_popuser(path, &postbox_popuser);
+    give_to_popuser(path, d);
     return 0;
 }
 
@@ -87,28 +76,26 @@ int remove_postbox(const char *mail_name, const char *domain)
         value_refused(BAD_NAMES);
     char *ascii = domain_ascii_valid(domain, BAD_NAMES);
     snprintf(ending, sizeof(ending), "/%s/%s", ascii, mail_name);
-    free(ascii);
 
     qmail_file_path(path, sizeof(path), QMAIL_POPPASSWD_FILE);
     if (file_str(path, ending, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0)
         report(0, "Unable to remove a record from poppassword file\n");
-    delivery_file_path(path, domain, mail_name);
+    delivery_file_path(path, ascii, mail_name);
+    free(ascii);
     if (file_str(path, "./Maildir/", FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove string from %s file", path);
     return 0;
 }
 
-int add_forward_address(const char *mail_name, const char *domain, const char *address)
+int add_forward_address(const MailDomain *d, const char *mail_name, const char *address)
 {
     char path[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
 
     /* A null address (no value in the database) is refused like a bad
      * name: there is nothing to forward to. */
-    if (!names_valid(mail_name, domain) || address == nullptr)
+    if (!mail_name_valid(mail_name) || address == nullptr)
         value_refused(BAD_NAMES);
-    delivery_file_path(path, domain, mail_name);
-    if (!popuser_known(&forward_popuser))
-        report(1, "Unable to define UID or GID for user popuser");
+    delivery_file_path(path, d->ascii, mail_name);
 
     char *converted = idn_email_toascii(address);
     if (converted == nullptr) {
@@ -127,39 +114,32 @@ int add_forward_address(const char *mail_name, const char *domain, const char *a
     free(converted);
     if (put_qmail_line(path, line) != 0)
         report(1, "Unable to add string to %s file.", path);
-    give_to_popuser(path, &forward_popuser);
+    give_to_popuser(path, d);
     return 0;
 }
 
-int add_autoresponder(const char *mail_name, const char *domain)
+int add_autoresponder(const MailDomain *d, const char *mail_name)
 {
     char path[QMAIL_BUF_SIZE];
 
-    if (!names_valid(mail_name, domain))
+    if (!mail_name_valid(mail_name))
         value_refused(BAD_NAMES);
-    delivery_file_path(path, domain, mail_name);
+    delivery_file_path(path, d->ascii, mail_name);
     if (put_qmail_line(path, "|autoresponder") != 0)
         report(1, "Unable to add string to %s file", path);
     return 0;
 }
 
-int add_mail_alias(const char *mail_name, const char *domain, const char *alias)
+int add_mail_alias(const MailDomain *d, const char *mail_name, const char *alias)
 {
-    char record[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
+    char record[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
 
-    if (!names_valid(mail_name, domain) || !mail_name_valid(alias)) {
+    if (!mail_name_valid(mail_name) || !mail_name_valid(alias)) {
         errno = 0;
         report(1, "empty mailname, maildomainor or mailalias");
     }
-    char *ascii = domain_ascii_valid(domain, "empty mailname, maildomainor or mailalias");
-    if (!popuser_known(&alias_popuser))
-        report(1, "Unable to define UID or GID for user popuser");
-
-    domain_id_required(domain, id, sizeof(id));
-    snprintf(record, sizeof(record), "=%s-%s:popuser:%d:%d:%s/%s/%s:::", id, alias,
-             static_cast<int>(alias_popuser.uid), static_cast<int>(alias_popuser.gid),
-             panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
-    free(ascii);
+    snprintf(record, sizeof(record), "=%s-%s:popuser:%d:%d:%s/%s/%s:::", d->id, alias, static_cast<int>(d->uid),
+             static_cast<int>(d->gid), panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name);
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
     if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove record from assign file");

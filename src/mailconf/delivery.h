@@ -8,11 +8,15 @@
 #ifndef REBOX_MAILCONF_DELIVERY_H
 #define REBOX_MAILCONF_DELIVERY_H
 
-int add_postbox(const char *mail_name, const char *domain, const char *password,
-                int disabled, int full_names_required);
+#include "mailconf/qmail_common.h"
+
+/* The writers of mailbox mail_name of domain d; remove_postbox takes the
+ * domain by name. */
+int add_postbox(const MailDomain *d, const char *mail_name, const char *password, int disabled,
+                int full_names_required);
 int remove_postbox(const char *mail_name, const char *domain);
-int add_forward_address(const char *mail_name, const char *domain, const char *address);
-int add_autoresponder(const char *mail_name, const char *domain);
-int add_mail_alias(const char *mail_name, const char *domain, const char *alias);
+int add_forward_address(const MailDomain *d, const char *mail_name, const char *address);
+int add_autoresponder(const MailDomain *d, const char *mail_name);
+int add_mail_alias(const MailDomain *d, const char *mail_name, const char *alias);
 
 #endif

@@ -17,9 +17,6 @@
 #include <string.h>
 #include <sys/stat.h>
 
-/* The popuser ids of add_mail_domain, looked up once per process. */
-static PopuserIds add_popuser;
-
 /* format_wildcard_record - the assign record "+id:popuser:uid:gid:dir:::" */
 static void format_wildcard_record(char *buf, const char *id, const PopuserIds *ids,
                                    const char *ascii)
@@ -53,23 +50,17 @@ static void undo_domain(const char *dir, int made, const char *record, const cha
     errno = failure;
 }
 
-int add_mail_domain(const char *name, int disabled)
+int add_mail_domain(const MailDomain *d, int disabled)
 {
-    char dir[QMAIL_BUF_SIZE], record[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
+    char dir[QMAIL_BUF_SIZE], record[QMAIL_BUF_SIZE];
     char path[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
+    const char *name = d->name, *ascii = d->ascii, *id = d->id;
+    PopuserIds ids = {d->uid, d->gid};
     int made;
-
-    if (name == nullptr || *name == '\0') {
-        errno = 0;
-        report(1, "empty domain");
-    }
-    char *ascii = domain_ascii_valid(name, "empty domain");
-    if (!popuser_known(&add_popuser))
-        report(1, "Unable to define UID or GID for user popuser");
 
     snprintf(dir, sizeof(dir), "%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii);
     int skipped = 0;
-    if (make_dir_noting(dir, add_popuser.uid, add_popuser.gid, 0700, &made) != 0) {
+    if (make_dir_noting(dir, ids.uid, ids.gid, 0700, &made) != 0) {
         /* A domain that root moved to another disk and linked, whose link
          * cannot be followed safely now (the disk not mounted, a link on
          * the way): its records are written, its directory and link are
@@ -84,14 +75,12 @@ int add_mail_domain(const char *name, int disabled)
             skipped = 1;
         } else {
             /* make_dir has reported the cause. */
-            free(ascii);
             undo_domain(dir, made, nullptr, nullptr);
             report_exit(255);
         }
     }
 
-    domain_id_required(name, id, sizeof(id));
-    format_wildcard_record(record, id, &add_popuser, ascii);
+    format_wildcard_record(record, id, &ids, ascii);
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
     if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove domain record from assign file");
@@ -116,7 +105,6 @@ int add_mail_domain(const char *name, int disabled)
         undo_domain(dir, made, record, ascii);
         report(1, "Unable to add record to virtualdomains.");
     }
-    free(ascii);
 
     /* Let the running mail system reread its control files. */
     kill_by_name("qmail-se", 1);
@@ -125,7 +113,10 @@ int add_mail_domain(const char *name, int disabled)
 
 int add_enabled_mail_domain(const char *name)
 {
-    return add_mail_domain(name, 0);
+    MailDomain d;
+
+    mail_domain(name, &d, "empty domain");
+    return add_mail_domain(&d, 0);
 }
 
 /* remove_domain_dir - remove the domain directory tree, deferred when the

@@ -15,8 +15,10 @@
 #ifndef REBOX_MAILCONF_DOMAIN_H
 #define REBOX_MAILCONF_DOMAIN_H
 
-/* add_mail_domain - 0, or 1 when the domain's directory was skipped */
-int add_mail_domain(const char *name, int disabled);
+#include "mailconf/qmail_common.h"
+
+/* add_mail_domain - domain d; 0, or 1 when its directory was skipped */
+int add_mail_domain(const MailDomain *d, int disabled);
 int add_enabled_mail_domain(const char *name);
 int remove_mail_domain(const char *name);
 

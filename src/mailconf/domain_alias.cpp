@@ -11,18 +11,16 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-int add_domain_alias(const char *domain, const char *alias)
+int add_domain_alias(const MailDomain *d, const char *alias)
 {
-    char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
+    char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
+    const char *domain = d->name, *id = d->id;
 
-    if (domain == nullptr || *domain == '\0' || alias == nullptr || *alias == '\0') {
+    if (alias == nullptr || *alias == '\0') {
         errno = 0;
         report(1, "empty domain or domain alias");
     }
     char *alias_ascii = domain_ascii_valid(alias, "empty domain or domain alias");
-    /* Fetched before the first edit, so that a missing identifier leaves
-     * neither of the alias's two lines half written. */
-    domain_id_required(domain, id, sizeof(id));
 
     qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);
     if (file_str(path, alias_ascii, FILE_STR_REMOVE, 1) != 0)
@@ -78,7 +76,10 @@ int remove_domain_alias(const char *domain, const char *alias)
 
 int rename_domain_alias(const char *domain, const char *old_alias, const char *new_alias)
 {
+    MailDomain d;
+
     remove_domain_alias(domain, old_alias);
-    add_domain_alias(domain, new_alias);
+    mail_domain(domain, &d, "empty domain or domain alias");
+    add_domain_alias(&d, new_alias);
     return 0;
 }

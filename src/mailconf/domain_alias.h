@@ -7,7 +7,10 @@
 #ifndef REBOX_MAILCONF_DOMAIN_ALIAS_H
 #define REBOX_MAILCONF_DOMAIN_ALIAS_H
 
-int add_domain_alias(const char *domain, const char *alias);
+#include "mailconf/qmail_common.h"
+
+/* add_domain_alias - alias of domain d */
+int add_domain_alias(const MailDomain *d, const char *alias);
 int remove_domain_alias(const char *domain, const char *alias);
 int rename_domain_alias(const char *domain, const char *old_alias, const char *new_alias);
 

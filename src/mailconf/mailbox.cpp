@@ -23,9 +23,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/* The popuser ids of add_mailbox, looked up once per process. */
-static PopuserIds add_popuser;
-
 /* Directories made in every home, in this order: each inside the home
  * (parent -1) or inside the directory made at index parent; a leaf holds
  * none of the others. */
@@ -74,7 +71,8 @@ struct Made {
  * existing one keeps its mode) given to popuser; its descriptor, or -1
  * with *what telling the failing step.  One it made is noted in made,
  * through parent and under name, which outlive the call. */
-static int make_owned_dir(PathAt *at, int parent, const char *name, const char **what, Made *made)
+static int make_owned_dir(PathAt *at, int parent, const char *name, const PopuserIds &ids, const char **what,
+                          Made *made)
 {
     int created = 0;
     int fd = at_dir(at, 0700, &created);
@@ -89,7 +87,7 @@ static int make_owned_dir(PathAt *at, int parent, const char *name, const char *
     }
     errno = 0;
     /* Given away only when it is not popuser's already. */
-    if (fd_owner_mode(fd, at->path, add_popuser.uid, add_popuser.gid, static_cast<mode_t>(-1), what) != 0) {
+    if (fd_owner_mode(fd, at->path, ids.uid, ids.gid, static_cast<mode_t>(-1), what) != 0) {
         int err = errno;
         close(fd);
         errno = err;
@@ -118,7 +116,7 @@ static int skip_tree(const char *path)
  * with mode 0600: in the rebuild's memory when it holds the file (written
  * at the mailbox's end, and only when it differs), else replaced on disk
  * through the home's descriptor; then its first line */
-static void start_qmail(int home_fd, const char *home)
+static void start_qmail(int home_fd, const char *home, const PopuserIds &ids)
 {
     char path[QMAIL_BUF_SIZE];
     PathAt at;
@@ -129,12 +127,12 @@ static void start_qmail(int home_fd, const char *home)
         report(1, "Unable to add string to .qmail file\n");
     }
     if (held_file_reset(path, "") == 0) {
-        held_file_owner(path, add_popuser.uid, add_popuser.gid, 0600);
+        held_file_owner(path, ids.uid, ids.gid, 0600);
     } else {
         /* Emptied by a whole replacement, never cut in place. */
         const char *step;
         at_child(&at, home_fd, ".qmail", path);
-        if (replace_file_at(&at, "", 0, add_popuser.uid, add_popuser.gid, 0600, 0, &step) < 0) {
+        if (replace_file_at(&at, "", 0, ids.uid, ids.gid, 0600, 0, &step) < 0) {
             if (strcmp(step, "chown") == 0)
                 report(1, "Unable to chown .qmail file: %s", strerror(errno));
             if (strcmp(step, "chmod") == 0)
@@ -149,28 +147,18 @@ static void start_qmail(int home_fd, const char *home)
         report(1, "Unable to add string to .qmail file\n");
 }
 
-int add_mailbox(const char *mail_name, const char *domain)
+int add_mailbox(const MailDomain *d, const char *mail_name)
 {
-    char record[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
+    char record[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
     char home[QMAIL_BUF_SIZE], message[QMAIL_BUF_SIZE * 3];
     const char *what = nullptr;
     int fds[sizeof(mailbox_subdirs) / sizeof(mailbox_subdirs[0])];
     PathAt at;
+    PopuserIds ids = {d->uid, d->gid};
 
-    if (!mail_name_valid(mail_name) || domain == nullptr || *domain == '\0') {
-        errno = 0;
+    if (!mail_name_valid(mail_name))
         report(1, "invalid mailname or domain name.");
-    }
-    char *ascii = idn_toascii_safe(domain);
-    if (check_domain_ascii(ascii) != nullptr) {
-        free(ascii);
-        value_refused("invalid mailname or domain name.");
-    }
-    if (!popuser_known(&add_popuser))
-        report(1, "Unable to define UID or GID for user popuser");
-
-    domain_id_required(domain, id, sizeof(id));
-    format_mailbox_record(record, id, mail_name, &add_popuser, ascii);
+    format_mailbox_record(record, d->id, mail_name, &ids, d->ascii);
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
     if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove record for %s from assign file", mail_name);
@@ -181,16 +169,14 @@ int add_mailbox(const char *mail_name, const char *domain)
     /* The home and everything in it are made through directory
      * descriptors: popuser owns the domain directory, and no link or
      * swapped directory there may lead a mkdir, chown or write elsewhere. */
-    snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii,
-             mail_name);
-    free(ascii);
+    snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name);
     Made made = {};
     int home_fd = -1, domain_fd = -1;
     what = "make";
     if (path_at(home, &at) == 0) {
         /* The domain directory, for taking back a home made here. */
         domain_fd = dup(at.dir);
-        home_fd = make_owned_dir(&at, domain_fd, mail_name, &what, &made);
+        home_fd = make_owned_dir(&at, domain_fd, mail_name, ids, &what, &made);
         int err = errno;
         path_at_close(&at);
         errno = err;
@@ -208,7 +194,7 @@ int add_mailbox(const char *mail_name, const char *domain)
         undo_and_die(&made, message);
     }
 
-    start_qmail(home_fd, home);
+    start_qmail(home_fd, home, ids);
 
     size_t n = sizeof(mailbox_subdirs) / sizeof(mailbox_subdirs[0]);
     int rc = 0;
@@ -225,9 +211,9 @@ int add_mailbox(const char *mail_name, const char *domain)
         /* A directory that holds none of the others and is popuser's
          * already needs only a look. */
         if (mailbox_subdirs[i].leaf && fstatat(at.dir, name, &st, AT_SYMLINK_NOFOLLOW) == 0
-            && S_ISDIR(st.st_mode) && st.st_uid == add_popuser.uid && st.st_gid == add_popuser.gid)
+            && S_ISDIR(st.st_mode) && st.st_uid == ids.uid && st.st_gid == ids.gid)
             continue;
-        fds[i] = make_owned_dir(&at, at.dir, name, &what, &made);
+        fds[i] = make_owned_dir(&at, at.dir, name, ids, &what, &made);
         if (fds[i] >= 0)
             continue;
         if (at_in_the_way(errno)) {

@@ -17,8 +17,11 @@
 #ifndef REBOX_MAILCONF_MAILBOX_H
 #define REBOX_MAILCONF_MAILBOX_H
 
-/* add_mailbox - 0, or 1 when the mailbox's tree was skipped (warned) */
-int add_mailbox(const char *mail_name, const char *domain);
+#include "mailconf/qmail_common.h"
+
+/* add_mailbox - mailbox mail_name of domain d; 0, or 1 when its tree was
+ * skipped (warned) */
+int add_mailbox(const MailDomain *d, const char *mail_name);
 int remove_mailbox(const char *mail_name, const char *domain);
 
 #endif

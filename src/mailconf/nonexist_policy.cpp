@@ -130,71 +130,13 @@ static void work_out(const char *domain, const char *domain_id, MYSQL *conn, cha
         snprintf(value, QMAIL_BUF_SIZE, "%s", DEFAULT_BOUNCE_TEXT);
 }
 
-/* apply - write the policy work_out() found */
-static void apply(const char *domain, const char *policy, const char *value)
-{
-    if (*policy == '\0' || strcmp(policy, "bounce") == 0) {
-        set_bounce_message(domain, value);
-    } else if (strcmp(policy, "catch") == 0) {
-        set_catch_all(domain, value);
-    } else {
-        set_reject(domain, 0);
-        set_reject(domain, 1);
-    }
-}
-
-/* restore_nonexist_policy_checked - restore_nonexist_policy, with the
- * values tested first: null when the policy was applied, else why not (a
- * static text), nothing then written.  The domain name breaks a rule, a
- * policy value holds a NUL byte, or the catch-all address is refused; a
- * bounce text always makes a line (its newlines become spaces and
- * shell_escape quotes the rest).  *rejects tells whether a reject policy
- * was applied. */
-const char *restore_nonexist_policy_checked(const char *domain, const char *domain_id,
-                                            MYSQL *conn, int *rejects)
-{
-    static char reason[QMAIL_BUF_SIZE];
-    char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
-    char shown[VALUE_PRINTABLE_SIZE];
-
-    *rejects = 0;
-    if (const char *why = check_domain_name(domain))
-        return why;
-    if (conn != nullptr && domain_id != nullptr && strpbrk(domain_id, "'\\") == nullptr
-        && policy_has_nul(domain_id, conn))
-        return "a policy value must not contain a NUL byte";
-    work_out(domain, domain_id, conn, policy, value);
-    if (strcmp(policy, "catch") == 0) {
-        if (const char *why = catch_line(value, line)) {
-            snprintf(reason, sizeof(reason), "catch-all address '%s': %s",
-                     value_printable(value, shown, sizeof(shown)), why);
-            return reason;
-        }
-    }
-    apply(domain, policy, value);
-    *rejects = strcmp(policy, "reject") == 0;
-    return nullptr;
-}
-
-int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *conn)
-{
-    char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE];
-
-    work_out(domain, domain_id, conn, policy, value);
-    apply(domain, policy, value);
-    return 0;
-}
-
-int set_reject(const char *domain, int on)
+/* reject_line - the domain's ASCII name taken out of or put last into
+ * control/rejectnonexist (made when missing), its mode 0644 after */
+static void reject_line(const char *ascii, int on)
 {
     char path[QMAIL_BUF_SIZE];
     int failed;
 
-    if (domain == nullptr || *domain == '\0') {
-        errno = 0;
-        report(1, "set_reject: empty domain");
-    }
-    char *ascii = domain_ascii_valid(domain, "set_reject: empty domain");
     qmail_file_path(path, sizeof(path), QMAIL_REJECTNONEXIST_FILE);
     /* Made when missing: an addition of no lines creates the file (in
      * the rebuild's memory when it holds the file). */
@@ -207,10 +149,126 @@ int set_reject(const char *domain, int on)
         failed = file_str(path, ascii, FILE_STR_REMOVE, 1);
     if (failed)
         report(1, "set_reject: Unable to update %s file.", path);
-    free(ascii);
     const char *step;
     if (file_owner_mode(path, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0644, &step) != 0)
         report(1, "set_reject: chmod %s failed: %s\n", path, strerror(errno));
+}
+
+/* put_default - the domain's .qmail-default holding the one line, owned
+ * by popuser (uid, gid) with mode 0600 */
+static void put_default(const char *ascii, unsigned uid, unsigned gid, const char *line)
+{
+    char path[QMAIL_BUF_SIZE];
+
+    snprintf(path, sizeof(path), "%s/%s/.qmail-default", panel_config.QMAIL_MAILNAMES_D, ascii);
+    /* The file holds the one line: replaced whole, and only when its line,
+     * owner or mode differ, so the delivery programs never find it empty. */
+    std::string text = std::string(line) + "\n";
+    const char *step;
+    if (file_put(path, text.c_str(), uid, gid, 0600, &step) < 0) {
+        /* Popuser's own directory: a link or another kind of object that
+         * keeps standing where the file belongs (or root's link there)
+         * leaves the file as it is, with a warning, and the run goes on;
+         * so does a domain directory skipped by the domain writer. */
+        if (at_in_the_way(errno)) {
+            if (errno == ENOLINK)
+                return;
+            errno = 0;
+            report(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
+            return;
+        }
+        if (strcmp(step, "chown") == 0)
+            report(1, "add_bounce: chown %s failed: %s", path, strerror(errno));
+        if (strcmp(step, "chmod") == 0)
+            report(1, "add_bounce: chmod %s failed: %s\n", path, strerror(errno));
+        report(1, "add_bounce: Unable to add record to %s file.", path);
+    }
+}
+
+/* bounce_line - the line that bounces with text: one line, each newline
+ * turned into a space and every other byte, a carriage return too, left
+ * to shell_escape; a null text bounces with an empty message */
+static std::string bounce_line(const char *text)
+{
+    std::string copy = text ? text : "";
+
+    for (char &c : copy)
+        if (c == '\n')
+            c = ' ';
+    return "|bouncesaying " + shell_escape(copy);
+}
+
+/* apply - write the policy work_out() found for domain d */
+static void apply(const MailDomain *d, const char *policy, const char *value)
+{
+    char line[QMAIL_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
+
+    if (*policy == '\0' || strcmp(policy, "bounce") == 0) {
+        reject_line(d->ascii, 0);
+        put_default(d->ascii, d->uid, d->gid, bounce_line(value).c_str());
+    } else if (strcmp(policy, "catch") == 0) {
+        if (const char *why = catch_line(value, line)) {
+            errno = 0;
+            report(1, "%s(%s) failed: %s", "idn_email_toascii_safe", value_printable(value, shown, sizeof(shown)),
+                   why);
+        }
+        reject_line(d->ascii, 0);
+        put_default(d->ascii, d->uid, d->gid, line);
+    } else {
+        reject_line(d->ascii, 0);
+        reject_line(d->ascii, 1);
+    }
+}
+
+/* restore_nonexist_policy_checked - restore_nonexist_policy, with the
+ * values tested first: null when the policy was applied, else why not (a
+ * static text), nothing then written.  A policy value holds a NUL byte,
+ * or the catch-all address is refused; a bounce text always makes a line
+ * (its newlines become spaces and shell_escape quotes the rest).
+ * *rejects tells whether a reject policy was applied. */
+const char *restore_nonexist_policy_checked(const MailDomain *d, MYSQL *conn, int *rejects)
+{
+    static char reason[QMAIL_BUF_SIZE];
+    char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
+    char shown[VALUE_PRINTABLE_SIZE];
+
+    *rejects = 0;
+    if (conn != nullptr && policy_has_nul(d->id, conn))
+        return "a policy value must not contain a NUL byte";
+    work_out(d->name, d->id, conn, policy, value);
+    if (strcmp(policy, "catch") == 0) {
+        if (const char *why = catch_line(value, line)) {
+            snprintf(reason, sizeof(reason), "catch-all address '%s': %s",
+                     value_printable(value, shown, sizeof(shown)), why);
+            return reason;
+        }
+    }
+    apply(d, policy, value);
+    *rejects = strcmp(policy, "reject") == 0;
+    return nullptr;
+}
+
+int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *conn)
+{
+    char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE];
+    MailDomain d;
+
+    (void)domain_id;
+    mail_domain(domain, &d, "add_bounce: empty domain");
+    work_out(d.name, d.id, conn, policy, value);
+    apply(&d, policy, value);
+    return 0;
+}
+
+int set_reject(const char *domain, int on)
+{
+    if (domain == nullptr || *domain == '\0') {
+        errno = 0;
+        report(1, "set_reject: empty domain");
+    }
+    char *ascii = domain_ascii_valid(domain, "set_reject: empty domain");
+    reject_line(ascii, on);
+    free(ascii);
     return 0;
 }
 
@@ -227,8 +285,6 @@ int remove_reject(const char *domain)
 
 int add_bounce(const char *domain, const char *line)
 {
-    char path[QMAIL_BUF_SIZE];
-
     /* A line that would break in two is refused like a bad domain name:
      * the file holds exactly one line (a carriage return is no line break
      * there, only a byte of it). */
@@ -237,48 +293,15 @@ int add_bounce(const char *domain, const char *line)
     char *ascii = domain_ascii_valid(domain, "add_bounce: empty domain");
     if (!popuser_known(&bounce_popuser))
         report(1, "add_bounce: Unable to define UID or GID for user popuser");
-    snprintf(path, sizeof(path), "%s/%s/.qmail-default", panel_config.QMAIL_MAILNAMES_D,
-             ascii);
+    put_default(ascii, bounce_popuser.uid, bounce_popuser.gid, line);
     free(ascii);
-
-    /* The file holds the one line: replaced whole, and only when its line,
-     * owner or mode differ, so the delivery programs never find it empty. */
-    std::string text = std::string(line) + "\n";
-    const char *step;
-    if (file_put(path, text.c_str(), bounce_popuser.uid, bounce_popuser.gid, 0600, &step) < 0) {
-        /* Popuser's own directory: a link or another kind of object that
-         * keeps standing where the file belongs (or root's link there)
-         * leaves the file as it is, with a warning, and the run goes on;
-         * so does a domain directory skipped by the domain writer. */
-        if (at_in_the_way(errno)) {
-            if (errno == ENOLINK)
-                return 0;
-            errno = 0;
-            report(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
-            return 0;
-        }
-        if (strcmp(step, "chown") == 0)
-            report(1, "add_bounce: chown %s failed: %s", path, strerror(errno));
-        if (strcmp(step, "chmod") == 0)
-            report(1, "add_bounce: chmod %s failed: %s\n", path, strerror(errno));
-        report(1, "add_bounce: Unable to add record to %s file.", path);
-    }
     return 0;
 }
 
 int set_bounce_message(const char *domain, const char *text)
 {
-    /* A null text bounces with an empty message rather than crashing. */
-    std::string copy = text ? text : "";
-
-    /* The text becomes one line: each newline turns into a space, and
-     * every other byte, a carriage return too, is left to shell_escape. */
-    for (char &c : copy)
-        if (c == '\n')
-            c = ' ';
-    std::string line = "|bouncesaying " + shell_escape(copy);
     set_reject(domain, 0);
-    return add_bounce(domain, line.c_str());
+    return add_bounce(domain, bounce_line(text).c_str());
 }
 
 int set_catch_all(const char *domain, const char *address)

@@ -12,14 +12,17 @@
 #ifndef REBOX_MAILCONF_NONEXIST_POLICY_H
 #define REBOX_MAILCONF_NONEXIST_POLICY_H
 
+#include "mailconf/qmail_common.h"
+
 #include <mysql.h>
 
 /* The bounce text used when the domain has none of its own. */
 #define DEFAULT_BOUNCE_TEXT "This address no longer accepts mail."
 
 int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *conn);
-const char *restore_nonexist_policy_checked(const char *domain, const char *domain_id,
-                                            MYSQL *conn, int *rejects);
+/* restore_nonexist_policy_checked - the policy of domain d; null, or why
+ * it was not applied; *rejects: a reject policy was */
+const char *restore_nonexist_policy_checked(const MailDomain *d, MYSQL *conn, int *rejects);
 void nonexist_policy_prefetch(const char *domain_id);
 int set_reject(const char *domain, int on);
 int add_reject(const char *domain);

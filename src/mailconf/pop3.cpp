@@ -10,32 +10,28 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-int add_pop3_password(const char *mail_name, const char *domain, const char *password,
-                      int disabled, int full_names_required)
+int add_pop3_password(const MailDomain *d, const char *mail_name, const char *password, int disabled,
+                      int full_names_required)
 {
     char path[QMAIL_BUF_SIZE], ending[QMAIL_BUF_SIZE], record[QMAIL_BUF_SIZE];
 
-    /* A mail name, domain or hash that cannot stand in the record is
-     * refused with the invalid-name message, before the old line goes. */
-    if (!mail_name_valid(mail_name) || domain == nullptr || *domain == '\0'
-        || (password != nullptr && check_crypt_hash(password) != nullptr))
+    /* A mail name or hash that cannot stand in the record is refused with
+     * the invalid-name message, before the old line goes. */
+    if (!mail_name_valid(mail_name) || (password != nullptr && check_crypt_hash(password) != nullptr))
         value_refused("empty mailname or maildomain");
-    char *ascii = domain_ascii_valid(domain, "empty mailname or maildomain");
 
     qmail_file_path(path, sizeof(path), QMAIL_POPPASSWD_FILE);
-    snprintf(ending, sizeof(ending), "/%s/%s", ascii, mail_name);
+    snprintf(ending, sizeof(ending), "/%s/%s", d->ascii, mail_name);
     if (file_str(path, ending, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0)
         report(0, "Unable to remove record from popasswd file\n");
 
     /* Without a password the mailbox has no POP3 login at all. */
     if (password != nullptr && *password != '\0') {
         snprintf(record, sizeof(record), "%s%s%s:%s%s:popuser:%s/%s/%s\n", mail_name,
-                 full_names_required ? "@" : "", full_names_required ? ascii : "",
-                 disabled ? "!" : "", password, panel_config.QMAIL_MAILNAMES_D, ascii,
-                 mail_name);
+                 full_names_required ? "@" : "", full_names_required ? d->ascii : "", disabled ? "!" : "",
+                 password, panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name);
         if (file_str(path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0)
             report(1, "Unable to add record to poppasswd file");
     }
-    free(ascii);
     return 0;
 }

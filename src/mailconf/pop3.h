@@ -7,7 +7,10 @@
 #ifndef REBOX_MAILCONF_POP3_H
 #define REBOX_MAILCONF_POP3_H
 
-int add_pop3_password(const char *mail_name, const char *domain, const char *password,
-                      int disabled, int full_names_required);
+#include "mailconf/qmail_common.h"
+
+/* add_pop3_password - the line of mailbox mail_name of domain d */
+int add_pop3_password(const MailDomain *d, const char *mail_name, const char *password, int disabled,
+                      int full_names_required);
 
 #endif

@@ -15,6 +15,34 @@
 #include <stdlib.h>
 #include <string.h>
 
+void mail_domain(const char *name, MailDomain *d, const char *message)
+{
+    PopuserIds ids;
+
+    if (name == nullptr || *name == '\0')
+        value_refused(message);
+    char *ascii = domain_ascii_valid(name, message);
+    if (strlen(ascii) >= sizeof(d->ascii)) {
+        free(ascii);
+        value_refused(message);
+    }
+    d->name = name;
+    memcpy(d->ascii, ascii, strlen(ascii) + 1);
+    free(ascii);
+    if (!popuser_lookup(&ids)) {
+        errno = 0;
+        report(1, "Unable to define UID or GID for user popuser");
+    }
+    d->uid = ids.uid;
+    d->gid = ids.gid;
+    const char *id = get_dom_id(d->ascii, nullptr);
+    if (id == nullptr || *id == '\0' || strlen(id) >= sizeof(d->id)) {
+        errno = 0;
+        report(1, "Unable to get the database ID of domain %s: its qmail records are left unchanged", name);
+    }
+    memcpy(d->id, id, strlen(id) + 1);
+}
+
 /* qmail_file_path - QMAIL_ROOT_D/name into buf */
 void qmail_file_path(char *buf, size_t size, const char *name)
 {

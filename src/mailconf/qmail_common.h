@@ -1,9 +1,10 @@
 /* qmail_common - what the qmail writers share.
  *
- * The paths of qmail's shared control and user files (always built from
- * QMAIL_ROOT_D, always edited through file_str), the domain name in ASCII
- * form, the domain's database identifier, the mailbox-name test and the ids
- * of the system user popuser.  The name checks apply the rules of
+ * The facts of the domain a writer works on (MailDomain), the paths of
+ * qmail's shared control and user files (always built from QMAIL_ROOT_D,
+ * always edited through file_str), the domain name in ASCII form, the
+ * domain's database identifier, the mailbox-name test and the ids of the
+ * system user popuser.  The name checks apply the rules of
  * value_check: a writer refuses a name that breaks one with its own
  * invalid-name message, before it touches anything.
  */
@@ -29,6 +30,23 @@ struct PopuserIds {
     unsigned uid;
     unsigned gid;
 };
+
+/* MailDomain - what every writer needs of the domain it works on, worked
+ * out once per domain (mail_domain): its name as stored, its ASCII form,
+ * its database identifier (the virtual-domain prefix) and the ids of
+ * popuser, who owns everything below its directory */
+struct MailDomain {
+    const char *name;
+    char ascii[256];
+    char id[QMAIL_ID_SIZE];
+    unsigned uid;
+    unsigned gid;
+};
+
+/* mail_domain - d worked out for the domain name: a name that is empty,
+ * does not convert or cannot stand in a path or record ends the process
+ * with message, as do an unknown identifier and an unknown popuser */
+void mail_domain(const char *name, MailDomain *d, const char *message);
 
 void qmail_file_path(char *buf, size_t size, const char *name);
 /* set_shared_mode - the mode of a shared qmail file after an edit (when the

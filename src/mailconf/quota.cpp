@@ -22,28 +22,22 @@
 
 #define QUOTA_FILE_NAME "@mbox.quota"
 
-/* quota_file_path - the mailbox's quota file, or the domain's when
- * mail_name is null; -1 with a warning (the invalid-name message of the
- * mailbox writer) when a name cannot stand in the path, and the caller
- * fails as on any other quota file failure */
-static int quota_file_path(char *buf, const char *domain, const char *mail_name)
+/* quota_file_path - the mailbox's quota file of domain d, or the
+ * domain's when mail_name is null; -1 with a warning (the invalid-name
+ * message of the mailbox writer) when the name cannot stand in the path,
+ * and the caller fails as on any other quota file failure */
+static int quota_file_path(char *buf, const MailDomain *d, const char *mail_name)
 {
-    char *ascii = domain_ascii(domain);
-
-    if (check_domain_ascii(ascii) != nullptr
-        || (mail_name != nullptr && !mail_name_valid(mail_name))) {
-        free(ascii);
+    if (mail_name != nullptr && !mail_name_valid(mail_name)) {
         errno = 0;
         report(0, "invalid mailname or domain name.");
         return -1;
     }
     if (mail_name != nullptr)
-        snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii,
-                 mail_name, QUOTA_FILE_NAME);
-    else
-        snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii,
+        snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name,
                  QUOTA_FILE_NAME);
-    free(ascii);
+    else
+        snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, d->ascii, QUOTA_FILE_NAME);
     return 0;
 }
 
@@ -87,17 +81,15 @@ static int write_quota_at(PathAt *at, const char *text, const PopuserIds &ids)
     return 0;
 }
 
-int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes)
+int write_mbox_quota(const MailDomain *d, const char *mail_name, long kilobytes)
 {
     char path[QMAIL_BUF_SIZE];
     PathAt at;
-
-    PopuserIds ids;
+    PopuserIds ids = {d->uid, d->gid};
     char text[32];
 
-    if (quota_file_path(path, domain, mail_name) != 0)
+    if (quota_file_path(path, d, mail_name) != 0)
         return 0;
-    popuser_lookup(&ids);
     snprintf(text, sizeof(text), "%ld\n", kilobytes);
     /* A file already as it should be is left alone, without its lock. */
     if (ids.uid != 0 && ids.gid != 0 && file_matches(path, text, strlen(text), ids.uid, ids.gid, 0640))
@@ -123,13 +115,13 @@ int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes)
     return rc;
 }
 
-int remove_mbox_quota(const char *domain, const char *mail_name)
+int remove_mbox_quota(const MailDomain *d, const char *mail_name)
 {
     char path[QMAIL_BUF_SIZE];
     struct stat st;
     PathAt at;
 
-    if (quota_file_path(path, domain, mail_name) != 0)
+    if (quota_file_path(path, d, mail_name) != 0)
         return 0;
     if (path_at(path, &at) != 0)
         return 1;

@@ -7,7 +7,11 @@
 #ifndef REBOX_MAILCONF_QUOTA_H
 #define REBOX_MAILCONF_QUOTA_H
 
-int write_mbox_quota(const char *domain, const char *mail_name, long kilobytes);
-int remove_mbox_quota(const char *domain, const char *mail_name);
+#include "mailconf/qmail_common.h"
+
+/* write_mbox_quota, remove_mbox_quota - the quota file of mailbox
+ * mail_name of domain d, or of the domain when mail_name is null */
+int write_mbox_quota(const MailDomain *d, const char *mail_name, long kilobytes);
+int remove_mbox_quota(const MailDomain *d, const char *mail_name);
 
 #endif

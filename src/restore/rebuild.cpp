@@ -67,25 +67,24 @@ int short_pop3_names_allowed(MYSQL *conn)
 
 /* add_forward - add a forward address, or skip it with a warning when it
  * breaks rule why */
-static void add_forward(const char *address, const char *why, const char *mail_name,
-                        const char *domain)
+static void add_forward(const MailDomain *d, const char *mail_name, const char *address, const char *why)
 {
     if (why != nullptr)
-        skip_row("forward address", address, mail_name, domain, why);
+        skip_row("forward address", address, mail_name, d->name, why);
     else
-        add_forward_address(mail_name, domain, address);
+        add_forward_address(d, mail_name, address);
 }
 
 /* apply_quota - write or remove a domain (mail_name null) or mailbox quota */
-static void apply_quota(const char *domain, const char *mail_name, const char *value)
+static void apply_quota(const MailDomain *d, const char *mail_name, const char *value)
 {
     long limit = -1;
 
     if (value == nullptr || sscanf(value, "%ld", &limit) != 1 || limit < 0) {
-        remove_mbox_quota(domain, mail_name);
+        remove_mbox_quota(d, mail_name);
         return;
     }
-    if (write_mbox_quota(domain, mail_name, limit >> 10) == 0)
+    if (write_mbox_quota(d, mail_name, limit >> 10) == 0)
         report(0, "Warning: unable to write mailbox quota\n");
 }
 
@@ -136,10 +135,10 @@ static void prepare_mailnames_dir(unsigned gid)
 /* restore_mailbox - row number i of a domain's mailbox list, all its
  * records; its delivery file is held in memory from add_mailbox to the
  * end */
-static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW row, size_t i,
-                            const char *domain, const char *ascii, int disabled,
-                            int full_names_required)
+static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW row, size_t i, const MailDomain *d,
+                            int disabled, int full_names_required)
 {
+    const char *domain = d->name;
     char qmail[PANEL_QUERY_SIZE], query[PANEL_QUERY_SIZE];
     MailboxRow m;
 
@@ -147,37 +146,37 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW row, size_t 
         skip_row("mailbox", m.mail_name, nullptr, domain, why);
         return;
     }
-    snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, m.mail_name);
+    snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, d->ascii, m.mail_name);
     if (held_file_take_rebuilt(qmail) != 0)
         report(1, "Unable to lock %s for the rebuild", qmail);
     /* A mailbox whose directories are in the way of a foreign object keeps
      * its records but none of its files on disk changes. */
-    int tree_skipped = add_mailbox(m.mail_name, domain) != 0;
+    int tree_skipped = add_mailbox(d, m.mail_name) != 0;
     run_count(RUN_MAILBOXES);
     check_seen_mailbox(m.mail_name);
     if (m.postbox) {
         const char *hash = m.plain != nullptr ? read_ahead_hash(i, m.plain) : m.password;
-        hash = check_known_hash(ascii, m.mail_name, m.plain, hash);
-        add_postbox(m.mail_name, domain, hash, disabled, full_names_required);
+        hash = check_known_hash(d->ascii, m.mail_name, m.plain, hash);
+        add_postbox(d, m.mail_name, hash, disabled, full_names_required);
     }
     if (m.redirect)
-        add_forward(m.redir_addr, m.redir_addr_rule, m.mail_name, domain);
+        add_forward(d, m.mail_name, m.redir_addr, m.redir_addr_rule);
     if (m.mail_group) {
         MYSQL_RES *res = run_query(conn, mailgroup_query(m.id, query),
                                    "Unable to query mailgroup members: %s");
         while (MYSQL_ROW r = mysql_fetch_row(res))
-            add_forward(r[0], value_rule(res, r, check_address), m.mail_name, domain);
+            add_forward(d, m.mail_name, r[0], value_rule(res, r, check_address));
         mysql_free_result(res);
     }
     if (m.autoresponder)
-        add_autoresponder(m.mail_name, domain);
+        add_autoresponder(d, m.mail_name);
     if (!tree_skipped)
-        apply_quota(domain, m.mail_name, m.mbox_quota);
+        apply_quota(d, m.mail_name, m.mbox_quota);
     MYSQL_RES *res = run_query(conn, mail_aliases_query(m.id, query), "Unable to query alias for mail: %s");
     while (MYSQL_ROW r = mysql_fetch_row(res)) {
         if (const char *why = value_rule(res, r, check_mail_name))
             skip_row("mail alias", r[0], m.mail_name, domain, why);
-        else if (add_mail_alias(m.mail_name, domain, r[0]) == 0)
+        else if (add_mail_alias(d, m.mail_name, r[0]) == 0)
             run_count(RUN_ALIASES);
     }
     mysql_free_result(res);
@@ -202,17 +201,18 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW row, size_
 {
     char query[PANEL_QUERY_SIZE];
     MailDomainRow d;
+    MailDomain md;
 
     if (const char *why = domain_row(domains, row, &d)) {
         skip_row(nullptr, nullptr, nullptr, d.name, why);
         return;
     }
+    /* What every writer needs of the domain, worked out once. */
+    mail_domain(d.name, &md, "empty domain");
     /* A domain whose directory is root's link that cannot be followed
      * keeps its records; its files on disk stay as they are. */
-    int dir_skipped = add_mail_domain(d.name, d.disabled) != 0;
+    int dir_skipped = add_mail_domain(&md, d.disabled) != 0;
     run_count(RUN_DOMAINS);
-    /* The name converts: domain_row has just converted it. */
-    char *ascii = idn_toascii(d.name);
     /* Every question about the domain itself is asked before the first of
      * its files (.qmail-default, @mbox.quota) is written, the policy's own
      * questions last, just before it writes: a refused one ends the run
@@ -224,18 +224,18 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW row, size_
     read_ahead_domain(domains, mailboxes, k);
 
     int reject_aliases;
-    const char *policy_refused = restore_nonexist_policy_checked(d.name, d.id, conn, &reject_aliases);
+    const char *policy_refused = restore_nonexist_policy_checked(&md, conn, &reject_aliases);
     if (policy_refused != nullptr)
         skip_row("unknown-recipient policy", nullptr, nullptr, d.name, policy_refused);
     if (!dir_skipped)
-        apply_quota(d.name, nullptr, limit.c_str());
+        apply_quota(&md, nullptr, limit.c_str());
 
     while (MYSQL_ROW a = mysql_fetch_row(aliases)) {
         if (const char *why = value_rule(aliases, a, check_domain_name)) {
             skip_row("domain alias", a[0], nullptr, d.name, why);
             continue;
         }
-        add_domain_alias(d.name, a[0]);
+        add_domain_alias(&md, a[0]);
         run_count(RUN_ALIASES);
         if (reject_aliases)
             add_reject(a[0]);
@@ -243,10 +243,9 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW row, size_
     mysql_free_result(aliases);
 
     for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(mailboxes); i++)
-        restore_mailbox(conn, mailboxes, m, i, d.name, ascii, d.disabled, full_names_required);
+        restore_mailbox(conn, mailboxes, m, i, &md, d.disabled, full_names_required);
     mysql_free_result(mailboxes);
-    check_domain_done(ascii);
-    free(ascii);
+    check_domain_done(md.ascii);
 }
 
 void rebuild_mail_configuration(void)
