@@ -208,20 +208,6 @@ const char *get_dns_zone_id(const char *dom_id, MYSQL *conn)
     return ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to query dns_zone_id: %s\n", nullptr);
 }
 
-/* Sharing of get_dom_id during a batch: the batch's connection, and the
- * last name asked with its identifier (the callers ask for one domain many
- * times in a row, then move on to the next). */
-static MYSQL *dom_id_conn;
-static char *dom_id_last_name;
-static char dom_id_last[GET_BUF_SIZE];
-
-void get_dom_id_share(MYSQL *conn)
-{
-    dom_id_conn = conn;
-    free(dom_id_last_name);
-    dom_id_last_name = nullptr;
-}
-
 const char *dom_id_query(const char *ascii, char *buf, size_t size)
 {
     snprintf(buf, size, "select id from domains where name='%s'", ascii);
@@ -247,15 +233,10 @@ const char *domain_service_parameter_query(const char *dom_id, const char *type,
 const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
 {
     static char buf[GET_BUF_SIZE];
-    MYSQL *c, *given = conn != nullptr ? conn : dom_id_conn;
+    MYSQL *c, *given = conn;
 
     if (!db_check_plain(quiet ? "get_dom_id_noerr" : "get_dom_id", name, quiet ? 0 : 1))
         return nullptr;
-    if (conn == nullptr && dom_id_conn != nullptr && dom_id_last_name != nullptr
-        && strcmp(dom_id_last_name, name) == 0) {
-        memcpy(buf, dom_id_last, sizeof(buf));
-        return buf;
-    }
     c = given != nullptr ? given : open_own(CONNECT_MSG);
     if (c == nullptr)
         return nullptr;
@@ -270,11 +251,6 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
             return nullptr;
         errno = 0; /* an absent row is no system failure */
         report(1, "get_dom_id(): domains record not found in DB for '%s'\n", name);
-    }
-    if (conn == nullptr && dom_id_conn != nullptr) {
-        free(dom_id_last_name);
-        dom_id_last_name = strdup(name);
-        memcpy(dom_id_last, buf, sizeof(buf));
     }
     return buf;
 }

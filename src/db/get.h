@@ -33,10 +33,6 @@ const char *get_dns_zone_id(const char *dom_id, MYSQL *conn);
  * in ASCII form (see mailconf/idn) is ascii */
 const char *get_dom_id_noerr(const char *ascii, MYSQL *conn, int quiet);
 const char *get_dom_id(const char *ascii, MYSQL *conn);
-/* get_dom_id_share - while conn is set, get_dom_id and get_dom_id_noerr
- * handed no connection use conn instead of one of their own and answer a
- * repeated name from memory; null ends the sharing */
-void get_dom_id_share(MYSQL *conn);
 /* get_refusals_fatal - while on, a query the server refuses ends the
  * process with the member's message instead of failing the call, so that
  * null (or a false flag) never stands for a refusal */

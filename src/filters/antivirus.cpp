@@ -16,9 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "fs/effect.h"
 #include "fs/file_str.h"
-#include "fs/file_util.h"
 #include "fs/held_file.h"
 #include "mailconf/value_check.h"
 #include "runtime/config.h"
@@ -58,15 +56,15 @@ static void users_conf_path(char *buf, size_t size)
 
 /* give_to_root - owner root and mode 0644 for users.conf (when it is held,
  * at its write) */
-static void give_to_root(const char *path)
+static void give_to_root(const Effects *fx, const char *path)
 {
     const char *step;
 
-    if (file_owner_mode(path, 0, 0, 0644, &step) != 0 && errno != ENOENT)
+    if (file_owner_mode(fx, path, 0, 0, 0644, &step) != 0 && errno != ENOENT)
         report(0, "ERROR: unable to %s %s: %s\n", step, path, strerror(errno));
 }
 
-int remove_antivirus_records(const char *domain, const char *local_part)
+int remove_antivirus_records(const Effects *fx, const char *domain, const char *local_part)
 {
     char path[AV_BUF_SIZE];
     char address[AV_BUF_SIZE];
@@ -85,21 +83,22 @@ int remove_antivirus_records(const char *domain, const char *local_part)
     };
 
     /* A missing file has nothing to remove: the result is not an error. */
-    file_str_list(path, forms, FILE_STR_REMOVE, FILE_STR_AT_END);
-    give_to_root(path);
+    file_str_list(fx, path, forms, FILE_STR_REMOVE, FILE_STR_AT_END);
+    give_to_root(fx, path);
     for (char **form = forms; *form; form++)
         free(*form);
     return 0;
 }
 
-int add_antivirus_record(const char *domain, const char *local_part, const char *virusfilter)
+int add_antivirus_record(const Effects *fx, const char *domain, const char *local_part,
+                         const char *virusfilter)
 {
     char path[AV_BUF_SIZE];
     char address[AV_BUF_SIZE];
     char record[AV_BUF_SIZE];
     const char *direction = virusfilter;
 
-    remove_antivirus_records(domain, local_part);
+    remove_antivirus_records(fx, domain, local_part);
 
     if (strncmp(direction, "outgoing", 8) == 0)
         direction = "from";
@@ -113,11 +112,11 @@ int add_antivirus_record(const char *domain, const char *local_part, const char 
     errno = 0;
     if (snprintf(record, sizeof record, "allow\t%s\tregex\t^%s$", direction, address)
             >= static_cast<int>(sizeof record)
-        || file_str(path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        || file_str(fx, path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
         report(0, "Unable to add record for '%s' to '%s' file", address, path);
         return -1;
     }
-    give_to_root(path);
+    give_to_root(fx, path);
     return 0;
 }
 
@@ -162,7 +161,7 @@ static int av_row_usable(MYSQL_RES *res, MYSQL_ROW row)
  * query ends the process, users.conf still as it was: written with part of
  * its records, the file would lift the checking of every address left
  * out. */
-static void av_run_query(MYSQL *conn, const char *query, const char *failure)
+static void av_run_query(const Effects *fx, MYSQL *conn, const char *query, const char *failure)
 {
     MYSQL_RES *res;
     MYSQL_ROW row;
@@ -174,7 +173,7 @@ static void av_run_query(MYSQL *conn, const char *query, const char *failure)
     }
     while ((row = mysql_fetch_row(res)) != nullptr) {
         if (av_row_usable(res, row))
-            add_antivirus_record(row[2], row[1], row[0]);
+            add_antivirus_record(fx, row[2], row[1], row[0]);
     }
     mysql_free_result(res);
 }
@@ -203,8 +202,9 @@ static void reset_held(const char *path)
     text_buf_free(&text);
 }
 
-void restore_antivirus_settings(MYSQL *conn)
+void restore_antivirus_settings(const Effects *fx, MYSQL *conn)
 {
+    static const char *const virusctl[] = {"virusctl", "-r", nullptr};
     char path[AV_BUF_SIZE];
 
     /* The file is held in memory under its lock, from its head through
@@ -215,12 +215,12 @@ void restore_antivirus_settings(MYSQL *conn)
      * mailbox and alias.  It is root's with mode 0644 whatever it was
      * before, also when no mailbox has checking on. */
     users_conf_path(path, sizeof path);
-    if (held_file_take(path, 1) != 0)
+    if (held_file_take(fx, path, 1) != 0)
         report(1, "Unable to lock %s for the rebuild", path);
     reset_held(path);
-    give_to_root(path);
+    give_to_root(fx, path);
     for (const auto &q : av_queries)
-        av_run_query(conn, q.query, q.failure);
+        av_run_query(fx, conn, q.query, q.failure);
     held_file_release(path);
-    effects()->run_util("virusctl", "-r");
+    fx->run_util("virusctl", const_cast<char *const *>(virusctl));
 }

@@ -9,10 +9,15 @@
 #ifndef REBOX_FILTERS_ANTIVIRUS_H
 #define REBOX_FILTERS_ANTIVIRUS_H
 
+#include "fs/effect.h"
+
 #include <mysql.h>
 
-void restore_antivirus_settings(MYSQL *conn);
-int add_antivirus_record(const char *domain, const char *local_part, const char *virusfilter);
-int remove_antivirus_records(const char *domain, const char *local_part);
+/* restore_antivirus_settings - users.conf rebuilt from conn's rows and
+ * virusctl run, every change through fx */
+void restore_antivirus_settings(const Effects *fx, MYSQL *conn);
+int add_antivirus_record(const Effects *fx, const char *domain, const char *local_part,
+                         const char *virusfilter);
+int remove_antivirus_records(const Effects *fx, const char *domain, const char *local_part);
 
 #endif

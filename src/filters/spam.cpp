@@ -20,7 +20,6 @@
 #include "db/get.h"
 #include "filters/argvec.h"
 #include "mailconf/value_check.h"
-#include "proc/exec.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -229,7 +228,7 @@ static int add_list_pair(ArgVec *vec, const char *option, const char *value)
 /* add_lists_and_run - the black and white list pairs of the record, run in
  * as many batches as they need, the last batch included; 0, or -1 when a
  * query or a run failed */
-static int add_lists_and_run(ArgVec *vec, MYSQL *conn, const char *name, const char *id,
+static int add_lists_and_run(const Effects *fx, ArgVec *vec, MYSQL *conn, const char *name, const char *id,
                              int32_t prefix_count, size_t prefix_used)
 {
     char query[SPAM_BUF_SIZE];
@@ -254,7 +253,7 @@ static int add_lists_and_run(ArgVec *vec, MYSQL *conn, const char *name, const c
         if (add_list_pair(vec, option, row[1]))
             continue;
         /* Full: send what holds whole pairs, start again from the prefix. */
-        if (admin_util_execv("spamctl", vec->slots) != 0) {
+        if (fx->run_util("spamctl", vec->slots) != 0) {
             result = -1;
             break;
         }
@@ -263,13 +262,13 @@ static int add_lists_and_run(ArgVec *vec, MYSQL *conn, const char *name, const c
     }
     mysql_free_result(res);
 
-    if (result == 0 && admin_util_execv("spamctl", vec->slots) != 0)
+    if (result == 0 && fx->run_util("spamctl", vec->slots) != 0)
         result = -1;
     return result;
 }
 
 /* apply_record - apply one record on an open connection */
-static int apply_record(ArgVec *vec, const char *name, MYSQL *conn, int server_wide)
+static int apply_record(const Effects *fx, ArgVec *vec, const char *name, MYSQL *conn, int server_wide)
 {
     char query[SPAM_BUF_SIZE];
     char id[SPAM_BUF_SIZE];
@@ -316,10 +315,10 @@ static int apply_record(ArgVec *vec, const char *name, MYSQL *conn, int server_w
 
     if (add_sensitivity(vec, conn, name, id) != 0 || add_header_rewrite(vec, conn, name, id) != 0)
         return -1;
-    return add_lists_and_run(vec, conn, name, id, prefix_count, prefix_used);
+    return add_lists_and_run(fx, vec, conn, name, id, prefix_count, prefix_used);
 }
 
-int apply_spam_settings(const char *name, MYSQL *conn)
+int apply_spam_settings(const Effects *fx, const char *name, MYSQL *conn)
 {
     ArgVec vec;
     char path[SPAM_BUF_SIZE];
@@ -350,18 +349,18 @@ int apply_spam_settings(const char *name, MYSQL *conn)
         }
         conn = own;
     }
-    result = apply_record(&vec, name, conn, strncmp(name, "*@*", 3) == 0);
+    result = apply_record(fx, &vec, name, conn, strncmp(name, "*@*", 3) == 0);
     if (own != nullptr)
         mysql_close(own);
     return result;
 }
 
-int apply_server_spam_settings(MYSQL *conn)
+int apply_server_spam_settings(const Effects *fx, MYSQL *conn)
 {
-    return apply_spam_settings("*@*", conn);
+    return apply_spam_settings(fx, "*@*", conn);
 }
 
-int apply_mailbox_spam_settings(const char *local_part, const char *domain, MYSQL *conn)
+int apply_mailbox_spam_settings(const Effects *fx, const char *local_part, const char *domain, MYSQL *conn)
 {
     char name[SPAM_BUF_SIZE];
 
@@ -372,7 +371,7 @@ int apply_mailbox_spam_settings(const char *local_part, const char *domain, MYSQ
         return -1;
     }
     snprintf(name, sizeof name, "%s@%s", local_part, domain);
-    return apply_spam_settings(name, conn);
+    return apply_spam_settings(fx, name, conn);
 }
 
 /* domain_row_usable - whether a domain row (id, name) can be walked: its id
@@ -414,7 +413,7 @@ static int mailbox_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *domain)
     return 0;
 }
 
-void restore_spam_settings(void)
+void restore_spam_settings(const Effects *fx)
 {
     static const char domains_query[] =
         "SELECT d.id, d.name FROM domains d LEFT JOIN DomainServices s ON d.id=s.dom_id "
@@ -432,7 +431,7 @@ void restore_spam_settings(void)
         report(1, "Unable to connect to the mysql database");
     }
 
-    apply_server_spam_settings(conn);
+    apply_server_spam_settings(fx, conn);
 
     if ((domains = spam_query(conn, domains_query)) == nullptr) {
         errno = 0;
@@ -448,7 +447,7 @@ void restore_spam_settings(void)
         }
         while ((box = mysql_fetch_row(mailboxes)) != nullptr)
             if (mailbox_row_usable(mailboxes, box, dom[1]))
-                apply_mailbox_spam_settings(box[0], dom[1], conn);
+                apply_mailbox_spam_settings(fx, box[0], dom[1], conn);
         mysql_free_result(mailboxes);
     }
     mysql_free_result(domains);

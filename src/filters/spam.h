@@ -9,11 +9,14 @@
 #ifndef REBOX_FILTERS_SPAM_H
 #define REBOX_FILTERS_SPAM_H
 
+#include "fs/effect.h"
+
 #include <mysql.h>
 
-void restore_spam_settings(void);
-int apply_server_spam_settings(MYSQL *conn);
-int apply_mailbox_spam_settings(const char *local_part, const char *domain, MYSQL *conn);
-int apply_spam_settings(const char *name, MYSQL *conn);
+/* Each runs spamctl through the run_util effect of fx. */
+void restore_spam_settings(const Effects *fx);
+int apply_server_spam_settings(const Effects *fx, MYSQL *conn);
+int apply_mailbox_spam_settings(const Effects *fx, const char *local_part, const char *domain, MYSQL *conn);
+int apply_spam_settings(const Effects *fx, const char *name, MYSQL *conn);
 
 #endif

@@ -1,14 +1,18 @@
 /* effect - the one door through which a run changes the system.
  *
- * Every change a run may make goes through the table of effects chosen for
- * the process with effects_use(): a directory opened or made, an owner and
- * mode set, a foreign object set aside, a file replaced (written beside
- * itself, then renamed), a file edited in place, an object the panel no
- * longer has removed, an empty directory the run made taken back, a leftover temporary file dropped, a named lock
- * taken, processes signalled by name and a sibling utility run.  The
- * layers below the command call through effects() and never learn which
- * table runs: the command's apply table makes the changes, its check table
- * compares and reports them and writes nothing, undo paths included.
+ * Every change a run may make goes through a table of effects: a directory
+ * opened or made, an owner and mode set, a foreign object set aside, a file
+ * replaced (written beside itself, then renamed), a file edited in place,
+ * an object the panel no longer has removed or moved to a deferred name,
+ * an empty directory the run made taken back, a leftover temporary file
+ * dropped, a named lock taken, processes signalled by name and a sibling
+ * utility run.  The command chooses the table and hands it down: the pass
+ * and the writers carry it in the state they are given (a domain's
+ * MailDomain), the file layer in every PathAt it opens, so no layer below
+ * the command can reach a change except through the table it was handed,
+ * and none learns which table that is.  The command's apply table makes
+ * the changes; its check table compares and reports them and writes
+ * nothing, undo paths included.
  *
  * missing_dir() is what a walk of the mail tree goes on with below a
  * directory that is not there: nothing (-1, errno kept) when changes are
@@ -40,19 +44,20 @@ struct Effects {
     /* an object the panel no longer has: a file, or a directory with
      * everything in it; 0, or -1 with errno */
     int (*remove)(PathAt *at);
+    /* an object moved, in one step, to a name no other object has */
+    int (*move)(PathAt *from, PathAt *to);
     /* an empty directory this run made, taken back */
     int (*remove_dir)(int dir, const char *name);
     /* a temporary file a cut run left */
     void (*drop_leftover)(PathAt *tmp);
+    /* the named lock of a file, waited for */
     FileLock *(*lock)(const char *path, short hashed);
     int (*missing_dir)(const char *path);
+    /* every process of that command name signalled */
     int (*signal)(const char *name, int sig);
-    /* a sibling utility with one argument; its run result */
-    int (*run_util)(const char *name, const char *arg);
+    /* a sibling utility of the panel run with its argument vector (argv[0]
+     * first); its run result */
+    int (*run_util)(const char *name, char *const argv[]);
 };
-
-/* effects - the table of this process (the command's choice) */
-const Effects *effects(void);
-void effects_use(const Effects *table);
 
 #endif

@@ -7,7 +7,6 @@
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "fs/file_lock.h"
 
-#include "fs/effect.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -127,11 +126,6 @@ FileLock *file_lock_open(const char *path, int open_flags, int operation, short 
 }
 
 FileLock *file_lock(const char *path, short hashed)
-{
-    return effects()->lock(path, hashed);
-}
-
-FileLock *file_lock_exclusive(const char *path, short hashed)
 {
     return file_lock_open(path, O_RDWR | O_CREAT | O_TRUNC, LOCK_EX, hashed);
 }

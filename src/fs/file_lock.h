@@ -19,12 +19,11 @@ struct FileLock {
 };
 
 FileLock *file_lock_open(const char *path, int open_flags, int operation, short hashed);
-/* file_lock - the waiting lock a run takes, through the effects (see
- * fs/effect): file_lock_exclusive when changes are applied (the lock file
- * made when missing), file_lock_shared when they are only reported (a
- * reader's lock, and none where no lock file exists: none is made) */
+/* file_lock - the waiting exclusive lock of a writer, the lock file made
+ * when missing; file_lock_shared - a reader's waiting lock, none where no
+ * lock file exists (none is made).  A run takes its locks through the
+ * effects it was handed (fs/effect), which choose one of the two. */
 FileLock *file_lock(const char *path, short hashed);
-FileLock *file_lock_exclusive(const char *path, short hashed);
 FileLock *file_lock_shared(const char *path, short hashed);
 FileLock *file_trylock(const char *path, short hashed);
 int file_lock_held(const FileLock *lock);

@@ -8,7 +8,6 @@
  */
 #include "fs/file_str.h"
 
-#include "fs/effect.h"
 #include "fs/file_lock.h"
 #include "fs/held_file.h"
 #include "fs/path_at.h"
@@ -300,7 +299,7 @@ int apply_edit(PathAt *at, const char *const *lines, int operation, int mode)
     return result;
 }
 
-int file_str_list(const char *path, const char *const *lines, int operation, int mode)
+int file_str_list(const Effects *fx, const char *path, const char *const *lines, int operation, int mode)
 {
     FileLock *lock;
     PathAt at;
@@ -309,7 +308,7 @@ int file_str_list(const char *path, const char *const *lines, int operation, int
     int result = held_file_edit(path, lines, operation, mode);
     if (result >= 0)
         return result;
-    lock = file_lock(path, 1);
+    lock = fx->lock(path, 1);
 
     if (!file_lock_held(lock)) {
         report(0, "Error occurred while locking the file %s\n", path);
@@ -321,49 +320,50 @@ int file_str_list(const char *path, const char *const *lines, int operation, int
     /* The file's directory is opened once, and every step of the edit
      * works through it: in the mail tree no link is followed, and the
      * directory cannot be swapped between two steps. */
-    if (path_at(path, &at) != 0) {
+    if (path_at(fx, path, &at) != 0) {
         if (errno == ENOENT && operation == FILE_STR_REMOVE)
             return fail(lock, path);
         report(0, "Unable to open file %s: %s\n", path, strerror(errno));
         return fail(lock, path);
     }
-    result = effects()->edit(&at, lines, operation, mode);
+    result = fx->edit(&at, lines, operation, mode);
     path_at_close(&at);
     if (result != 0)
         return fail(lock, path);
     return release(lock, path);
 }
 
-int file_str(const char *path, const char *line, int operation, int mode)
+int file_str(const Effects *fx, const char *path, const char *line, int operation, int mode)
 {
     const char *lines[2] = {line, nullptr};
 
-    return file_str_list(path, lines, operation, mode);
+    return file_str_list(fx, path, lines, operation, mode);
 }
 
-int file_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
+int file_owner_mode(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
 {
     *step = "chown";
     if (held_file_owner(path, uid, gid, mode) == 0)
         return 0;
-    return path_owner_mode(path, uid, gid, mode, step);
+    return path_owner_mode(fx, path, uid, gid, mode, step);
 }
 
-int file_put(const char *path, const char *text, uid_t uid, gid_t gid, mode_t mode, const char **step)
+int file_put(const Effects *fx, const char *path, const char *text, uid_t uid, gid_t gid, mode_t mode,
+             const char **step)
 {
     PathAt at;
     int rc = -1;
 
-    if (file_matches(path, text, strlen(text), uid, gid, mode))
+    if (file_matches(fx, path, text, strlen(text), uid, gid, mode))
         return 0;
     *step = "lock";
-    FileLock *lock = file_lock(path, 1);
+    FileLock *lock = fx->lock(path, 1);
     if (!file_lock_held(lock)) {
         file_lock_dispose(lock);
         return -1;
     }
     *step = "open";
-    if (path_at(path, &at) == 0) {
+    if (path_at(fx, path, &at) == 0) {
         rc = replace_file_at(&at, text, strlen(text), uid, gid, mode, 0, step);
         path_at_close(&at);
     }

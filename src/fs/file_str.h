@@ -9,24 +9,28 @@
 #ifndef REBOX_FS_FILE_STR_H
 #define REBOX_FS_FILE_STR_H
 
+#include "fs/effect.h"
 #include "fs/line_edit.h"
 
 #include <sys/types.h>
 
-int file_str(const char *path, const char *line, int operation, int mode);
-int file_str_list(const char *path, const char *const *lines, int operation, int mode);
+/* file_str, file_str_list - the edit, its lock and its changes through
+ * fx (a file held in memory takes it there) */
+int file_str(const Effects *fx, const char *path, const char *line, int operation, int mode);
+int file_str_list(const Effects *fx, const char *path, const char *const *lines, int operation, int mode);
 
 /* file_put - make the file at path hold exactly text with owner, group and
  * mode, under its named lock, replacing it whole and only when it differs
  * (replace_file).  0 unchanged, 1 replaced, -1 with errno and *step ("lock",
  * "open", "write", "chown", "chmod" or "rename") */
-int file_put(const char *path, const char *text, uid_t uid, gid_t gid, mode_t mode, const char **step);
+int file_put(const Effects *fx, const char *path, const char *text, uid_t uid, gid_t gid, mode_t mode,
+             const char **step);
 
 /* file_owner_mode - give the file at path an owner, group and mode (-1:
  * left as it is): a file held for a batch gets them when it is written,
  * any other at once, through path_owner_mode.  0, or -1 with errno and
  * *step "chown" or "chmod" */
-int file_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
+int file_owner_mode(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
 
 struct PathAt;
 /* apply_edit - the edit of a file that is not held, when it is applied

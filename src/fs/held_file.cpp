@@ -9,7 +9,6 @@
  */
 #include "fs/held_file.h"
 
-#include "fs/effect.h"
 #include "fs/file_lock.h"
 #include "fs/line_edit.h"
 #include "fs/line_store.h"
@@ -35,6 +34,7 @@ static const size_t PATH_BUF_SIZE = 4096;
 static const mode_t NEW_FILE_MODE = 0644;
 
 struct HeldFile {
+    const Effects *fx; /* where its lock, leftover and replacement go */
     char *path;
     FileLock *lock; /* null: rebuilt, locked only to be replaced */
     LineStore *store;
@@ -62,10 +62,11 @@ static HeldFile *find_held(const char *path)
     return nullptr;
 }
 
-/* take_lock - the named lock of path, or null after the message */
-static FileLock *take_lock(const char *path)
+/* take_lock - the named lock of path through fx, or null after the
+ * message */
+static FileLock *take_lock(const Effects *fx, const char *path)
 {
-    FileLock *lock = file_lock(path, 1);
+    FileLock *lock = fx->lock(path, 1);
 
     if (file_lock_held(lock))
         return lock;
@@ -79,21 +80,21 @@ static FileLock *take_lock(const char *path)
 /* drop_leftover - remove the "<name>.tmp" a run cut short left beside
  * path, unread: the file is held now, and only a whole replacement renamed
  * over it counts (through the effects). */
-static void drop_leftover(const char *path)
+static void drop_leftover(const Effects *fx, const char *path)
 {
     char tmp_path[PATH_BUF_SIZE];
     PathAt at, tmp;
 
-    if (path_at(path, &at) != 0)
+    if (path_at(fx, path, &at) != 0)
         return;
     if (at_temporary(&at, &tmp, tmp_path) == 0)
-        effects()->drop_leftover(&tmp);
+        fx->drop_leftover(&tmp);
     path_at_close(&at);
 }
 
 /* hold - add path to the held files, with its lock (null for a rebuilt
  * file); 0, or 1 after the message */
-static int hold(const char *path, int durable, int rebuilt)
+static int hold(const Effects *fx, const char *path, int durable, int rebuilt)
 {
     if (find_held(path))
         return 0;
@@ -102,28 +103,28 @@ static int hold(const char *path, int durable, int rebuilt)
         report(0, "Unable to hold %s: too many files held\n", path);
         return 1;
     }
-    FileLock *lock = rebuilt ? nullptr : take_lock(path);
+    FileLock *lock = rebuilt ? nullptr : take_lock(fx, path);
     if (!rebuilt && lock == nullptr)
         return 1;
     if (!rebuilt)
-        drop_leftover(path);
+        drop_leftover(fx, path);
     if (held_count == 0)
         held_owner = getpid();
-    held[held_count++] = HeldFile{strdup(path), lock, nullptr, 0, 0, durable,
+    held[held_count++] = HeldFile{fx, strdup(path), lock, nullptr, 0, 0, durable,
                                   static_cast<uid_t>(-1), static_cast<gid_t>(-1), static_cast<mode_t>(-1), rebuilt};
     if (rebuilt)
         held_file_reset(path, "");
     return 0;
 }
 
-int held_file_take(const char *path, int durable)
+int held_file_take(const Effects *fx, const char *path, int durable)
 {
-    return hold(path, durable, 0);
+    return hold(fx, path, durable, 0);
 }
 
-int held_file_take_rebuilt(const char *path)
+int held_file_take_rebuilt(const Effects *fx, const char *path)
 {
-    return hold(path, 0, 1);
+    return hold(fx, path, 0, 1);
 }
 
 int held_file_reset(const char *path, const char *text)
@@ -184,7 +185,7 @@ static int load(HeldFile *h)
 
     if (h->loaded)
         return 0;
-    int fd = path_open(h->path, O_RDONLY, 0);
+    int fd = path_open(h->fx, h->path, O_RDONLY, 0);
     if (fd < 0) {
         int err = errno;
         if (stat(h->path, &st) != 0 && errno != ENOENT) {
@@ -291,7 +292,7 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
     /* Written (or reported) once: the copy is then what the disk holds. */
     h->loaded = 0;
-    if (path_at(h->path, at) == 0) {
+    if (path_at(h->fx, h->path, at) == 0) {
         int asked = h->uid != static_cast<uid_t>(-1) && h->gid != static_cast<gid_t>(-1)
                     && h->mode != static_cast<mode_t>(-1);
         int on_disk = !asked && at_stat(at, &st) == 0 && S_ISREG(st.st_mode);
@@ -344,7 +345,7 @@ static int unchanged(HeldFile *h)
         return 0;
     if (line_store_text(h->store, &text) != 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    int same = file_matches(h->path, text.data ? text.data : "", text.len, h->uid, h->gid, h->mode);
+    int same = file_matches(h->fx, h->path, text.data ? text.data : "", text.len, h->uid, h->gid, h->mode);
     text_buf_free(&text);
     return same;
 }
@@ -358,7 +359,7 @@ static int locked_to_write(HeldFile *h)
         return 1;
     if (unchanged(h))
         return 0;
-    h->lock = take_lock(h->path);
+    h->lock = take_lock(h->fx, h->path);
     return h->lock != nullptr ? 1 : -1;
 }
 

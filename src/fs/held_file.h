@@ -31,10 +31,14 @@
 #ifndef REBOX_FS_HELD_FILE_H
 #define REBOX_FS_HELD_FILE_H
 
+#include "fs/effect.h"
+
 #include <sys/types.h>
 
-int held_file_take(const char *path, int durable);
-int held_file_take_rebuilt(const char *path);
+/* held_file_take, held_file_take_rebuilt - hold path; its lock, its
+ * leftover and its replacement go through fx.  0, or 1 after the message */
+int held_file_take(const Effects *fx, const char *path, int durable);
+int held_file_take_rebuilt(const Effects *fx, const char *path);
 int held_file_edit(const char *path, const char *const *lines, int operation, int mode);
 /* held_file_reset, held_file_owner - 0, or -1 when path is not held; an
  * owner, group or mode of -1 is left as it is */

@@ -2,7 +2,6 @@
  * path_at.h). */
 #include "fs/path_at.h"
 
-#include "fs/effect.h"
 #include "fs/remove.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
@@ -243,10 +242,11 @@ static int domain_dir(int base, const char *name)
     return fd;
 }
 
-int path_at(const char *path, PathAt *at)
+int path_at(const Effects *fx, const char *path, PathAt *at)
 {
     const char *rest = tree_rest(path);
 
+    at->fx = fx;
     at->dir = -1;
     at->path = path;
     at->guarded = 0;
@@ -272,7 +272,7 @@ int path_at(const char *path, PathAt *at)
     } else {
         dir = mail_names_dir();
         if (dir < 0)
-            dir = effects()->missing_dir(path);
+            dir = fx->missing_dir(path);
         if (dir < 0)
             return -1;
     }
@@ -305,7 +305,7 @@ int path_at(const char *path, PathAt *at)
         int err = errno;
         /* Below a directory that is missing or is not one, the walk goes
          * on where the effects say (nowhere, when they are applied). */
-        if (sub < 0 && (sub = effects()->missing_dir(path)) < 0)
+        if (sub < 0 && (sub = fx->missing_dir(path)) < 0)
             errno = err;
         if (!kept(dir))
             close(dir);
@@ -325,8 +325,9 @@ void path_at_close(PathAt *at)
     at->dir = -1;
 }
 
-void at_child(PathAt *at, int dir_fd, const char *name, const char *path)
+void at_child(const Effects *fx, PathAt *at, int dir_fd, const char *name, const char *path)
 {
+    at->fx = fx;
     at->dir = dir_fd;
     at->path = path;
     at->guarded = 1;
@@ -405,7 +406,7 @@ int at_clear_foreign(PathAt *at)
     if (!at->guarded || fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0
         || (S_ISREG(st.st_mode) && st.st_nlink == 1))
         return 0;
-    return effects()->set_aside(at, "file");
+    return at->fx->set_aside(at, "file");
 }
 
 int at_open(PathAt *at, int flags, mode_t mode)
@@ -442,7 +443,7 @@ int at_open(PathAt *at, int flags, mode_t mode)
             errno = ELOOP;
             return -1;
         }
-        if (effects()->set_aside(at, "file") != 0)
+        if (at->fx->set_aside(at, "file") != 0)
             return -1;
         if (!(flags & O_CREAT)) {
             errno = ENOENT;
@@ -452,11 +453,11 @@ int at_open(PathAt *at, int flags, mode_t mode)
     }
 }
 
-int path_open(const char *path, int flags, mode_t mode)
+int path_open(const Effects *fx, const char *path, int flags, mode_t mode)
 {
     PathAt at;
 
-    if (path_at(path, &at) != 0)
+    if (path_at(fx, path, &at) != 0)
         return -1;
     int fd = at_open(&at, flags, mode);
     int err = errno;
@@ -483,7 +484,7 @@ int at_dir(PathAt *at, mode_t mode, int *made)
         return fd;
     /* Missing, or something else stands there: the effects make it, or
      * report it. */
-    return effects()->make_dir(at, mode, made);
+    return at->fx->make_dir(at, mode, made);
 }
 
 int apply_make_dir(PathAt *at, mode_t mode, int *made)
@@ -508,7 +509,7 @@ int apply_make_dir(PathAt *at, mode_t mode, int *made)
         } else if (set_aside++ > 0) {
             errno = ELOOP;
             return -1;
-        } else if (effects()->set_aside(at, "directory") != 0) {
+        } else if (at->fx->set_aside(at, "directory") != 0) {
             return -1;
         }
     }
@@ -516,11 +517,11 @@ int apply_make_dir(PathAt *at, mode_t mode, int *made)
     return -1;
 }
 
-DIR *path_opendir(const char *path)
+DIR *path_opendir(const Effects *fx, const char *path)
 {
     PathAt at;
 
-    if (path_at(path, &at) != 0)
+    if (path_at(fx, path, &at) != 0)
         return nullptr;
     int fd = open_dir_at(&at);
     int err = errno;
@@ -534,11 +535,11 @@ DIR *path_opendir(const char *path)
     return d;
 }
 
-int path_stat(const char *path, struct stat *st)
+int path_stat(const Effects *fx, const char *path, struct stat *st)
 {
     PathAt at;
 
-    if (path_at(path, &at) != 0)
+    if (path_at(fx, path, &at) != 0)
         return -1;
     int rc = at_stat(&at, st);
     int err = errno;
@@ -558,13 +559,13 @@ int apply_missing_dir(const char *path)
     return -1;
 }
 
-int path_rmdir(const char *path)
+int path_rmdir(const Effects *fx, const char *path)
 {
     PathAt at;
 
-    if (path_at(path, &at) != 0)
+    if (path_at(fx, path, &at) != 0)
         return -1;
-    int rc = effects()->remove_dir(at.dir, at.name);
+    int rc = fx->remove_dir(at.dir, at.name);
     int err = errno;
     path_at_close(&at);
     errno = err;
@@ -581,9 +582,10 @@ int at_stat(PathAt *at, struct stat *st)
     return fstatat(at->dir, at->name, st, at->guarded ? AT_SYMLINK_NOFOLLOW : 0);
 }
 
-int fd_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
+int fd_owner_mode(const Effects *fx, int fd, const char *path, uid_t uid, gid_t gid, mode_t mode,
+                  const char **step)
 {
-    return effects()->owner_mode(fd, path, uid, gid, mode, step);
+    return fx->owner_mode(fd, path, uid, gid, mode, step);
 }
 
 int apply_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
@@ -603,14 +605,15 @@ int apply_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode
     return 0;
 }
 
-int path_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
+int path_owner_mode(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode,
+                    const char **step)
 {
     PathAt at;
     struct stat st;
     int fd = -1;
 
     *step = "chown";
-    if (path_at(path, &at) != 0)
+    if (path_at(fx, path, &at) != 0)
         return -1;
     /* Only a regular file or a directory is opened: a device or a fifo
      * planted in its place is neither opened nor given away. */
@@ -632,10 +635,37 @@ int path_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const c
         errno = EPERM;
         rc = -1;
     } else {
-        rc = fd_owner_mode(fd, path, uid, gid, mode, step);
+        rc = fd_owner_mode(fx, fd, path, uid, gid, mode, step);
     }
     err = errno;
     close(fd);
     errno = err;
+    return rc;
+}
+
+int make_dir_noting(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, int *made)
+{
+    PathAt at;
+    int fd = -1;
+
+    *made = 0;
+    if (path_at(fx, path, &at) == 0) {
+        fd = at_dir(&at, mode, made);
+        int err = errno;
+        path_at_close(&at);
+        errno = err;
+    }
+    if (fd < 0) {
+        if (errno != ENOLINK)
+            report(0, "ERROR: Unable to mkdir %s: %s\n", path, strerror(errno));
+        return -1;
+    }
+    /* Owner and mode are set only where they differ: an unchanged
+     * directory is not touched. */
+    const char *step;
+    int rc = fd_owner_mode(fx, fd, path, uid, gid, mode, &step);
+    if (rc != 0)
+        report(0, "ERROR: Unable to %s %s: %s\n", step, path, strerror(errno));
+    close(fd);
     return rc;
 }

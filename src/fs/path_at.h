@@ -34,12 +34,16 @@
 #ifndef REBOX_FS_PATH_AT_H
 #define REBOX_FS_PATH_AT_H
 
+#include "fs/effect.h"
+
 #include <dirent.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
-/* PathAt - the opened directory of a path and the path's last name */
+/* PathAt - the opened directory of a path and the path's last name,
+ * with the table of effects every change made through it goes to */
 struct PathAt {
+    const Effects *fx;
     int dir;          /* the directory holding the last name */
     char name[256];   /* the last name (a copy: the struct may be copied) */
     int guarded;      /* 1: links are not followed, foreign objects replaced */
@@ -48,9 +52,9 @@ struct PathAt {
     const char *path; /* the whole path, for messages */
 };
 
-/* path_at - open the directory holding path's last name; 0, or -1 with
- * errno set and nothing open */
-int path_at(const char *path, PathAt *at);
+/* path_at - open the directory holding path's last name, for changes
+ * through fx; 0, or -1 with errno set and nothing open */
+int path_at(const Effects *fx, const char *path, PathAt *at);
 void path_at_close(PathAt *at);
 /* path_at_forget - drop the directories path_at keeps open between calls
  * (after a domain directory was renamed) */
@@ -62,7 +66,7 @@ int trusted_link_error(void);
 
 /* at_child - a guarded PathAt for name inside the open directory dir_fd,
  * which stays the caller's; path names it in messages */
-void at_child(PathAt *at, int dir_fd, const char *name, const char *path);
+void at_child(const Effects *fx, PathAt *at, int dir_fd, const char *name, const char *path);
 
 /* at_temporary - tmp becomes "<name>.tmp" beside at's last name (same
  * directory, same rules), its whole path written to tmp_path (4096 bytes);
@@ -75,7 +79,7 @@ int at_temporary(const PathAt *at, PathAt *tmp, char *tmp_path);
 int at_open(PathAt *at, int flags, mode_t mode);
 
 /* path_open - at_open for a path; the descriptor, or -1 with errno */
-int path_open(const char *path, int flags, mode_t mode);
+int path_open(const Effects *fx, const char *path, int flags, mode_t mode);
 
 /* at_in_the_way - 1 when err is what an operation here gives up with when
  * a link or another kind of object stands, or keeps coming back, where the
@@ -100,27 +104,36 @@ int at_dir(PathAt *at, mode_t mode, int *made);
 /* path_opendir - the directory at path, reached and opened as path_at and
  * at_dir reach one (no link followed below a domain directory), for
  * reading; null with errno */
-DIR *path_opendir(const char *path);
+DIR *path_opendir(const Effects *fx, const char *path);
 
 /* path_stat - at_stat of path's last name; 0, or -1 with errno */
-int path_stat(const char *path, struct stat *st);
+int path_stat(const Effects *fx, const char *path, struct stat *st);
 
 /* path_rmdir - remove the empty directory at path, reached as path_at
  * reaches it; 0, or -1 with errno (ENOTEMPTY for one that holds anything) */
-int path_rmdir(const char *path);
+int path_rmdir(const Effects *fx, const char *path);
 
 /* at_stat - fstatat of the last name, links not followed when guarded */
 int at_stat(PathAt *at, struct stat *st);
 
 /* fd_owner_mode - give the open file or directory fd (path names it) uid,
  * gid and mode, each only where it differs (-1: left as it is), through
- * the effects (see fs/effect).  0, or -1 with errno and *step */
-int fd_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
+ * fx.  0, or -1 with errno and *step */
+int fd_owner_mode(const Effects *fx, int fd, const char *path, uid_t uid, gid_t gid, mode_t mode,
+                  const char **step);
 
 /* path_owner_mode - give the file or directory at path uid, gid and mode
  * through a descriptor of it; 0, or -1 with errno and *step "chown" or
  * "chmod" (a missing or foreign object fails the chown) */
-int path_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
+int path_owner_mode(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode,
+                    const char **step);
+
+/* make_dir_noting - the directory at path opened or made with mode, then
+ * given uid, gid and mode where they differ, each failure reported; 0, or
+ * -1.  *made tells whether this call created it (also when a later step
+ * failed); a trusted link that cannot be opened fails with ENOLINK and no
+ * message, for the caller to tell */
+int make_dir_noting(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, int *made);
 
 /* The changes made here when they are applied (the apply table of
  * fs/effect): at_dir's making of a directory that is missing or not one,

@@ -2,7 +2,6 @@
  * replace_file.h). */
 #include "fs/replace_file.h"
 
-#include "fs/effect.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -50,11 +49,12 @@ int file_matches_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t g
     return same;
 }
 
-int file_matches(const char *path, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode)
+int file_matches(const Effects *fx, const char *path, const char *text, size_t len, uid_t uid, gid_t gid,
+                 mode_t mode)
 {
     PathAt at;
 
-    if (path_at(path, &at) != 0)
+    if (path_at(fx, path, &at) != 0)
         return 0;
     int same = file_matches_at(&at, text, len, uid, gid, mode);
     path_at_close(&at);
@@ -82,7 +82,7 @@ static int write_whole(int fd, const char *text, size_t len)
 int replace_file_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
                          int durable, const char **step, PathAt *tmp, char *tmp_path)
 {
-    return effects()->replace_prepare(at, text, len, uid, gid, mode, durable, step, tmp, tmp_path);
+    return at->fx->replace_prepare(at, text, len, uid, gid, mode, durable, step, tmp, tmp_path);
 }
 
 int apply_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
@@ -125,7 +125,7 @@ int apply_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, g
 
 int replace_file_commit(PathAt *at, PathAt *tmp, int durable, const char **step)
 {
-    return effects()->replace_commit(at, tmp, durable, step);
+    return at->fx->replace_commit(at, tmp, durable, step);
 }
 
 int apply_replace_commit(PathAt *at, PathAt *tmp, int durable, const char **step)

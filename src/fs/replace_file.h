@@ -44,7 +44,8 @@ int file_matches_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t g
 /* file_matches - file_matches_at for a path.  Files are only ever replaced
  * whole by a rename, so the answer needs no lock: a writer that finds its
  * file already as it wants it has nothing to lock for. */
-int file_matches(const char *path, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode);
+int file_matches(const Effects *fx, const char *path, const char *text, size_t len, uid_t uid, gid_t gid,
+                 mode_t mode);
 
 unsigned long replace_count(void);
 
@@ -54,7 +55,7 @@ int same_bytes(int fd, const char *text, size_t len);
 
 /* apply_replace_prepare, apply_replace_commit - the two halves when the
  * replacement is applied (the apply table of fs/effect); replace_file_*
- * go through the effects */
+ * go through the effects of the PathAt */
 int apply_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
                           int durable, const char **step, PathAt *tmp, char *tmp_path);
 int apply_replace_commit(PathAt *at, PathAt *tmp, int durable, const char **step);

@@ -20,12 +20,6 @@
 /* The invalid-name message of every writer here but add_mail_alias. */
 static const char BAD_NAMES[] = "empty mailname or maildomain";
 
-/* names_valid - the name test of remove_postbox */
-static int names_valid(const char *mail_name, const char *domain)
-{
-    return mail_name_valid(mail_name) && domain != nullptr && *domain != '\0';
-}
-
 /* delivery_file_path - QMAIL_MAILNAMES_D/ascii/mail_name/.qmail */
 static void delivery_file_path(char *buf, const char *ascii, const char *mail_name)
 {
@@ -34,10 +28,10 @@ static void delivery_file_path(char *buf, const char *ascii, const char *mail_na
 
 /* put_qmail_line - make line the last line of the delivery file, once;
  * the result of the append (0 or 1) */
-static int put_qmail_line(const char *path, const char *line)
+static int put_qmail_line(const MailDomain *d, const char *path, const char *line)
 {
-    file_str(path, line, FILE_STR_REMOVE, 1);
-    return file_str(path, line, FILE_STR_ADD, FILE_STR_AT_END);
+    file_str(d->fx, path, line, FILE_STR_REMOVE, 1);
+    return file_str(d->fx, path, line, FILE_STR_ADD, FILE_STR_AT_END);
 }
 
 /* give_to_popuser - owner popuser and mode 0600 for the delivery file */
@@ -45,7 +39,7 @@ static void give_to_popuser(const char *path, const MailDomain *d)
 {
     const char *step;
 
-    if (file_owner_mode(path, d->uid, d->gid, 0600, &step) != 0)
+    if (file_owner_mode(d->fx, path, d->uid, d->gid, 0600, &step) != 0)
         report(1, "Unable to %s %s file: %s", step, path, strerror(errno));
 }
 
@@ -58,9 +52,9 @@ int add_postbox(const MailDomain *d, const char *mail_name, const char *password
         value_refused(BAD_NAMES);
     add_pop3_password(d, mail_name, password, disabled, full_names_required);
     delivery_file_path(path, d->ascii, mail_name);
-    if (put_qmail_line(path, "./Maildir/") != 0) {
+    if (put_qmail_line(d, path, "./Maildir/") != 0) {
         int failure = errno; /* the undo below may change errno */
-        remove_postbox(mail_name, d->name);
+        remove_postbox(d, mail_name);
         errno = failure;
         report(1, "Unable to add string to %s file.", path);
     }
@@ -68,21 +62,19 @@ int add_postbox(const MailDomain *d, const char *mail_name, const char *password
     return 0;
 }
 
-int remove_postbox(const char *mail_name, const char *domain)
+int remove_postbox(const MailDomain *d, const char *mail_name)
 {
     char path[QMAIL_BUF_SIZE], ending[QMAIL_BUF_SIZE];
 
-    if (!names_valid(mail_name, domain))
+    if (!mail_name_valid(mail_name))
         value_refused(BAD_NAMES);
-    char *ascii = domain_ascii_valid(domain, BAD_NAMES);
-    snprintf(ending, sizeof(ending), "/%s/%s", ascii, mail_name);
+    snprintf(ending, sizeof(ending), "/%s/%s", d->ascii, mail_name);
 
     qmail_file_path(path, sizeof(path), QMAIL_POPPASSWD_FILE);
-    if (file_str(path, ending, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0)
+    if (file_str(d->fx, path, ending, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0)
         report(0, "Unable to remove a record from poppassword file\n");
-    delivery_file_path(path, ascii, mail_name);
-    free(ascii);
-    if (file_str(path, "./Maildir/", FILE_STR_REMOVE, 1) != 0)
+    delivery_file_path(path, d->ascii, mail_name);
+    if (file_str(d->fx, path, "./Maildir/", FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove string from %s file", path);
     return 0;
 }
@@ -112,7 +104,7 @@ int add_forward_address(const MailDomain *d, const char *mail_name, const char *
     }
     snprintf(line, sizeof(line), "&%s", converted);
     free(converted);
-    if (put_qmail_line(path, line) != 0)
+    if (put_qmail_line(d, path, line) != 0)
         report(1, "Unable to add string to %s file.", path);
     give_to_popuser(path, d);
     return 0;
@@ -125,7 +117,7 @@ int add_autoresponder(const MailDomain *d, const char *mail_name)
     if (!mail_name_valid(mail_name))
         value_refused(BAD_NAMES);
     delivery_file_path(path, d->ascii, mail_name);
-    if (put_qmail_line(path, "|autoresponder") != 0)
+    if (put_qmail_line(d, path, "|autoresponder") != 0)
         report(1, "Unable to add string to %s file", path);
     return 0;
 }
@@ -141,11 +133,11 @@ int add_mail_alias(const MailDomain *d, const char *mail_name, const char *alias
     snprintf(record, sizeof(record), "=%s-%s:popuser:%d:%d:%s/%s/%s:::", d->id, alias, static_cast<int>(d->uid),
              static_cast<int>(d->gid), panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name);
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
-    if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
+    if (file_str(d->fx, path, record, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove record from assign file");
     /* At the beginning: above the closing "." line. */
-    if (file_str(path, record, FILE_STR_ADD, FILE_STR_AT_BEGIN) != 0)
+    if (file_str(d->fx, path, record, FILE_STR_ADD, FILE_STR_AT_BEGIN) != 0)
         report(1, "Unable to add record to assign file");
-    set_shared_mode(path, 0600);
+    set_shared_mode(d->fx, path, 0600);
     return 0;
 }

@@ -14,7 +14,7 @@
  * domain by name. */
 int add_postbox(const MailDomain *d, const char *mail_name, const char *password, int disabled,
                 int full_names_required);
-int remove_postbox(const char *mail_name, const char *domain);
+int remove_postbox(const MailDomain *d, const char *mail_name);
 int add_forward_address(const MailDomain *d, const char *mail_name, const char *address);
 int add_autoresponder(const MailDomain *d, const char *mail_name);
 int add_mail_alias(const MailDomain *d, const char *mail_name, const char *alias);

@@ -19,7 +19,7 @@
 
 /* add_mail_domain - domain d; 0, or 1 when its directory was skipped */
 int add_mail_domain(const MailDomain *d, int disabled);
-int add_enabled_mail_domain(const char *name);
-int remove_mail_domain(const char *name);
+int add_enabled_mail_domain(const MailDomain *d);
+int remove_mail_domain(const MailDomain *d);
 
 #endif

@@ -4,7 +4,6 @@
 
 #include "fs/file_str.h"
 #include "mailconf/qmail_common.h"
-#include "proc/send_sig.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -14,7 +13,7 @@
 int add_domain_alias(const MailDomain *d, const char *alias)
 {
     char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
-    const char *domain = d->name, *id = d->id;
+    const char *id = d->id;
 
     if (alias == nullptr || *alias == '\0') {
         errno = 0;
@@ -23,12 +22,12 @@ int add_domain_alias(const MailDomain *d, const char *alias)
     char *alias_ascii = domain_ascii_valid(alias, "empty domain or domain alias");
 
     qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);
-    if (file_str(path, alias_ascii, FILE_STR_REMOVE, 1) != 0)
+    if (file_str(d->fx, path, alias_ascii, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove domain record alias from rcpthosts file");
-    if (file_str(path, alias_ascii, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+    if (file_str(d->fx, path, alias_ascii, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
         int failure = errno; /* the undo below may change errno */
         free(alias_ascii);
-        remove_domain_alias(domain, alias);
+        remove_domain_alias(d, alias);
         errno = failure;
         report(1, "Unable to add domain record alias to rcpthosts.");
     }
@@ -36,50 +35,46 @@ int add_domain_alias(const MailDomain *d, const char *alias)
     snprintf(line, sizeof(line), "%s:%s\n", alias_ascii, id);
     free(alias_ascii);
     qmail_file_path(path, sizeof(path), QMAIL_VIRTUALDOMAINS_FILE);
-    if (file_str(path, line, FILE_STR_REMOVE, 1) != 0)
+    if (file_str(d->fx, path, line, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove domain record alias from virtualdomains.");
-    if (file_str(path, line, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+    if (file_str(d->fx, path, line, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
         int failure = errno; /* the undo below may change errno */
-        remove_domain_alias(domain, alias);
+        remove_domain_alias(d, alias);
         errno = failure;
         report(1, "Unable to add domain record alias to virtualdomains.");
     }
 
-    kill_by_name("qmail-se", 1);
+    d->fx->signal("qmail-se", 1);
     return 0;
 }
 
-int remove_domain_alias(const char *domain, const char *alias)
+int remove_domain_alias(const MailDomain *d, const char *alias)
 {
-    char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
+    char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
 
-    if (domain == nullptr || *domain == '\0' || alias == nullptr || *alias == '\0') {
+    if (alias == nullptr || *alias == '\0') {
         errno = 0;
         report(1, "empty domain or domain alias");
     }
     char *alias_ascii = domain_ascii_valid(alias, "empty domain or domain alias");
-    domain_id_required(domain, id, sizeof(id));
 
     qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);
-    if (file_str(path, alias_ascii, FILE_STR_REMOVE, 1) != 0)
+    if (file_str(d->fx, path, alias_ascii, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove domain alias from rcpthosts file");
 
-    snprintf(line, sizeof(line), "%s:%s", alias_ascii, id);
+    snprintf(line, sizeof(line), "%s:%s", alias_ascii, d->id);
     qmail_file_path(path, sizeof(path), QMAIL_VIRTUALDOMAINS_FILE);
-    if (file_str(path, line, FILE_STR_REMOVE, 1) != 0)
+    if (file_str(d->fx, path, line, FILE_STR_REMOVE, 1) != 0)
         report(1, "Unable to remove domain alias from virtualdomains file");
 
-    kill_by_name("qmail-se", 1);
+    d->fx->signal("qmail-se", 1);
     free(alias_ascii);
     return 0;
 }
 
-int rename_domain_alias(const char *domain, const char *old_alias, const char *new_alias)
+int rename_domain_alias(const MailDomain *d, const char *old_alias, const char *new_alias)
 {
-    MailDomain d;
-
-    remove_domain_alias(domain, old_alias);
-    mail_domain(domain, &d, "empty domain or domain alias");
-    add_domain_alias(&d, new_alias);
+    remove_domain_alias(d, old_alias);
+    add_domain_alias(d, new_alias);
     return 0;
 }

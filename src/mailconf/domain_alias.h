@@ -11,7 +11,7 @@
 
 /* add_domain_alias - alias of domain d */
 int add_domain_alias(const MailDomain *d, const char *alias);
-int remove_domain_alias(const char *domain, const char *alias);
-int rename_domain_alias(const char *domain, const char *old_alias, const char *new_alias);
+int remove_domain_alias(const MailDomain *d, const char *alias);
+int rename_domain_alias(const MailDomain *d, const char *old_alias, const char *new_alias);
 
 #endif

@@ -2,14 +2,11 @@
  * record (see mailbox.h). */
 #include "mailconf/mailbox.h"
 
-#include "fs/effect.h"
 #include "fs/file_str.h"
-#include "fs/file_util.h"
 #include "fs/held_file.h"
 #include "fs/path_at.h"
 #include "fs/replace_file.h"
 #include "fs/tree.h"
-#include "mailconf/idn.h"
 #include "mailconf/qmail_common.h"
 #include "mailconf/value_check.h"
 #include "runtime/config.h"
@@ -18,7 +15,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,12 +52,12 @@ struct Made {
  * first, then end the process with the message.  Anything that was there
  * before, mail above all, stays.  errno is kept for the message's system
  * error text. */
-[[noreturn]] static void undo_and_die(const Made *made, const char *message)
+[[noreturn]] static void undo_and_die(const Effects *fx, const Made *made, const char *message)
 {
     int saved = errno;
 
     for (int i = made->count - 1; i >= 0; i--)
-        effects()->remove_dir(made->parent[i], made->name[i]);
+        fx->remove_dir(made->parent[i], made->name[i]);
     errno = saved;
     report(1, "%s", message);
     report_exit(1);
@@ -87,7 +83,7 @@ static int make_owned_dir(PathAt *at, int parent, const char *name, const Popuse
     }
     errno = 0;
     /* Given away only when it is not popuser's already. */
-    if (fd_owner_mode(fd, at->path, ids.uid, ids.gid, static_cast<mode_t>(-1), what) != 0) {
+    if (fd_owner_mode(at->fx, fd, at->path, ids.uid, ids.gid, static_cast<mode_t>(-1), what) != 0) {
         int err = errno;
         close(fd);
         errno = err;
@@ -116,7 +112,7 @@ static int skip_tree(const char *path)
  * with mode 0600: in the rebuild's memory when it holds the file (written
  * at the mailbox's end, and only when it differs), else replaced on disk
  * through the home's descriptor; then its first line */
-static void start_qmail(int home_fd, const char *home, const PopuserIds &ids)
+static void start_qmail(const Effects *fx, int home_fd, const char *home, const PopuserIds &ids)
 {
     char path[QMAIL_BUF_SIZE];
     PathAt at;
@@ -131,7 +127,7 @@ static void start_qmail(int home_fd, const char *home, const PopuserIds &ids)
     } else {
         /* Emptied by a whole replacement, never cut in place. */
         const char *step;
-        at_child(&at, home_fd, ".qmail", path);
+        at_child(fx, &at, home_fd, ".qmail", path);
         if (replace_file_at(&at, "", 0, ids.uid, ids.gid, 0600, 0, &step) < 0) {
             if (strcmp(step, "chown") == 0)
                 report(1, "Unable to chown .qmail file: %s", strerror(errno));
@@ -143,7 +139,7 @@ static void start_qmail(int home_fd, const char *home, const PopuserIds &ids)
     }
     /* Edited by its full path, as the delivery writers spell it: its named
      * lock is then the one they and the panel's other tools take. */
-    if (file_str(path, "| true", FILE_STR_ADD, FILE_STR_AT_END) != 0)
+    if (file_str(fx, path, "| true", FILE_STR_ADD, FILE_STR_AT_END) != 0)
         report(1, "Unable to add string to .qmail file\n");
 }
 
@@ -160,11 +156,11 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
         report(1, "invalid mailname or domain name.");
     format_mailbox_record(record, d->id, mail_name, &ids, d->ascii);
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
-    if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
+    if (file_str(d->fx, path, record, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove record for %s from assign file", mail_name);
-    if (file_str(path, record, FILE_STR_ADD, FILE_STR_AT_BEGIN) != 0)
+    if (file_str(d->fx, path, record, FILE_STR_ADD, FILE_STR_AT_BEGIN) != 0)
         report(1, "Unable to add record for %s to assign file", mail_name);
-    set_shared_mode(path, 0600);
+    set_shared_mode(d->fx, path, 0600);
 
     /* The home and everything in it are made through directory
      * descriptors: popuser owns the domain directory, and no link or
@@ -173,7 +169,7 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
     Made made = {};
     int home_fd = -1, domain_fd = -1;
     what = "make";
-    if (path_at(home, &at) == 0) {
+    if (path_at(d->fx, home, &at) == 0) {
         /* The domain directory, for taking back a home made here. */
         domain_fd = dup(at.dir);
         home_fd = make_owned_dir(&at, domain_fd, mail_name, ids, &what, &made);
@@ -191,10 +187,10 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
         }
         snprintf(message, sizeof(message), "Unable to %s %s dir: %s", what, home,
                  strerror(errno));
-        undo_and_die(&made, message);
+        undo_and_die(d->fx, &made, message);
     }
 
-    start_qmail(home_fd, home, ids);
+    start_qmail(d->fx, home_fd, home, ids);
 
     size_t n = sizeof(mailbox_subdirs) / sizeof(mailbox_subdirs[0]);
     int rc = 0;
@@ -207,7 +203,7 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
         struct stat st;
         snprintf(sub, sizeof(sub), "%s/%s%s%s", home, parent < 0 ? "" : mailbox_subdirs[parent].name,
                  parent < 0 ? "" : "/", name);
-        at_child(&at, parent < 0 ? home_fd : fds[parent], name, sub);
+        at_child(d->fx, &at, parent < 0 ? home_fd : fds[parent], name, sub);
         /* A directory that holds none of the others and is popuser's
          * already needs only a look. */
         if (mailbox_subdirs[i].leaf && fstatat(at.dir, name, &st, AT_SYMLINK_NOFOLLOW) == 0
@@ -221,7 +217,7 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
             break;
         }
         snprintf(message, sizeof(message), "Unable to %s %s dir: %s", what, sub, strerror(errno));
-        undo_and_die(&made, message);
+        undo_and_die(d->fx, &made, message);
     }
     for (size_t i = 0; i < n; i++)
         if (fds[i] >= 0)
@@ -231,38 +227,31 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
     return rc;
 }
 
-int remove_mailbox(const char *mail_name, const char *domain)
+int remove_mailbox(const MailDomain *d, const char *mail_name)
 {
-    char record[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE], id[QMAIL_ID_SIZE];
+    char record[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
     char home[QMAIL_BUF_SIZE];
-    PopuserIds ids;
+    PopuserIds ids = {d->uid, d->gid};
 
-    if (!mail_name_valid(mail_name) || domain == nullptr || *domain == '\0') {
+    if (!mail_name_valid(mail_name)) {
         errno = 0;
         report(1, "empty mailname or maildomain");
     }
-    char *ascii = domain_ascii_valid(domain, "empty mailname or maildomain");
-    if (!popuser_lookup(&ids))
-        report(1, "Unable to get popuser uid or gid\n");
-
-    domain_id_required(domain, id, sizeof(id));
-    format_mailbox_record(record, id, mail_name, &ids, ascii);
+    format_mailbox_record(record, d->id, mail_name, &ids, d->ascii);
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
-    if (file_str(path, record, FILE_STR_REMOVE, 1) != 0)
+    if (file_str(d->fx, path, record, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove %s mailbox record from assign file", mail_name);
-    set_shared_mode(path, 0600);
+    set_shared_mode(d->fx, path, 0600);
 
     /* The home path's ending, from the slash before the domain: keeps
      * xinfo@example.com and info@example.com.au. */
-    snprintf(record, sizeof(record), "/%s/%s", ascii, mail_name);
+    snprintf(record, sizeof(record), "/%s/%s", d->ascii, mail_name);
     qmail_file_path(path, sizeof(path), QMAIL_POPPASSWD_FILE);
-    if (file_str(path, record, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0)
+    if (file_str(d->fx, path, record, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0)
         report(0, "Unable to remove %s mailbox record from password file\n", mail_name);
-    set_shared_mode(path, 0600);
+    set_shared_mode(d->fx, path, 0600);
 
-    snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii,
-             mail_name);
-    free(ascii);
-    remove_tree(home, 1);
+    snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name);
+    remove_tree(d->fx, home, 1);
     return 0;
 }

@@ -22,6 +22,6 @@
 /* add_mailbox - mailbox mail_name of domain d; 0, or 1 when its tree was
  * skipped (warned) */
 int add_mailbox(const MailDomain *d, const char *mail_name);
-int remove_mailbox(const char *mail_name, const char *domain);
+int remove_mailbox(const MailDomain *d, const char *mail_name);
 
 #endif

@@ -5,7 +5,6 @@
 #include "db/get.h"
 #include "db/pipeline.h"
 #include "fs/file_str.h"
-#include "fs/file_util.h"
 #include "fs/path_at.h"
 #include "mailconf/idn.h"
 #include "mailconf/qmail_common.h"
@@ -21,9 +20,6 @@
 #include <unistd.h>
 
 #include <string>
-
-/* The popuser ids of add_bounce, looked up once per process. */
-static PopuserIds bounce_popuser;
 
 /* mail_parameter - a parameter of the domain's mail service copied into
  * buf; the empty text when absent.  The rebuild makes a refused query end
@@ -132,7 +128,7 @@ static void work_out(const char *domain, const char *domain_id, MYSQL *conn, cha
 
 /* reject_line - the domain's ASCII name taken out of or put last into
  * control/rejectnonexist (made when missing), its mode 0644 after */
-static void reject_line(const char *ascii, int on)
+static void reject_line(const Effects *fx, const char *ascii, int on)
 {
     char path[QMAIL_BUF_SIZE];
     int failed;
@@ -141,31 +137,31 @@ static void reject_line(const char *ascii, int on)
     /* Made when missing: an addition of no lines creates the file (in
      * the rebuild's memory when it holds the file). */
     const char *none[] = {nullptr};
-    if (file_str_list(path, none, FILE_STR_ADD, FILE_STR_AT_END) != 0)
+    if (file_str_list(fx, path, none, FILE_STR_ADD, FILE_STR_AT_END) != 0)
         report(1, "set_reject: Unable to create %s file.", path);
     if (on)
-        failed = file_str(path, ascii, FILE_STR_ADD, FILE_STR_AT_END);
+        failed = file_str(fx, path, ascii, FILE_STR_ADD, FILE_STR_AT_END);
     else
-        failed = file_str(path, ascii, FILE_STR_REMOVE, 1);
+        failed = file_str(fx, path, ascii, FILE_STR_REMOVE, 1);
     if (failed)
         report(1, "set_reject: Unable to update %s file.", path);
     const char *step;
-    if (file_owner_mode(path, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0644, &step) != 0)
+    if (file_owner_mode(fx, path, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0644, &step) != 0)
         report(1, "set_reject: chmod %s failed: %s\n", path, strerror(errno));
 }
 
-/* put_default - the domain's .qmail-default holding the one line, owned
- * by popuser (uid, gid) with mode 0600 */
-static void put_default(const char *ascii, unsigned uid, unsigned gid, const char *line)
+/* put_default - the .qmail-default of domain d holding the one line,
+ * owned by popuser with mode 0600 */
+static void put_default(const MailDomain *d, const char *line)
 {
     char path[QMAIL_BUF_SIZE];
 
-    snprintf(path, sizeof(path), "%s/%s/.qmail-default", panel_config.QMAIL_MAILNAMES_D, ascii);
+    snprintf(path, sizeof(path), "%s/%s/.qmail-default", panel_config.QMAIL_MAILNAMES_D, d->ascii);
     /* The file holds the one line: replaced whole, and only when its line,
      * owner or mode differ, so the delivery programs never find it empty. */
     std::string text = std::string(line) + "\n";
     const char *step;
-    if (file_put(path, text.c_str(), uid, gid, 0600, &step) < 0) {
+    if (file_put(d->fx, path, text.c_str(), d->uid, d->gid, 0600, &step) < 0) {
         /* Popuser's own directory: a link or another kind of object that
          * keeps standing where the file belongs (or root's link there)
          * leaves the file as it is, with a warning, and the run goes on;
@@ -204,19 +200,19 @@ static void apply(const MailDomain *d, const char *policy, const char *value)
     char line[QMAIL_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
 
     if (*policy == '\0' || strcmp(policy, "bounce") == 0) {
-        reject_line(d->ascii, 0);
-        put_default(d->ascii, d->uid, d->gid, bounce_line(value).c_str());
+        reject_line(d->fx, d->ascii, 0);
+        put_default(d, bounce_line(value).c_str());
     } else if (strcmp(policy, "catch") == 0) {
         if (const char *why = catch_line(value, line)) {
             errno = 0;
             report(1, "%s(%s) failed: %s", "idn_email_toascii_safe", value_printable(value, shown, sizeof(shown)),
                    why);
         }
-        reject_line(d->ascii, 0);
-        put_default(d->ascii, d->uid, d->gid, line);
+        reject_line(d->fx, d->ascii, 0);
+        put_default(d, line);
     } else {
-        reject_line(d->ascii, 0);
-        reject_line(d->ascii, 1);
+        reject_line(d->fx, d->ascii, 0);
+        reject_line(d->fx, d->ascii, 1);
     }
 }
 
@@ -226,8 +222,9 @@ static void apply(const MailDomain *d, const char *policy, const char *value)
  * or the catch-all address is refused; a bounce text always makes a line
  * (its newlines become spaces and shell_escape quotes the rest).
  * *rejects tells whether a reject policy was applied. */
-const char *restore_nonexist_policy_checked(const MailDomain *d, MYSQL *conn, int *rejects)
+const char *restore_nonexist_policy_checked(const MailDomain *d, int *rejects)
 {
+    MYSQL *conn = d->db;
     static char reason[QMAIL_BUF_SIZE];
     char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
     char shown[VALUE_PRINTABLE_SIZE];
@@ -248,63 +245,56 @@ const char *restore_nonexist_policy_checked(const MailDomain *d, MYSQL *conn, in
     return nullptr;
 }
 
-int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *conn)
+int restore_nonexist_policy(const MailDomain *d)
 {
     char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE];
-    MailDomain d;
 
-    (void)domain_id;
-    mail_domain(domain, &d, "add_bounce: empty domain");
-    work_out(d.name, d.id, conn, policy, value);
-    apply(&d, policy, value);
+    work_out(d->name, d->id, d->db, policy, value);
+    apply(d, policy, value);
     return 0;
 }
 
-int set_reject(const char *domain, int on)
+int set_reject(const Effects *fx, const char *domain, int on)
 {
     if (domain == nullptr || *domain == '\0') {
         errno = 0;
         report(1, "set_reject: empty domain");
     }
     char *ascii = domain_ascii_valid(domain, "set_reject: empty domain");
-    reject_line(ascii, on);
+    reject_line(fx, ascii, on);
     free(ascii);
     return 0;
 }
 
-int add_reject(const char *domain)
+int add_reject(const Effects *fx, const char *domain)
 {
-    set_reject(domain, 0);
-    return set_reject(domain, 1);
+    set_reject(fx, domain, 0);
+    return set_reject(fx, domain, 1);
 }
 
-int remove_reject(const char *domain)
+int remove_reject(const Effects *fx, const char *domain)
 {
-    return set_reject(domain, 0);
+    return set_reject(fx, domain, 0);
 }
 
-int add_bounce(const char *domain, const char *line)
+int add_bounce(const MailDomain *d, const char *line)
 {
     /* A line that would break in two is refused like a bad domain name:
      * the file holds exactly one line (a carriage return is no line break
      * there, only a byte of it). */
-    if (domain == nullptr || *domain == '\0' || line == nullptr || strchr(line, '\n') != nullptr)
+    if (line == nullptr || strchr(line, '\n') != nullptr)
         value_refused("add_bounce: empty domain");
-    char *ascii = domain_ascii_valid(domain, "add_bounce: empty domain");
-    if (!popuser_known(&bounce_popuser))
-        report(1, "add_bounce: Unable to define UID or GID for user popuser");
-    put_default(ascii, bounce_popuser.uid, bounce_popuser.gid, line);
-    free(ascii);
+    put_default(d, line);
     return 0;
 }
 
-int set_bounce_message(const char *domain, const char *text)
+int set_bounce_message(const MailDomain *d, const char *text)
 {
-    set_reject(domain, 0);
-    return add_bounce(domain, bounce_line(text).c_str());
+    set_reject(d->fx, d->name, 0);
+    return add_bounce(d, bounce_line(text).c_str());
 }
 
-int set_catch_all(const char *domain, const char *address)
+int set_catch_all(const MailDomain *d, const char *address)
 {
     char line[QMAIL_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
 
@@ -316,6 +306,6 @@ int set_catch_all(const char *domain, const char *address)
         report(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
                value_printable(address, shown, sizeof(shown)), why);
     }
-    set_reject(domain, 0);
-    return add_bounce(domain, line);
+    set_reject(d->fx, d->name, 0);
+    return add_bounce(d, line);
 }

@@ -19,16 +19,22 @@
 /* The bounce text used when the domain has none of its own. */
 #define DEFAULT_BOUNCE_TEXT "This address no longer accepts mail."
 
-int restore_nonexist_policy(const char *domain, const char *domain_id, MYSQL *conn);
-/* restore_nonexist_policy_checked - the policy of domain d; null, or why
- * it was not applied; *rejects: a reject policy was */
-const char *restore_nonexist_policy_checked(const MailDomain *d, MYSQL *conn, int *rejects);
+/* restore_nonexist_policy - the policy of domain d, asked of d's
+ * connection */
+int restore_nonexist_policy(const MailDomain *d);
+/* restore_nonexist_policy_checked - the same; null, or why it was not
+ * applied; *rejects: a reject policy was */
+const char *restore_nonexist_policy_checked(const MailDomain *d, int *rejects);
 void nonexist_policy_prefetch(const char *domain_id);
-int set_reject(const char *domain, int on);
-int add_reject(const char *domain);
-int remove_reject(const char *domain);
-int add_bounce(const char *domain, const char *line);
-int set_bounce_message(const char *domain, const char *text);
-int set_catch_all(const char *domain, const char *address);
+/* set_reject, add_reject, remove_reject - the reject line of a domain or
+ * alias name, its changes through fx */
+int set_reject(const Effects *fx, const char *domain, int on);
+int add_reject(const Effects *fx, const char *domain);
+int remove_reject(const Effects *fx, const char *domain);
+/* add_bounce, set_bounce_message, set_catch_all - the one line of the
+ * .qmail-default of domain d */
+int add_bounce(const MailDomain *d, const char *line);
+int set_bounce_message(const MailDomain *d, const char *text);
+int set_catch_all(const MailDomain *d, const char *address);
 
 #endif

@@ -22,7 +22,7 @@ int add_pop3_password(const MailDomain *d, const char *mail_name, const char *pa
 
     qmail_file_path(path, sizeof(path), QMAIL_POPPASSWD_FILE);
     snprintf(ending, sizeof(ending), "/%s/%s", d->ascii, mail_name);
-    if (file_str(path, ending, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0)
+    if (file_str(d->fx, path, ending, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0)
         report(0, "Unable to remove record from popasswd file\n");
 
     /* Without a password the mailbox has no POP3 login at all. */
@@ -30,7 +30,7 @@ int add_pop3_password(const MailDomain *d, const char *mail_name, const char *pa
         snprintf(record, sizeof(record), "%s%s%s:%s%s:popuser:%s/%s/%s\n", mail_name,
                  full_names_required ? "@" : "", full_names_required ? d->ascii : "", disabled ? "!" : "",
                  password, panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name);
-        if (file_str(path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0)
+        if (file_str(d->fx, path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0)
             report(1, "Unable to add record to poppasswd file");
     }
     return 0;

@@ -15,7 +15,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-void mail_domain(const char *name, MailDomain *d, const char *message)
+void mail_domain(const Effects *fx, MYSQL *db, const char *name, MailDomain *d, const char *message)
 {
     PopuserIds ids;
 
@@ -26,6 +26,8 @@ void mail_domain(const char *name, MailDomain *d, const char *message)
         free(ascii);
         value_refused(message);
     }
+    d->fx = fx;
+    d->db = db;
     d->name = name;
     memcpy(d->ascii, ascii, strlen(ascii) + 1);
     free(ascii);
@@ -35,7 +37,7 @@ void mail_domain(const char *name, MailDomain *d, const char *message)
     }
     d->uid = ids.uid;
     d->gid = ids.gid;
-    const char *id = get_dom_id(d->ascii, nullptr);
+    const char *id = get_dom_id(d->ascii, db);
     if (id == nullptr || *id == '\0' || strlen(id) >= sizeof(d->id)) {
         errno = 0;
         report(1, "Unable to get the database ID of domain %s: its qmail records are left unchanged", name);
@@ -49,11 +51,11 @@ void qmail_file_path(char *buf, size_t size, const char *name)
     snprintf(buf, size, "%s/%s", panel_config.QMAIL_ROOT_D, name);
 }
 
-void set_shared_mode(const char *path, unsigned mode)
+void set_shared_mode(const Effects *fx, const char *path, unsigned mode)
 {
     const char *step;
 
-    file_owner_mode(path, static_cast<uid_t>(-1), static_cast<gid_t>(-1), mode, &step);
+    file_owner_mode(fx, path, static_cast<uid_t>(-1), static_cast<gid_t>(-1), mode, &step);
 }
 
 /* domain_ascii - the ASCII form of a domain name (caller frees); a name
@@ -94,32 +96,6 @@ void value_refused(const char *message)
     report_exit(1);
 }
 
-/* domain_id_required - copy the database identifier of a domain into buf.
- *
- * get_dom_id opens a connection of its own; when that connection fails it
- * warns and gives no identifier.  A record written without it would carry
- * an empty virtual-domain prefix, and a removal would look for a record
- * that was never written and miss the real one.  So every writer fetches
- * the identifier before its first edit of a qmail file and, without one,
- * stops here: nothing is written, nothing is looked for.  A domain that
- * has no row at all is already ended inside get_dom_id.  An identifier
- * too long for buf (QMAIL_ID_SIZE) is no number and is refused the same
- * way rather than cut.
- */
-void domain_id_required(const char *domain, char *buf, size_t size)
-{
-    char *ascii = domain_ascii(domain);
-    const char *id = get_dom_id(ascii, nullptr);
-    free(ascii);
-
-    if (id == nullptr || *id == '\0' || strlen(id) >= size) {
-        errno = 0;
-        report(1, "Unable to get the database ID of domain %s: "
-                  "its qmail records are left unchanged", domain);
-    }
-    memcpy(buf, id, strlen(id) + 1);
-}
-
 /* mail_name_valid - 1 when a mailbox or mail alias name may stand in a
  * directory name and a record: it begins with an ASCII letter or digit,
  * '_' or '-', and passes the rules of check_mail_name; else 0 */
@@ -135,13 +111,4 @@ int popuser_lookup(PopuserIds *ids)
     ids->uid = lookup_user_ids("popuser", 0);
     ids->gid = lookup_user_ids("popuser", 1);
     return ids->uid != 0 && ids->gid != 0;
-}
-
-/* popuser_known - the ids kept in ids, looked up only while one of them is
- * still unknown; 1 when both are known */
-int popuser_known(PopuserIds *ids)
-{
-    if (ids->uid != 0 && ids->gid != 0)
-        return 1;
-    return popuser_lookup(ids);
 }

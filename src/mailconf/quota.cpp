@@ -2,7 +2,6 @@
  * (see quota.h). */
 #include "mailconf/quota.h"
 
-#include "fs/effect.h"
 #include "fs/file_lock.h"
 #include "fs/path_at.h"
 #include "fs/replace_file.h"
@@ -92,9 +91,9 @@ int write_mbox_quota(const MailDomain *d, const char *mail_name, long kilobytes)
         return 0;
     snprintf(text, sizeof(text), "%ld\n", kilobytes);
     /* A file already as it should be is left alone, without its lock. */
-    if (ids.uid != 0 && ids.gid != 0 && file_matches(path, text, strlen(text), ids.uid, ids.gid, 0640))
+    if (ids.uid != 0 && ids.gid != 0 && file_matches(d->fx, path, text, strlen(text), ids.uid, ids.gid, 0640))
         return 1;
-    FileLock *lock = file_lock(path, 1);
+    FileLock *lock = d->fx->lock(path, 1);
     if (!file_lock_held(lock)) {
         report(0, "Error while locking file %s.\n", path);
         int failure = errno; /* the caller's message names the same cause */
@@ -102,7 +101,7 @@ int write_mbox_quota(const MailDomain *d, const char *mail_name, long kilobytes)
         errno = failure;
         return 0;
     }
-    int rc = 0, opened = path_at(path, &at) == 0;
+    int rc = 0, opened = path_at(d->fx, path, &at) == 0;
     if (!opened)
         report(0, "Unable to open file %s: %s\n", path, strerror(errno));
     else
@@ -123,13 +122,13 @@ int remove_mbox_quota(const MailDomain *d, const char *mail_name)
 
     if (quota_file_path(path, d, mail_name) != 0)
         return 0;
-    if (path_at(path, &at) != 0)
+    if (path_at(d->fx, path, &at) != 0)
         return 1;
     if (at_stat(&at, &st) != 0) {
         path_at_close(&at);
         return 1;
     }
-    FileLock *lock = file_lock(path, 1);
+    FileLock *lock = d->fx->lock(path, 1);
     if (!file_lock_held(lock)) {
         report(0, "Error while locking file %s.\n", path);
         file_unlock(lock);
@@ -138,7 +137,7 @@ int remove_mbox_quota(const MailDomain *d, const char *mail_name)
     }
     int rc = 1;
     /* Removing never follows a link: a link planted there goes itself. */
-    if (effects()->remove(&at) != 0) {
+    if (d->fx->remove(&at) != 0) {
         report(0, "System Error: can not remove quota file %s\n", path);
         rc = 0;
     }

@@ -3,7 +3,6 @@
  * and sent once when the deferral ends. */
 #include "proc/send_sig.h"
 
-#include "fs/effect.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -21,13 +20,8 @@ static struct {
 static int deferred_count;
 static int deferring;
 
-/* send_now - the signal, through the effects (see fs/effect) */
+/* send_now - the ps and kill pipeline; the raw status of system() */
 static int send_now(const char *name, int sig)
-{
-    return effects()->signal(name, sig);
-}
-
-int apply_signal(const char *name, int sig)
 {
     char cmd[CMD_BUF_SIZE];
 

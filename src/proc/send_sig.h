@@ -14,10 +14,6 @@
  * shell command unquoted: pass fixed names only. */
 int kill_by_name(const char *name, int sig);
 
-/* apply_signal - the ps and kill pipeline itself, when the signal is
- * applied (the apply table of fs/effect); kill_by_name goes through the
- * effects */
-int apply_signal(const char *name, int sig);
 
 /* kill_by_name_defer - on: kill_by_name only notes what is due and
  * returns 0; off: every noted name and signal is sent once, then calls

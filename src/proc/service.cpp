@@ -12,7 +12,7 @@
 
 #include "db/connect.h"
 #include "db/get.h"
-#include "fs/file_util.h"
+#include "fs/tree.h"
 #include "proc/exec.h"
 #include "proc/purge.h"
 #include "runtime/config.h"

@@ -6,14 +6,9 @@
 #include "fs/file_str.h"
 #include "fs/path_at.h"
 #include "fs/replace_file.h"
+#include "fs/tree.h"
 #include "proc/exec.h"
 #include "proc/send_sig.h"
-
-/* run_util - a sibling utility with its one argument */
-static int run_util(const char *name, const char *arg)
-{
-    return admin_util_exec(name, arg, nullptr);
-}
 
 const Effects APPLY_EFFECTS = {
     .make_dir = apply_make_dir,
@@ -23,10 +18,11 @@ const Effects APPLY_EFFECTS = {
     .replace_commit = apply_replace_commit,
     .edit = apply_edit,
     .remove = apply_remove,
+    .move = apply_move,
     .remove_dir = apply_remove_dir,
     .drop_leftover = replace_file_abort,
-    .lock = file_lock_exclusive,
+    .lock = file_lock,
     .missing_dir = apply_missing_dir,
-    .signal = apply_signal,
-    .run_util = run_util,
+    .signal = kill_by_name,
+    .run_util = admin_util_execv,
 };

@@ -4,7 +4,8 @@
  * owners and modes, setting aside, replacement, in-place edits, removal,
  * leftover temporaries, exclusive named locks) with the signalling of
  * processes by name and the running of the panel's sibling utilities.  The
- * command chooses it for every run that restores (see fs/effect).
+ * command chooses it for every run that restores and hands it down (see
+ * fs/effect).
  */
 #ifndef REBOX_RESTORE_APPLY_EFFECTS_H
 #define REBOX_RESTORE_APPLY_EFFECTS_H

@@ -174,6 +174,15 @@ static int check_remove(PathAt *at)
     return 0;
 }
 
+/* check_move - an object a restore would move to a deferred name: one
+ * the panel no longer has */
+static int check_move(PathAt *from, PathAt *to)
+{
+    (void)to;
+    check_note("surplus", from->path);
+    return 0;
+}
+
 /* check_remove_dir - nothing was made, so nothing is taken back */
 static int check_remove_dir(int dir, const char *name)
 {
@@ -197,10 +206,10 @@ static int check_signal(const char *name, int sig)
 }
 
 /* check_run_util - no program is run */
-static int check_run_util(const char *name, const char *arg)
+static int check_run_util(const char *name, char *const argv[])
 {
     (void)name;
-    (void)arg;
+    (void)argv;
     return 0;
 }
 
@@ -212,6 +221,7 @@ const Effects CHECK_EFFECTS = {
     .replace_commit = check_replace_commit,
     .edit = check_edit,
     .remove = check_remove,
+    .move = check_move,
     .remove_dir = check_remove_dir,
     .drop_leftover = check_drop_leftover,
     .lock = file_lock_shared,

@@ -14,8 +14,6 @@
 #include <string_view>
 #include <vector>
 
-int check_run = 0;
-
 /* Whether anything was reported. */
 static int found;
 

@@ -8,17 +8,13 @@
  * of another kind), or has another owner, mode or content (check_note,
  * check_owner_mode).  check_found() tells whether anything was reported.
  * The check table of effects (check_effects) and the pass report through
- * it; check_run tells the command's modules that the run is a check.
+ * it.
  */
 #ifndef REBOX_RESTORE_CHECK_REPORT_H
 #define REBOX_RESTORE_CHECK_REPORT_H
 
 #include <stddef.h>
 #include <sys/types.h>
-
-/* check_run - 1 for a check run: compare, never change (the command's
- * own; the layers below only see the table of effects) */
-extern int check_run;
 
 /* check_note - the line "<what> <path>" */
 void check_note(const char *what, const char *path);

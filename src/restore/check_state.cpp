@@ -2,6 +2,7 @@
 #include "restore/check_state.h"
 
 #include "fs/path_at.h"
+#include "restore/check_effects.h"
 #include "restore/check_report.h"
 #include "runtime/config.h"
 
@@ -23,12 +24,14 @@ static const size_t LINE_SIZE = 4096;
 static std::set<std::string> seen_domains, seen_mailboxes;
 static std::unordered_map<std::string, std::string> disk_hashes;
 
+/* Whether the run is a check (check_state_begin was called). */
+static int checking;
+
 void check_state_begin(void)
 {
     char path[LINE_SIZE], line[LINE_SIZE];
 
-    if (!check_run)
-        return;
+    checking = 1;
     /* "name:[!]hash:popuser:home" lines */
     snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/users/poppasswd");
     FILE *f = fopen(path, "r");
@@ -53,7 +56,7 @@ const char *check_known_hash(const char *ascii, const char *mail_name, const cha
     static struct crypt_data data;
     char home[LINE_SIZE];
 
-    if (!check_run || plain == nullptr)
+    if (!checking || plain == nullptr)
         return hash;
     snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
     auto known = disk_hashes.find(home);
@@ -65,7 +68,7 @@ const char *check_known_hash(const char *ascii, const char *mail_name, const cha
 
 void check_seen_mailbox(const char *mail_name)
 {
-    if (check_run)
+    if (checking)
         seen_mailboxes.insert(mail_name);
 }
 
@@ -75,7 +78,7 @@ void check_seen_mailbox(const char *mail_name)
 static void note_surplus(const char *dir, const std::set<std::string> &seen)
 {
     std::set<std::string> surplus;
-    DIR *d = path_opendir(dir);
+    DIR *d = path_opendir(&CHECK_EFFECTS, dir);
     struct stat st;
 
     for (struct dirent *e; d != nullptr && (e = readdir(d)) != nullptr;) {
@@ -96,7 +99,7 @@ void check_domain_done(const char *ascii)
 {
     char dir[LINE_SIZE];
 
-    if (!check_run)
+    if (!checking)
         return;
     snprintf(dir, sizeof(dir), "%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii);
     note_surplus(dir, seen_mailboxes);
@@ -106,6 +109,6 @@ void check_domain_done(const char *ascii)
 
 void check_pass_done(void)
 {
-    if (check_run)
+    if (checking)
         note_surplus(panel_config.QMAIL_MAILNAMES_D, seen_domains);
 }

@@ -4,14 +4,15 @@
  * on disk in users/poppasswd, so that the run's new salt does not count as
  * a change (check_known_hash), and notes the domains and mailboxes the
  * panel has, to report each directory on disk that names none of them as
- * surplus (check_seen_mailbox, check_domain_done, check_pass_done).  In a
- * run that restores, every call does nothing and check_known_hash gives
- * the hash it was handed.
+ * surplus (check_seen_mailbox, check_domain_done, check_pass_done).  Only
+ * a run that called check_state_begin is a check: in any other, every
+ * call does nothing and check_known_hash gives the hash it was handed.
  */
 #ifndef REBOX_RESTORE_CHECK_STATE_H
 #define REBOX_RESTORE_CHECK_STATE_H
 
-/* check_state_begin - read users/poppasswd's hashes from the disk */
+/* check_state_begin - the run is a check: users/poppasswd's hashes read
+ * from the disk */
 void check_state_begin(void);
 
 /* check_known_hash - the hash on disk of a mailbox's plain password when

@@ -20,6 +20,7 @@
 #include "restore/apply_effects.h"
 #include "restore/check_effects.h"
 #include "restore/check_report.h"
+#include "restore/check_state.h"
 #include "restore/finish.h"
 #include "restore/rebuild.h"
 #include "runtime/config.h"
@@ -81,6 +82,7 @@ int rebox_main(int argc, char **argv)
 {
     int with_spam = 0;
     int spam_only = 0;
+    int check = 0;
     struct timespec start, end;
 
     report_progname = argv[0];
@@ -89,14 +91,15 @@ int rebox_main(int argc, char **argv)
         report(1, "Unable to set UID or GID: %s\n", strerror(errno));
     if (argc != 2 && argc != 3)
         usage();
-    const char *mode = parse_mode(argv[1], &with_spam, &spam_only, &check_run);
+    const char *mode = parse_mode(argv[1], &with_spam, &spam_only, &check);
     if (mode == nullptr)
         usage();
-    /* The one place that chooses: every layer below changes the system
-     * through this table, or only reports what it would change; a check
-     * run's standard output carries its report alone. */
-    effects_use(check_run ? &CHECK_EFFECTS : &APPLY_EFFECTS);
-    if (check_run)
+    /* The one place that chooses: the passes are handed this table, and
+     * every layer below changes the system through it, or only reports
+     * what it would change; a check run's standard output carries its
+     * report alone. */
+    const Effects *fx = check ? &CHECK_EFFECTS : &APPLY_EFFECTS;
+    if (check)
         report_stdout(0);
     if (argc == 3) {
         if (strcmp(argv[2], "daemon-mode") != 0 && strcmp(argv[2], "--daemon-mode") != 0)
@@ -108,12 +111,14 @@ int rebox_main(int argc, char **argv)
     }
     load_panel_config();
     clock_gettime(CLOCK_MONOTONIC, &start);
+    if (check)
+        check_state_begin();
     if (!spam_only)
-        rebuild_mail_configuration();
+        rebuild_mail_configuration(fx);
     if (with_spam && is_component_installed("vdo-spamassassin"))
-        restore_spam_settings();
+        restore_spam_settings(fx);
     int status = 0;
-    if (check_run) {
+    if (check) {
         status = check_found() ? 2 : 0;
     } else if (!spam_only) {
         int newu = run_qmail_newu();
@@ -121,7 +126,8 @@ int rebox_main(int argc, char **argv)
         status = newu | restart;
     }
     clock_gettime(CLOCK_MONOTONIC, &end);
-    rebuild_log_summary(static_cast<double>(end.tv_sec - start.tv_sec)
+    rebuild_log_summary(check ? "checked" : "restored",
+                        static_cast<double>(end.tv_sec - start.tv_sec)
                         + static_cast<double>(end.tv_nsec - start.tv_nsec) / 1e9);
     report_syslog_finish(status & 0xff);
     return status;

@@ -3,7 +3,6 @@
 
 #include "fs/replace_file.h"
 #include "proc/service.h"
-#include "restore/check_report.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -18,12 +17,12 @@ void run_count(RunCount what)
     counts[what]++;
 }
 
-void rebuild_log_summary(double seconds)
+void rebuild_log_summary(const char *done, double seconds)
 {
     report_syslog_info("summary: %u domains, %u mailboxes and %u aliases %s, %u rows skipped, "
                        "%lu files replaced, %.1f seconds",
                        counts[RUN_DOMAINS], counts[RUN_MAILBOXES], counts[RUN_ALIASES],
-                       check_run ? "checked" : "restored", counts[RUN_SKIPPED], replace_count(), seconds);
+                       done, counts[RUN_SKIPPED], replace_count(), seconds);
 }
 
 int run_qmail_newu(void)

@@ -12,7 +12,8 @@
 enum RunCount { RUN_DOMAINS, RUN_MAILBOXES, RUN_ALIASES, RUN_SKIPPED, RUN_COUNTS };
 
 void run_count(RunCount what);
-void rebuild_log_summary(double seconds);
+/* rebuild_log_summary - done: "restored", or "checked" */
+void rebuild_log_summary(const char *done, double seconds);
 int run_qmail_newu(void);
 int restart_qmail(int really);
 

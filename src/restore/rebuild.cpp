@@ -103,7 +103,7 @@ static MYSQL_RES *run_query(MYSQL *conn, const char *query, const char *failure)
 
 /* prepare_mailnames_dir - the mailbox root made when missing, owned by
  * root:gid with mode 0755 (each set only where it differs), and entered */
-static void prepare_mailnames_dir(unsigned gid)
+static void prepare_mailnames_dir(const Effects *fx, unsigned gid)
 {
     const char *dir = panel_config.QMAIL_MAILNAMES_D;
     const char *step = "chown";
@@ -113,7 +113,7 @@ static void prepare_mailnames_dir(unsigned gid)
 
     if (stat(dir, &st) != 0 && errno != ENOENT)
         report(1, "ERROR: Unable to stat for mailnames dir: %s", strerror(errno));
-    if (path_at(dir, &at) == 0) {
+    if (path_at(fx, dir, &at) == 0) {
         fd = at_dir(&at, 0755, nullptr);
         int err = errno;
         path_at_close(&at);
@@ -121,7 +121,7 @@ static void prepare_mailnames_dir(unsigned gid)
     }
     if (fd < 0)
         report(1, "ERROR: Unable to mkdir for mailnames dir: %s", strerror(errno));
-    if (fd_owner_mode(fd, dir, 0, gid, 0755, &step) != 0) {
+    if (fd_owner_mode(fx, fd, dir, 0, gid, 0755, &step) != 0) {
         if (strcmp(step, "chmod") == 0)
             report(1, "ERROR: Unable to chmod for mailnames dir: %s", strerror(errno));
         report(1, "ERROR: Unable to chown for mailnames dir: %s", strerror(errno));
@@ -135,8 +135,8 @@ static void prepare_mailnames_dir(unsigned gid)
 /* restore_mailbox - row number i of a domain's mailbox list, all its
  * records; its delivery file is held in memory from add_mailbox to the
  * end */
-static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW row, size_t i, const MailDomain *d,
-                            int disabled, int full_names_required)
+static void restore_mailbox(MYSQL_RES *rows, MYSQL_ROW row, size_t i, const MailDomain *d, int disabled,
+                            int full_names_required)
 {
     const char *domain = d->name;
     char qmail[PANEL_QUERY_SIZE], query[PANEL_QUERY_SIZE];
@@ -147,7 +147,7 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW row, size_t 
         return;
     }
     snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, d->ascii, m.mail_name);
-    if (held_file_take_rebuilt(qmail) != 0)
+    if (held_file_take_rebuilt(d->fx, qmail) != 0)
         report(1, "Unable to lock %s for the rebuild", qmail);
     /* A mailbox whose directories are in the way of a foreign object keeps
      * its records but none of its files on disk changes. */
@@ -162,7 +162,7 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW row, size_t 
     if (m.redirect)
         add_forward(d, m.mail_name, m.redir_addr, m.redir_addr_rule);
     if (m.mail_group) {
-        MYSQL_RES *res = run_query(conn, mailgroup_query(m.id, query),
+        MYSQL_RES *res = run_query(d->db, mailgroup_query(m.id, query),
                                    "Unable to query mailgroup members: %s");
         while (MYSQL_ROW r = mysql_fetch_row(res))
             add_forward(d, m.mail_name, r[0], value_rule(res, r, check_address));
@@ -172,7 +172,7 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW row, size_t 
         add_autoresponder(d, m.mail_name);
     if (!tree_skipped)
         apply_quota(d, m.mail_name, m.mbox_quota);
-    MYSQL_RES *res = run_query(conn, mail_aliases_query(m.id, query), "Unable to query alias for mail: %s");
+    MYSQL_RES *res = run_query(d->db, mail_aliases_query(m.id, query), "Unable to query alias for mail: %s");
     while (MYSQL_ROW r = mysql_fetch_row(res)) {
         if (const char *why = value_rule(res, r, check_mail_name))
             skip_row("mail alias", r[0], m.mail_name, domain, why);
@@ -196,7 +196,7 @@ static void restore_mailbox(MYSQL *conn, MYSQL_RES *rows, MYSQL_ROW row, size_t 
 
 /* restore_domain - domain row number k: domain, policy, quota, aliases,
  * mailboxes */
-static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW row, size_t k,
+static void restore_domain(const Effects *fx, MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW row, size_t k,
                            int full_names_required)
 {
     char query[PANEL_QUERY_SIZE];
@@ -208,7 +208,7 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW row, size_
         return;
     }
     /* What every writer needs of the domain, worked out once. */
-    mail_domain(d.name, &md, "empty domain");
+    mail_domain(fx, conn, d.name, &md, "empty domain");
     /* A domain whose directory is root's link that cannot be followed
      * keeps its records; its files on disk stay as they are. */
     int dir_skipped = add_mail_domain(&md, d.disabled) != 0;
@@ -224,7 +224,7 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW row, size_
     read_ahead_domain(domains, mailboxes, k);
 
     int reject_aliases;
-    const char *policy_refused = restore_nonexist_policy_checked(&md, conn, &reject_aliases);
+    const char *policy_refused = restore_nonexist_policy_checked(&md, &reject_aliases);
     if (policy_refused != nullptr)
         skip_row("unknown-recipient policy", nullptr, nullptr, d.name, policy_refused);
     if (!dir_skipped)
@@ -238,25 +238,24 @@ static void restore_domain(MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW row, size_
         add_domain_alias(&md, a[0]);
         run_count(RUN_ALIASES);
         if (reject_aliases)
-            add_reject(a[0]);
+            add_reject(fx, a[0]);
     }
     mysql_free_result(aliases);
 
     for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(mailboxes); i++)
-        restore_mailbox(conn, mailboxes, m, i, &md, d.disabled, full_names_required);
+        restore_mailbox(mailboxes, m, i, &md, d.disabled, full_names_required);
     mysql_free_result(mailboxes);
     check_domain_done(md.ascii);
 }
 
-void rebuild_mail_configuration(void)
+void rebuild_mail_configuration(const Effects *fx)
 {
     unsigned gid = lookup_user_ids("qmails", 1);
 
     if (chdir(panel_config.QMAIL_ROOT_D) != 0)
         report(1, "ERROR: Unable to chdir to qmail dir: %s", strerror(errno));
-    check_state_begin();
-    shared_files_take();
-    prepare_mailnames_dir(gid);
+    shared_files_take(fx);
+    prepare_mailnames_dir(fx, gid);
 
     MYSQL *conn = panel_db_open();
     if (conn == nullptr)
@@ -268,7 +267,6 @@ void rebuild_mail_configuration(void)
      * shared files are written only at the end, so such a run leaves them
      * as they were.  "No such row" keeps its meaning. */
     get_refusals_fatal(1);
-    get_dom_id_share(conn);
     MYSQL *ahead = panel_db_open();
     if (ahead == nullptr)
         report(1, "Unable to connect to the mysql database");
@@ -278,17 +276,16 @@ void rebuild_mail_configuration(void)
     MYSQL_RES *domains = run_query(conn, DOMAINS_QUERY, "Unable to query domains: %s");
     read_ahead_start(domains);
     for (size_t k = 0; MYSQL_ROW d = mysql_fetch_row(domains); k++)
-        restore_domain(conn, domains, d, k, full_names_required);
+        restore_domain(fx, conn, domains, d, k, full_names_required);
     read_ahead_stop();
     mysql_free_result(domains);
     pipeline_close();
     mysql_close(ahead);
 
     if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
-        restore_antivirus_settings(conn);
+        restore_antivirus_settings(fx, conn);
     check_pass_done();
     shared_files_commit();
     get_refusals_fatal(0);
-    get_dom_id_share(nullptr);
     mysql_close(conn);
 }

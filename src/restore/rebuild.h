@@ -8,9 +8,12 @@
 #ifndef REBOX_RESTORE_REBUILD_H
 #define REBOX_RESTORE_REBUILD_H
 
+#include "fs/effect.h"
+
 #include <mysql.h>
 
-void rebuild_mail_configuration(void);
+/* rebuild_mail_configuration - the pass, every change through fx */
+void rebuild_mail_configuration(const Effects *fx);
 int short_pop3_names_allowed(MYSQL *conn);
 
 #endif

@@ -17,13 +17,13 @@ static const char *const SHARED_FILES[] = {
     "/control/rejectnonexist",
 };
 
-void shared_files_take(void)
+void shared_files_take(const Effects *fx)
 {
     char path[4096];
 
     for (const char *name : SHARED_FILES) {
         snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, name);
-        if (held_file_take(path, 1) != 0)
+        if (held_file_take(fx, path, 1) != 0)
             report(1, "Unable to lock %s for the rebuild", path);
     }
     for (const char *name : SHARED_FILES) {

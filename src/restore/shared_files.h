@@ -15,7 +15,11 @@
 #ifndef REBOX_RESTORE_SHARED_FILES_H
 #define REBOX_RESTORE_SHARED_FILES_H
 
-void shared_files_take(void);
+#include "fs/effect.h"
+
+/* shared_files_take - the five files held, their locks, leftovers and
+ * replacements through fx */
+void shared_files_take(const Effects *fx);
 void shared_files_commit(void);
 
 #endif

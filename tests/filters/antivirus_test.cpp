@@ -2,6 +2,7 @@
 #include "filters/antivirus.h"
 
 #include "db/connect.h"
+#include "restore/apply_effects.h"
 #include "runtime/config.h"
 #include "support/rebox_run.h"
 #include "support/snapshot.h"
@@ -32,7 +33,7 @@ struct AntivirusTest : ::testing::Test {
     {
         MYSQL *conn = panel_db_open();
         ASSERT_NE(conn, nullptr);
-        restore_antivirus_settings(conn);
+        restore_antivirus_settings(&APPLY_EFFECTS, conn);
         mysql_close(conn);
     }
 };

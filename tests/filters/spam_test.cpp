@@ -1,6 +1,7 @@
 /* Tests of the spam-filter pass: spamctl command lines built from the test
  * database, compared whole (the stand-in records argv[1] on). */
 #include "filters/spam.h"
+#include "restore/apply_effects.h"
 
 #include "runtime/config.h"
 #include "support/rebox_run.h"
@@ -36,22 +37,22 @@ struct SpamTest : ::testing::Test {
 
 TEST_F(SpamTest, ServerWideRecord)
 {
-    EXPECT_EQ(apply_server_spam_settings(nullptr), 0);
+    EXPECT_EQ(apply_server_spam_settings(&APPLY_EFFECTS, nullptr), 0);
     EXPECT_EQ(calls(), Calls{});
     testdb_exec("INSERT INTO spamfilter (id, username) VALUES (1, '*@*');"
                 "INSERT INTO spamfilter_preferences (spamfilter_id, preference, value) VALUES"
                 " (1, 'required_score', '7'), (1, 'required_score', '3');"
                 "INSERT INTO misc (param, val) VALUES ('spamfilter_enabled', 'true'),"
                 " ('spamfilter_use_mailuser_prefs', 'false')");
-    EXPECT_EQ(apply_server_spam_settings(nullptr), 0);
+    EXPECT_EQ(apply_server_spam_settings(&APPLY_EFFECTS, nullptr), 0);
     testdb_exec("UPDATE misc SET val='true' WHERE param='spamfilter_use_mailuser_prefs';"
                 "INSERT INTO misc (param, val) VALUES ('spamfilter_max_children', '12')");
-    EXPECT_EQ(apply_server_spam_settings(nullptr), 0);
+    EXPECT_EQ(apply_server_spam_settings(&APPLY_EFFECTS, nullptr), 0);
     /* An empty score would leave --sensitivity without a value: both go. */
     testdb_exec("UPDATE misc SET val='false' WHERE param='spamfilter_enabled';"
                 "UPDATE misc SET val='abc' WHERE param='spamfilter_max_children';"
                 "UPDATE spamfilter_preferences SET value='' WHERE value='7'");
-    EXPECT_EQ(apply_server_spam_settings(nullptr), 0);
+    EXPECT_EQ(apply_server_spam_settings(&APPLY_EFFECTS, nullptr), 0);
     EXPECT_EQ(calls(), (Calls{{"start", "--enable-server-configs", "--max-children", "5", "--sensitivity", "7"},
                               {"start", "--enable-server-configs", "--enable-user-configs", "--max-children", "12",
                                "--sensitivity", "7"},
@@ -73,9 +74,9 @@ TEST_F(SpamTest, MailboxSwitchHeaderAndLists)
                 " (3, 'rewrite_header', 'From: spam'), (4, 'required_score', '4.5')");
     const char *mailboxes[] = {"on", "off", "unset", "norow", ""};
     for (const char *m : mailboxes)
-        EXPECT_EQ(apply_mailbox_spam_settings(m, "example.com", nullptr), *m ? 0 : -1) << m;
-    EXPECT_EQ(apply_spam_settings("ghost@example.com", nullptr), 0);
-    EXPECT_EQ(apply_mailbox_spam_settings("on", nullptr, nullptr), -1);
+        EXPECT_EQ(apply_mailbox_spam_settings(&APPLY_EFFECTS, m, "example.com", nullptr), *m ? 0 : -1) << m;
+    EXPECT_EQ(apply_spam_settings(&APPLY_EFFECTS, "ghost@example.com", nullptr), 0);
+    EXPECT_EQ(apply_mailbox_spam_settings(&APPLY_EFFECTS, "on", nullptr, nullptr), -1);
     EXPECT_EQ(calls(), (Calls{{"--mailname", "on@example.com", "--enable-mailname", "--action", "delete",
                                "--not-modify-header", "--add-to-blacklist", "b@x.org", "--add-to-unwhitelist",
                                "u@x.org", "--add-to-whitelist", "w@x.org"},
@@ -109,21 +110,21 @@ TEST_F(SpamTest, WholePassSplitsLongListsIntoWholePairs)
         run.push_back("--add-to-whitelist");
         run.push_back("w" + std::to_string(i) + "@x.org");
     }
-    restore_spam_settings();
+    restore_spam_settings(&APPLY_EFFECTS);
     const Calls pass = {{"start", "--max-children", "5"}, first, second};
     EXPECT_EQ(calls(), pass);
 
     /* A failed run ends the record: the second batch is not sent. */
     ASSERT_NO_FATAL_FAILURE(write_recording_stub(spamctl, 3));
-    EXPECT_EQ(apply_mailbox_spam_settings("box", "example.com", nullptr), -1);
+    EXPECT_EQ(apply_mailbox_spam_settings(&APPLY_EFFECTS, "box", "example.com", nullptr), -1);
     EXPECT_EQ(calls().size(), 4u);
     EXPECT_EQ(calls().back(), first);
 
     /* Without the utility in admin/sbin, or marked not installed, nothing runs. */
     ASSERT_EQ(unlink(sandbox_path("vdo/admin/sbin/spamctl").c_str()), 0);
-    EXPECT_EQ(apply_server_spam_settings(nullptr), -1);
+    EXPECT_EQ(apply_server_spam_settings(&APPLY_EFFECTS, nullptr), -1);
     testdb_exec("UPDATE Components SET version='not_installed'");
-    EXPECT_EQ(apply_server_spam_settings(nullptr), 0);
-    restore_spam_settings();
+    EXPECT_EQ(apply_server_spam_settings(&APPLY_EFFECTS, nullptr), 0);
+    restore_spam_settings(&APPLY_EFFECTS);
     EXPECT_EQ(calls().size(), 4u);
 }

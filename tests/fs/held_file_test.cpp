@@ -3,6 +3,7 @@
  * empty file, a missing one), nothing reaches the disk before the release,
  * and a path that is a directory fails the edit as on disk. */
 #include "fs/file_str.h"
+#include "restore/apply_effects.h"
 #include "fs/held_file.h"
 #include "runtime/config.h"
 
@@ -40,13 +41,13 @@ TEST(HeldFile, EndsAsTheSameEditsOnDiskLeaveIt)
                 write_file(held, c.before);
                 write_file(twin, c.before);
             }
-            ASSERT_EQ(held_file_take(held.c_str(), in_place), 0);
+            ASSERT_EQ(held_file_take(&APPLY_EFFECTS, held.c_str(), in_place), 0);
             for (const std::string &p : {held, twin}) {
                 if (c.remove != nullptr) {
-                    EXPECT_EQ(file_str(p.c_str(), c.remove, FILE_STR_REMOVE, 1), 0);
+                    EXPECT_EQ(file_str(&APPLY_EFFECTS, p.c_str(), c.remove, FILE_STR_REMOVE, 1), 0);
                 }
                 if (c.add != nullptr) {
-                    EXPECT_EQ(file_str(p.c_str(), c.add, FILE_STR_ADD, FILE_STR_AT_END), 0);
+                    EXPECT_EQ(file_str(&APPLY_EFFECTS, p.c_str(), c.add, FILE_STR_ADD, FILE_STR_AT_END), 0);
                 }
             }
             EXPECT_EQ(access(held.c_str(), F_OK) == 0 ? read_file(held) : "(missing)",
@@ -58,9 +59,9 @@ TEST(HeldFile, EndsAsTheSameEditsOnDiskLeaveIt)
 
     std::string dir = sandbox_path("qmail/held-dir");
     ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
-    ASSERT_EQ(held_file_take(dir.c_str(), 1), 0);
+    ASSERT_EQ(held_file_take(&APPLY_EFFECTS, dir.c_str(), 1), 0);
     int rc = 0;
-    EXPECT_TRUE(has(stderr_of([&] { rc = file_str(dir.c_str(), "x", FILE_STR_ADD, FILE_STR_AT_END); }),
+    EXPECT_TRUE(has(stderr_of([&] { rc = file_str(&APPLY_EFFECTS, dir.c_str(), "x", FILE_STR_ADD, FILE_STR_AT_END); }),
                     "Unable to read file"));
     EXPECT_EQ(rc, 1);
     EXPECT_EQ(held_file_release(dir.c_str()), 0);

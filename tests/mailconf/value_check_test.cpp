@@ -1,6 +1,7 @@
 /* Tests of the rules for panel values and of bounce texts in the shell. */
 #include "mailconf/nonexist_policy.h"
 #include "mailconf/value_check.h"
+#include "restore/apply_effects.h"
 #include "runtime/config.h"
 #include "support/sandbox.h"
 #include "support/snapshot.h"
@@ -62,11 +63,14 @@ TEST(ValueCheck, BounceTextsRunOnlyBouncesaying)
     mkdir(bin.c_str(), 0755);
     mkdir(scratch.c_str(), 0755);
     write_recording_stub(bin + "/bouncesaying", 0);
+    PopuserIds ids;
+    ASSERT_TRUE(popuser_lookup(&ids));
+    MailDomain d = {&APPLY_EFFECTS, nullptr, "example.com", "example.com", "1", ids.uid, ids.gid};
     for (std::string text : {"$(touch pwned)", "`touch pwned`", "x; touch pwned", "x | touch pwned",
                              "x && touch pwned", "x > pwned", "' ; touch pwned ; '", "\" ; touch pwned \"",
                              "x\ntouch pwned", "x\r\ntouch pwned", "x\\\ntouch pwned", "$HOME ${IFS} $((1+1))",
                              "* ? [a-z] ~ {a,b} !x a=b", " lead\ttab # not a comment", "ü\x01\x7f%", "typed\r"}) {
-        set_bounce_message("example.com", text.c_str());
+        set_bounce_message(&d, text.c_str());
         std::string line = read_file(sandbox_path("qmail/mailnames/example.com/.qmail-default"));
         ASSERT_EQ(line.find('\n'), line.size() - 1) << text;
         ASSERT_EQ(line.rfind("|bouncesaying ", 0), 0u) << line;

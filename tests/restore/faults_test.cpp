@@ -5,6 +5,7 @@
  * pass that could not write everything ends with status 1 and leaves
  * qmail-newu and the restart alone. */
 #include "fs/file_str.h"
+#include "restore/apply_effects.h"
 #include "runtime/config.h"
 #include "support/rebox_run.h"
 #include "support/snapshot.h"
@@ -138,7 +139,7 @@ std::vector<std::string> editor(int p, const char *path, int *failures)
         if (kind < 4 || live.empty()) {
             int mode = kind == 0 ? FILE_STR_AT_BEGIN : FILE_STR_AT_END;
             if (path)
-                *failures += file_str(path, line.c_str(), FILE_STR_ADD, mode) != 0;
+                *failures += file_str(&APPLY_EFFECTS, path, line.c_str(), FILE_STR_ADD, mode) != 0;
             live.push_back(line);
             continue;
         }
@@ -146,9 +147,9 @@ std::vector<std::string> editor(int p, const char *path, int *failures)
         line = live[k];
         live.erase(live.begin() + k);
         if (path && kind < 7)
-            *failures += file_str(path, line.c_str(), FILE_STR_REMOVE, 1) != 0;
+            *failures += file_str(&APPLY_EFFECTS, path, line.c_str(), FILE_STR_REMOVE, 1) != 0;
         else if (path)
-            *failures += file_str(path, line.substr(2).c_str(), FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0;
+            *failures += file_str(&APPLY_EFFECTS, path, line.substr(2).c_str(), FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0;
     }
     return live;
 }
