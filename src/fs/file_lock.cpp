@@ -1,8 +1,7 @@
 /* file_lock - named advisory locks on lock files under the product root.
  *
- * Offers file_lock_open() and its blocking and non-blocking forms, the
- * held/busy tests, file_unlock(), the lock file path of a data file, and
- * md5_hex()/md5_hex_digest() which name the lock files.
+ * Offers a writer's and a reader's waiting lock, the held test,
+ * file_unlock(), and md5_hex() which names the lock files.
  */
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "fs/file_lock.h"
@@ -26,7 +25,9 @@ static const mode_t LOCK_FILE_MODE = 0644;
 /* Result buffer of md5_hex() and md5_hex_digest(). */
 static char md5_hex_buf[2 * MD5_DIGEST_LENGTH + 1];
 
-const char *md5_hex_digest(const unsigned char *digest)
+/* md5_hex_digest - a digest in lower-case hexadecimal, in the result
+ * buffer */
+static const char *md5_hex_digest(const unsigned char *digest)
 {
     for (int i = 0; i < MD5_DIGEST_LENGTH; i++)
         snprintf(md5_hex_buf + 2 * i, 3, "%02x", digest[i]);
@@ -67,17 +68,11 @@ static char *build_lock_path(const char *path, short hashed)
     return xasprintf("%s/var/lock/files/%s", root, md5_hex("", path));
 }
 
-/* file_lock_path - the hashed lock file path of a data file, newly
- * allocated; null when PRODUCT_ROOT_D is not configured */
-char *file_lock_path(const char *path)
-{
-    return build_lock_path(path, 1);
-}
-
-/* off_descriptor_zero - descriptor 0 means "busy" in a handle, so a lock
- * file must never keep it: one that got 0 (standard input was closed)
- * moves to another descriptor, and /dev/null takes 0 for the rest of the
- * process.  Checked after the open, so that the usual case costs nothing. */
+/* off_descriptor_zero - a handle holds its lock only on a descriptor
+ * above 0, so a lock file must never keep 0: one that got it (standard
+ * input was closed) moves to another descriptor, and /dev/null takes 0 for
+ * the rest of the process.  Checked after the open, so that the usual case
+ * costs nothing. */
 static int off_descriptor_zero(int fd)
 {
     if (fd != 0)
@@ -95,7 +90,9 @@ static int off_descriptor_zero(int fd)
     return moved;
 }
 
-FileLock *file_lock_open(const char *path, int open_flags, int operation, short hashed)
+/* file_lock_open - a handle for path's lock file, opened with open_flags
+ * and locked with the flock operation */
+static FileLock *file_lock_open(const char *path, int open_flags, int operation, short hashed)
 {
     FileLock *lock = static_cast<FileLock *>(calloc(1, sizeof(FileLock)));
 
@@ -119,7 +116,7 @@ FileLock *file_lock_open(const char *path, int open_flags, int operation, short 
     if (flock(lock->fd, operation) != 0) {
         int err = errno;
         close(lock->fd);
-        lock->fd = (err == EWOULDBLOCK) ? 0 : -1;
+        lock->fd = -1;
         errno = err;
     }
     return lock;
@@ -146,19 +143,9 @@ FileLock *file_lock_shared(const char *path, short hashed)
     return lock;
 }
 
-FileLock *file_trylock(const char *path, short hashed)
-{
-    return file_lock_open(path, O_RDWR | O_CREAT | O_TRUNC, LOCK_EX | LOCK_NB, hashed);
-}
-
 int file_lock_held(const FileLock *lock)
 {
     return lock && lock->fd > 0;
-}
-
-int file_lock_busy(const FileLock *lock)
-{
-    return !lock || lock->fd == 0;
 }
 
 int file_unlock(FileLock *lock)

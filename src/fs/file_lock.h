@@ -4,36 +4,31 @@
  * separate, always empty lock file.  With the hashed-name flag set the lock
  * file is PRODUCT_ROOT_D/var/lock/files/<md5 of the path as spelled>, so
  * every program that derives the name the same way shares the lock.
- * Offers the FileLock handle, taking a lock (waiting or not), testing it,
- * releasing it, the lock file name of a path, and the hex MD5 helpers.
+ * Offers the FileLock handle, taking a lock (a writer's or a reader's),
+ * testing it, releasing it, and the hex MD5 the lock files are named by.
  */
 #ifndef REBOX_FS_FILE_LOCK_H
 #define REBOX_FS_FILE_LOCK_H
 
-/* FileLock - a lock handle.  fd > 0: held; 0: busy (held elsewhere, seen
- * by a non-waiting attempt); < 0: the lock file could not be opened or
- * locked.  path is the lock file's path, kept for messages. */
+/* FileLock - a lock handle.  fd > 0: held; otherwise the lock file could
+ * not be opened or locked.  path is the lock file's path, kept for
+ * messages. */
 struct FileLock {
     int fd;
     char *path;
 };
 
-FileLock *file_lock_open(const char *path, int open_flags, int operation, short hashed);
 /* file_lock - the waiting exclusive lock of a writer, the lock file made
  * when missing; file_lock_shared - a reader's waiting lock, none where no
  * lock file exists (none is made).  A run takes its locks through the
  * effects it was handed (fs/effect), which choose one of the two. */
 FileLock *file_lock(const char *path, short hashed);
 FileLock *file_lock_shared(const char *path, short hashed);
-FileLock *file_trylock(const char *path, short hashed);
 int file_lock_held(const FileLock *lock);
-int file_lock_busy(const FileLock *lock);
 int file_unlock(FileLock *lock);
 /* file_lock_dispose - same as file_unlock; used for handles whose lock
  * was not obtained */
 int file_lock_dispose(FileLock *lock);
-char *file_lock_path(const char *path);
 const char *md5_hex(const char *prefix, const char *text);
-const char *md5_hex_digest(const unsigned char *digest);
 
 #endif

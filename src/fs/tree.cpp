@@ -19,7 +19,7 @@ static const char HDV1_MARKER[] = "/dev/hdv1";
 /* Cached answer of hdv1_marker_present(): -1 until first asked. */
 static int hdv1_cached = -1;
 
-void remove_tree(const Effects *fx, const char *path, int top)
+void remove_tree(const Effects *fx, const char *path)
 {
     PathAt at;
 
@@ -28,9 +28,7 @@ void remove_tree(const Effects *fx, const char *path, int top)
             return;
         report(1, "Unable to get entry %s: %s\n", path, strerror(errno));
     }
-    /* The whole path goes through the effects; emptying a directory that
-     * stays is this library's own, and no run asks for it. */
-    if ((top ? fx->remove(&at) : remove_tree_at(at.dir, at.name, 0)) != 0)
+    if (fx->remove(&at) != 0)
         report(1, "Unable to remove dir %s: %s\n", path, strerror(errno));
     path_at_close(&at);
 }

@@ -15,9 +15,9 @@
 
 #include "fs/effect.h"
 
-/* remove_tree - delete path through fx; with top 0 a directory is emptied
- * but kept.  A missing path is no failure; any other ends the process */
-void remove_tree(const Effects *fx, const char *path, int top);
+/* remove_tree - delete path, a directory with everything in it, through
+ * fx.  A missing path is no failure; any other ends the process */
+void remove_tree(const Effects *fx, const char *path);
 
 /* deferred_remove - move dir through fx to a fresh "__deleted" name in its
  * base directory; ends the process on failure */

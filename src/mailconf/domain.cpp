@@ -125,7 +125,7 @@ static void remove_domain_dir(const Effects *fx, const char *dir)
         if (path_stat(fx, dir, &st) == 0)
             deferred_remove(fx, dir);
     } else {
-        remove_tree(fx, dir, 1);
+        remove_tree(fx, dir);
     }
 }
 

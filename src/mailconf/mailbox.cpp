@@ -252,6 +252,6 @@ int remove_mailbox(const MailDomain *d, const char *mail_name)
     set_shared_mode(d->fx, path, 0600);
 
     snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name);
-    remove_tree(d->fx, home, 1);
+    remove_tree(d->fx, home);
     return 0;
 }

@@ -254,13 +254,21 @@ int restore_nonexist_policy(const MailDomain *d)
     return 0;
 }
 
-int set_reject(const Effects *fx, const char *domain, int on)
+/* reject_ascii - the ASCII form of a domain or alias name for its reject
+ * line (caller frees); an empty or refused name ends the process */
+static char *reject_ascii(const char *domain)
 {
     if (domain == nullptr || *domain == '\0') {
         errno = 0;
         report(1, "set_reject: empty domain");
     }
-    char *ascii = domain_ascii_valid(domain, "set_reject: empty domain");
+    return domain_ascii_valid(domain, "set_reject: empty domain");
+}
+
+int set_reject(const Effects *fx, const char *domain, int on)
+{
+    char *ascii = reject_ascii(domain);
+
     reject_line(fx, ascii, on);
     free(ascii);
     return 0;
@@ -268,8 +276,13 @@ int set_reject(const Effects *fx, const char *domain, int on)
 
 int add_reject(const Effects *fx, const char *domain)
 {
-    set_reject(fx, domain, 0);
-    return set_reject(fx, domain, 1);
+    char *ascii = reject_ascii(domain);
+
+    /* Taken out, then put last: the name stands in the file once. */
+    reject_line(fx, ascii, 0);
+    reject_line(fx, ascii, 1);
+    free(ascii);
+    return 0;
 }
 
 int remove_reject(const Effects *fx, const char *domain)
