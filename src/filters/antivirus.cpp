@@ -19,6 +19,7 @@
 #include "fs/file_str.h"
 #include "fs/held_file.h"
 #include "mailconf/value_check.h"
+#include "proc/exec.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -204,8 +205,7 @@ static void reset_held(const char *path)
 
 void restore_antivirus_settings(const Effects *fx, MYSQL *conn)
 {
-    static const char *const virusctl[] = {"virusctl", "-r", nullptr};
-    char path[AV_BUF_SIZE];
+    char path[AV_BUF_SIZE], util[AV_BUF_SIZE];
 
     /* The file is held in memory under its lock, from its head through
      * every record, and replaced once, only when it differs, before
@@ -222,5 +222,9 @@ void restore_antivirus_settings(const Effects *fx, MYSQL *conn)
     for (const auto &q : av_queries)
         av_run_query(fx, conn, q.query, q.failure);
     held_file_release(path);
-    fx->run_util("virusctl", const_cast<char *const *>(virusctl));
+    /* Started with its full path in slot 0, the result not examined. */
+    char reload[] = "-r";
+    char *virusctl[] = {const_cast<char *>(admin_util_path("virusctl", util, sizeof util)), reload, nullptr};
+    if (virusctl[0] != nullptr)
+        fx->run_util("virusctl", virusctl);
 }

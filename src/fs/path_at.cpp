@@ -384,7 +384,7 @@ int apply_set_aside(PathAt *at, const char *kind)
     errno = 0;
     report(0, "Replacing %s: a link or another kind of object stood where a %s belongs",
            at->path, kind);
-    if (remove_tree_at(at->dir, aside, 1) != 0)
+    if (remove_tree_at(at->dir, aside) != 0)
         report(0, "Unable to remove what stood at %s, left beside it as %s: %s", at->path, aside,
                strerror(errno));
     return 0;
@@ -550,7 +550,7 @@ int path_stat(const Effects *fx, const char *path, struct stat *st)
 
 int apply_remove(PathAt *at)
 {
-    return remove_tree_at(at->dir, at->name, 1);
+    return remove_tree_at(at->dir, at->name);
 }
 
 int apply_missing_dir(const char *path)

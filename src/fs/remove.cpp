@@ -89,7 +89,7 @@ static int same_dir(int fd, const Level &level)
     return fstat(fd, &st) == 0 && st.st_dev == level.dev && st.st_ino == level.ino;
 }
 
-int remove_tree_at(int parent, const char *name, int top)
+int remove_tree_at(int parent, const char *name)
 {
     /* Bounded whatever a directory holds from others: a tree that keeps
      * being refilled while it is removed is given up. */
@@ -154,7 +154,7 @@ int remove_tree_at(int parent, const char *name, int top)
         }
     }
     close(cur);
-    if (top && unlinkat(parent, name, AT_REMOVEDIR) != 0 && errno != ENOENT)
+    if (unlinkat(parent, name, AT_REMOVEDIR) != 0 && errno != ENOENT)
         return -1;
     return 0;
 

@@ -14,9 +14,8 @@
 #define REBOX_FS_REMOVE_H
 
 /* remove_tree_at - delete name in the open directory dir and everything
- * below it (with top 0 a directory is emptied but kept); 0, or -1 with
- * errno.  A missing name counts as removed. */
-int remove_tree_at(int dir, const char *name, int top);
+ * below it; 0, or -1 with errno.  A missing name counts as removed. */
+int remove_tree_at(int dir, const char *name);
 
 /* rename_aside_at - move name in the open directory dir, in one step, to a
  * new name of its own there (".rebox-aside-" and six random characters,

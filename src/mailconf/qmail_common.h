@@ -1,13 +1,12 @@
 /* qmail_common - what the qmail writers share.
  *
  * The facts of the domain a writer works on and of the run it works for
- * (MailDomain), the paths of
- * qmail's shared control and user files (always built from QMAIL_ROOT_D,
- * always edited through file_str), the domain name in ASCII form, the
- * domain's database identifier, the mailbox-name test and the ids of the
- * system user popuser.  The name checks apply the rules of
- * value_check: a writer refuses a name that breaks one with its own
- * invalid-name message, before it touches anything.
+ * (MailDomain), the paths of qmail's shared control and user files
+ * (always built from QMAIL_ROOT_D, always edited through file_str), the
+ * domain name in ASCII form, the mailbox-name test and the ids of the
+ * system user popuser.  The name checks apply the rules of value_check: a
+ * writer refuses a name that breaks one with its own invalid-name message,
+ * before it touches anything.
  */
 #ifndef REBOX_MAILCONF_QMAIL_COMMON_H
 #define REBOX_MAILCONF_QMAIL_COMMON_H

@@ -49,6 +49,9 @@ int util_execv(const char *path, char *const argv[], int quiet);
 int util_execv(const char *path, char *const argv[]);
 int util_execl(const char *path, const char *arg0, ...);
 int util_exec(const char *path, ...);
+/* admin_util_path - the full path of a sibling utility in admin/bin into
+ * buf, or null (reported) when the name is not a bare file name */
+const char *admin_util_path(const char *name, char *buf, size_t size);
 int admin_util_exec(const char *name, ...);
 int admin_util_execv(const char *name, char *const argv[]);
 int exec_quiet(const char *path, ...);

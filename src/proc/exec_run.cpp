@@ -107,9 +107,7 @@ int util_exec(const char *path, ...)
     return util_execv(path, slots, 0);
 }
 
-/* admin_util_path - the full path of a sibling utility in admin/bin, or null
- * (reported) when the name is not a bare file name */
-static const char *admin_util_path(const char *name, char *buf, size_t size)
+const char *admin_util_path(const char *name, char *buf, size_t size)
 {
     /* An empty name would name the directory itself: refused like a path. */
     if (name == nullptr || *name == 0 || strchr(name, '/')) {
