@@ -10,8 +10,7 @@
 
 #include "mailconf/qmail_common.h"
 
-/* The writers of mailbox mail_name of domain d; remove_postbox takes the
- * domain by name. */
+/* The writers of mailbox mail_name of domain d. */
 int add_postbox(const MailDomain *d, const char *mail_name, const char *password, int disabled,
                 int full_names_required);
 int remove_postbox(const MailDomain *d, const char *mail_name);

@@ -4,7 +4,8 @@
  * /bin/kill, every one whose bare command name is exactly the given name
  * (used to make the qmail processes re-read their control files).
  * kill_by_name_defer() lets a batch of edits signal once at its end
- * instead of after every edit.
+ * instead of after every edit.  A run reaches kill_by_name through the
+ * signal effect of the table it was handed (fs/effect).
  */
 #ifndef REBOX_PROC_SEND_SIG_H
 #define REBOX_PROC_SEND_SIG_H
