@@ -15,6 +15,9 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "db/component.h"
 #include "db/connect.h"
 #include "db/get.h"
@@ -437,17 +440,27 @@ void restore_spam_settings(const Effects *fx)
         errno = 0;
         report(1, "Unable to query domains: %s", mysql_error(conn));
     }
-    while ((dom = mysql_fetch_row(domains)) != nullptr) {
-        if (!domain_row_usable(domains, dom))
-            continue;
-        snprintf(query, sizeof query, "SELECT mail_name FROM mail WHERE dom_id=%s", dom[0]);
+    /* The server may hand the rows of the join over in any order (the
+     * plan it picks follows its statistics): the domains are taken in the
+     * order of their identifiers, so that every run applies the settings
+     * in the same order. */
+    std::vector<MYSQL_ROW> rows;
+    while ((dom = mysql_fetch_row(domains)) != nullptr)
+        if (domain_row_usable(domains, dom))
+            rows.push_back(dom);
+    std::stable_sort(rows.begin(), rows.end(), [](MYSQL_ROW a, MYSQL_ROW b) {
+        size_t la = strlen(a[0]), lb = strlen(b[0]);
+        return la != lb ? la < lb : strcmp(a[0], b[0]) < 0;
+    });
+    for (MYSQL_ROW row : rows) {
+        snprintf(query, sizeof query, "SELECT mail_name FROM mail WHERE dom_id=%s", row[0]);
         if ((mailboxes = spam_query(conn, query)) == nullptr) {
             errno = 0;
             report(1, "Unable to query mailnames: %s", mysql_error(conn));
         }
         while ((box = mysql_fetch_row(mailboxes)) != nullptr)
-            if (mailbox_row_usable(mailboxes, box, dom[1]))
-                apply_mailbox_spam_settings(fx, box[0], dom[1], conn);
+            if (mailbox_row_usable(mailboxes, box, row[1]))
+                apply_mailbox_spam_settings(fx, box[0], row[1], conn);
         mysql_free_result(mailboxes);
     }
     mysql_free_result(domains);

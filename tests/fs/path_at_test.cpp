@@ -1,0 +1,37 @@
+/* Tests of the mail tree's door: below a domain directory a link is never
+ * followed, wherever on the way it stands, whatever the operation. */
+#include "fs/file_str.h"
+#include "fs/path_at.h"
+#include "restore/apply_effects.h"
+#include "runtime/config.h"
+
+#include "support/sandbox.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+TEST(PathAt, NoLinkOnTheWayBelowADomainIsFollowed)
+{
+    REQUIRE_SANDBOX();
+    load_panel_config();
+    std::string domain = sandbox_path("qmail/mailnames/example.com"), outside = sandbox_path("outside");
+    /* popuser's own: a home, and a Maildir inside a real home, swapped for
+     * links to a directory outside the tree */
+    ASSERT_EQ(run_command("mkdir -p '" + domain + "/bravo' '" + outside + "/Maildir' && ln -s '" + outside + "' '" +
+                          domain + "/alpha' && ln -s '" + outside + "/Maildir' '" + domain + "/bravo/Maildir'")
+                  .status,
+              0);
+    const char *step;
+    int made;
+    for (std::string path : {domain + "/alpha/.qmail", domain + "/alpha/Maildir/new", domain + "/bravo/Maildir/new/x"}) {
+        SCOPED_TRACE(path);
+        stderr_of([&] {
+            EXPECT_EQ(file_put(&APPLY_EFFECTS, path.c_str(), "x\n", 0, 0, 0600, &step), -1);
+            EXPECT_EQ(file_str(&APPLY_EFFECTS, path.c_str(), "x", FILE_STR_ADD, FILE_STR_AT_END), 1);
+            EXPECT_EQ(make_dir_noting(&APPLY_EFFECTS, path.c_str(), 0, 0, 0700, &made), -1);
+            EXPECT_EQ(path_owner_mode(&APPLY_EFFECTS, path.c_str(), 0, 0, 0600, &step), -1);
+        });
+    }
+    EXPECT_EQ(run_command("cd '" + outside + "' && find . | sort").out, ".\n./Maildir\n");
+}
