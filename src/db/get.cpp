@@ -10,10 +10,12 @@
  * get_dom_id without the quiet flag ends the process instead, since its
  * callers rely on getting an id whenever it returns.
  *
- * A refused query is reported as a warning and fails the call, or, while
- * get_refusals_fatal is on, ends the process with the same message: a
- * caller that cannot tell a refusal from an absent value then never sees
- * one.
+ * A refused query is reported as a warning and fails the call (null, a
+ * negative number): the library reports, its caller decides.  A caller
+ * that must not go on without an answer asks through get_answer(), which
+ * reports nothing and tells a value, no row and a refusal apart, and
+ * picks its own message (the members' texts are the GET_*_REFUSED
+ * formats) and whether it is fatal.
  */
 #include "db/get.h"
 
@@ -32,14 +34,6 @@ static const size_t GET_ERR_SIZE = 4097;
 static const char CONNECT_MSG[] = "Unable to connect to the mysql database\n";
 
 static char query_value_buf[GET_BUF_SIZE];
-
-/* The exit status of a refusal's report: 0 warns, 1 ends the process. */
-static int refusal_status;
-
-void get_refusals_fatal(int on)
-{
-    refusal_status = on ? 1 : 0;
-}
 
 /* open_own - a session for a member handed no connection; a failure is
  * reported as the connect reason followed by connect_msg */
@@ -65,20 +59,17 @@ static void close_own(MYSQL *conn, MYSQL *given)
         mysql_close(conn);
 }
 
-/* run_first_value - send query (often held in buf itself), or take its
- * prefetched result, and copy column of its first row into buf (at most
- * 4095 bytes; "" for no row or NULL); -1 when the server refused the
- * query, buf then unchanged */
-static int run_first_value(const char *query, char *buf, MYSQL *conn, unsigned column)
+GetAnswer get_answer(MYSQL *conn, const char *query, unsigned column, char *buf)
 {
     MYSQL_RES *res;
     MYSQL_ROW row;
+    GetAnswer answer = GET_NO_ROW;
 
     if (pipeline_ask(conn, query, &res) != 0)
-        return -1;
+        return GET_REFUSED;
     buf[0] = '\0';
     if (res == nullptr)
-        return 0;
+        return GET_NO_ROW;
     row = mysql_fetch_row(res);
     if (row != nullptr && column < mysql_num_fields(res) && row[column] != nullptr) {
         size_t len = mysql_fetch_lengths(res)[column];
@@ -86,9 +77,10 @@ static int run_first_value(const char *query, char *buf, MYSQL *conn, unsigned c
             len = GET_BUF_SIZE - 1;
         memcpy(buf, row[column], len);
         buf[len] = '\0';
+        answer = GET_FOUND;
     }
     mysql_free_result(res);
-    return 0;
+    return answer;
 }
 
 /* ask_text - the family's pattern once the values are checked: open a
@@ -102,12 +94,12 @@ static const char *ask_text(const char *query, char *buf, MYSQL *conn, unsigned 
 
     if (c == nullptr)
         return nullptr;
-    if (run_first_value(query, buf, c, column) < 0) {
+    if (get_answer(c, query, column, buf) == GET_REFUSED) {
         errno = 0;
         if (fail_name != nullptr)
-            report(refusal_status, fail_format, fail_name, mysql_error(c));
+            report(0, fail_format, fail_name, mysql_error(c));
         else
-            report(refusal_status, fail_format, mysql_error(c));
+            report(0, fail_format, mysql_error(c));
         close_own(c, conn);
         return nullptr;
     }
@@ -139,7 +131,7 @@ int get_dom_status(const char *dom_id, unsigned *status, MYSQL *conn)
     snprintf(query, sizeof(query), "select status from domains where id=\"%s\"", dom_id);
     if (mysql_real_query(conn, query, strlen(query)) != 0) {
         errno = 0;
-        report(refusal_status, fail, dom_id, mysql_error(conn));
+        report(0, fail, dom_id, mysql_error(conn));
         return -1;
     }
     res = mysql_store_result(conn);
@@ -230,6 +222,19 @@ const char *domain_service_parameter_query(const char *dom_id, const char *type,
     return buf;
 }
 
+const char *client_email_query(const char *dom_id, char *buf, size_t size)
+{
+    snprintf(buf, size, "select c.email from domains d, clients c \t\t\t\t\t\t\t\t\t"
+             "where d.cl_id=c.id and d.id='%s'", dom_id);
+    return buf;
+}
+
+const char *misc_param_query(const char *name, char *buf, size_t size)
+{
+    snprintf(buf, size, "select val from misc where param='%s'", name);
+    return buf;
+}
+
 const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
 {
     static char buf[GET_BUF_SIZE];
@@ -241,7 +246,7 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
     if (c == nullptr)
         return nullptr;
     dom_id_query(name, buf, sizeof(buf));
-    if (run_first_value(buf, buf, c, 0) < 0) {
+    if (get_answer(c, buf, 0, buf) == GET_REFUSED) {
         errno = 0;
         report(1, "Unable to query domain ID: %s\n", mysql_error(c));
     }
@@ -278,7 +283,7 @@ const char *get_exist_case_dom_name(const char *name)
         report(1, "%s", CONNECT_MSG);
     }
     snprintf(buf, sizeof(buf), "select name from domains where name='%s'", name);
-    if (run_first_value(buf, buf, conn, 0) < 0) {
+    if (get_answer(conn, buf, 0, buf) == GET_REFUSED) {
         errno = 0;
         report(1, "Unable to query domain name: %s\n", mysql_error(conn));
     }
@@ -325,7 +330,7 @@ static int has_rows(MYSQL *conn, const char *query, const char *fail_format)
     if (mysql_real_query(conn, query, strlen(query)) != 0 ||
         (res = mysql_store_result(conn)) == nullptr) {
         errno = 0;
-        report(refusal_status, fail_format, mysql_error(conn));
+        report(0, fail_format, mysql_error(conn));
         return -1;
     }
     found = mysql_fetch_row(res) != nullptr;
@@ -367,7 +372,7 @@ const char *get_dom_Limit(const char *dom_id, const char *limit_name, MYSQL *con
     if (!db_check_plain(__func__, dom_id, 0) || !db_check_plain(__func__, limit_name, 0))
         return nullptr;
     dom_limit_query(dom_id, limit_name, buf, sizeof(buf));
-    return ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to query domain limit %s: %s\n", limit_name);
+    return ask_text(buf, buf, conn, 0, CONNECT_MSG, GET_DOM_LIMIT_REFUSED, limit_name);
 }
 
 const char *get_DomainService_Parameter(const char *dom_id, const char *type,
@@ -379,7 +384,7 @@ const char *get_DomainService_Parameter(const char *dom_id, const char *type,
         !db_check_plain(__func__, parameter, 0))
         return nullptr;
     domain_service_parameter_query(dom_id, type, parameter, buf, sizeof(buf));
-    return ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to query domain parameter %s: %s\n", parameter);
+    return ask_text(buf, buf, conn, 0, CONNECT_MSG, GET_PARAMETER_REFUSED, parameter);
 }
 
 const char *get_dom_Parameter(const char *dom_id, const char *parameter, MYSQL *conn)
@@ -390,7 +395,7 @@ const char *get_dom_Parameter(const char *dom_id, const char *parameter, MYSQL *
         return nullptr;
     snprintf(buf, sizeof(buf), "select r.value from domains d, Parameters r \t\t"
              "where d.id='%s' and d.params_id=r.id and r.parameter='%s'", dom_id, parameter);
-    return ask_text(buf, buf, conn, 0, CONNECT_MSG, "Unable to query domain parameter %s: %s\n", parameter);
+    return ask_text(buf, buf, conn, 0, CONNECT_MSG, GET_PARAMETER_REFUSED, parameter);
 }
 
 const char *get_dom_param(const char *dom_id, const char *param, MYSQL *conn)
@@ -402,7 +407,7 @@ const char *get_dom_param(const char *dom_id, const char *param, MYSQL *conn)
     snprintf(buf, sizeof(buf), "select val from dom_param where dom_id='%s' and param='%s'",
              dom_id, param);
     return ask_text(buf, buf, conn, 0, "Unable to connect to mysql database\n",
-                    "Unable to query domain parameter %s: %s\n", param);
+                    GET_PARAMETER_REFUSED, param);
 }
 
 const char *get_ip_address(const char *dom_id, MYSQL *conn)
@@ -424,7 +429,7 @@ const char *get_query_value(const char *query, MYSQL *conn, int column)
     if (column < 0)
         return nullptr;
     return ask_text(query, query_value_buf, conn, (unsigned)column, CONNECT_MSG,
-                    "Unable to query parameter by query %s: %s\n", query);
+                    GET_QUERY_REFUSED, query);
 }
 
 const char *get_param_simple(const char *value, const char *table, const char *key_column,
@@ -463,9 +468,8 @@ const char *get_client_email(const char *dom_id, MYSQL *conn)
     c = conn != nullptr ? conn : open_own(CONNECT_MSG);
     if (c == nullptr)
         return nullptr;
-    snprintf(buf, sizeof(buf), "select c.email from domains d, clients c \t\t\t\t\t\t\t\t\t"
-             "where d.cl_id=c.id and d.id='%s'", dom_id);
-    if (ask_text(buf, buf, c, 0, CONNECT_MSG, "Unable to define clients email: %s\n", nullptr) == nullptr) {
+    client_email_query(dom_id, buf, sizeof(buf));
+    if (ask_text(buf, buf, c, 0, CONNECT_MSG, GET_CLIENT_EMAIL_REFUSED, nullptr) == nullptr) {
         close_own(c, conn);
         return nullptr;
     }
@@ -474,7 +478,7 @@ const char *get_client_email(const char *dom_id, MYSQL *conn)
         admin_email = get_param_simple("admin_email", "misc", "param", "val", c);
         if (admin_email == nullptr || admin_email[0] == '\0') {
             errno = 0;
-            report(0, "Unable to define admin email\n");
+            report(0, GET_NO_ADMIN_EMAIL);
             close_own(c, conn);
             return nullptr;
         }

@@ -13,6 +13,11 @@
  * neither the client nor the panel has an e-mail).  get_param_simple, get_misc_param and
  * get_dom_htype answer in the buffer of get_query_value.
  *
+ * get_answer() is the family's question without a message: a caller that
+ * must not go on without an answer (the rebuild and spam passes, where a
+ * refusal ends the run) asks through it and reports a refusal itself with
+ * the member's own text, one of the GET_*_REFUSED formats below.
+ *
  * A member's query whose result was prefetched (db/pipeline) is answered
  * from there instead of being sent again.  dom_id_query, dom_limit_query
  * and domain_service_parameter_query write the exact texts of get_dom_id,
@@ -33,10 +38,6 @@ const char *get_dns_zone_id(const char *dom_id, MYSQL *conn);
  * in ASCII form (see mailconf/idn) is ascii */
 const char *get_dom_id_noerr(const char *ascii, MYSQL *conn, int quiet);
 const char *get_dom_id(const char *ascii, MYSQL *conn);
-/* get_refusals_fatal - while on, a query the server refuses ends the
- * process with the member's message instead of failing the call, so that
- * null (or a false flag) never stands for a refusal */
-void get_refusals_fatal(int on);
 const char *get_exist_case_dom_name(const char *name);
 int get_frontpage(const char *name, int ssl, MYSQL *conn);
 int get_anon_ftp(const char *dom_id, MYSQL *conn);
@@ -53,6 +54,27 @@ const char *get_param_simple(const char *value, const char *table, const char *k
 const char *get_misc_param(const char *name, MYSQL *conn);
 const char *get_dom_htype(const char *dom_id, MYSQL *conn);
 const char *get_client_email(const char *dom_id, MYSQL *conn);
+/* GetAnswer - what one question came to */
+enum GetAnswer {
+    GET_FOUND,   /* a value, copied into the caller's buffer */
+    GET_NO_ROW,  /* no row, or a NULL value: the buffer holds "" */
+    GET_REFUSED, /* the server refused the query: mysql_error(conn) says why */
+};
+
+/* The members' messages for a refused query (and get_client_email's for a
+ * panel without an administrator's e-mail). */
+#define GET_DOM_LIMIT_REFUSED "Unable to query domain limit %s: %s\n"
+#define GET_PARAMETER_REFUSED "Unable to query domain parameter %s: %s\n"
+#define GET_QUERY_REFUSED "Unable to query parameter by query %s: %s\n"
+#define GET_CLIENT_EMAIL_REFUSED "Unable to define clients email: %s\n"
+#define GET_NO_ADMIN_EMAIL "Unable to define admin email\n"
+
+/* get_answer - column of query's first row over conn (or its prefetched
+ * result) into buf (4096 bytes, at most 4095 of the value); reports
+ * nothing */
+GetAnswer get_answer(MYSQL *conn, const char *query, unsigned column, char *buf);
+const char *client_email_query(const char *dom_id, char *buf, size_t size);
+const char *misc_param_query(const char *name, char *buf, size_t size);
 const char *dom_id_query(const char *ascii, char *buf, size_t size);
 const char *dom_limit_query(const char *dom_id, const char *limit_name, char *buf, size_t size);
 const char *domain_service_parameter_query(const char *dom_id, const char *type,

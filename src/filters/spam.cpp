@@ -15,13 +15,12 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <vector>
 
 #include "db/component.h"
 #include "db/connect.h"
 #include "db/get.h"
 #include "filters/argvec.h"
+#include "mailconf/qmail_common.h"
 #include "mailconf/value_check.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
@@ -62,24 +61,35 @@ static int starts_with_true(const char *value)
     return value != nullptr && strncmp(value, "true", 4) == 0;
 }
 
+/* misc_value - a panel-wide setting into buf ("" for none); a refused
+ * question ends the process: read as "off", it would switch the
+ * server-wide settings off */
+static const char *misc_value(MYSQL *conn, const char *name, char *buf)
+{
+    char query[SPAM_BUF_SIZE];
+
+    misc_param_query(name, query, sizeof query);
+    if (get_answer(conn, query, 0, buf) == GET_REFUSED) {
+        errno = 0;
+        report(1, GET_QUERY_REFUSED, query, mysql_error(conn));
+    }
+    return buf;
+}
+
 /* add_server_entries - "start", the enable options and the child limit of
  * the server-wide record */
 static void add_server_entries(ArgVec *vec, MYSQL *conn)
 {
-    char number[SPAM_BUF_SIZE];
+    char number[SPAM_BUF_SIZE], value[SPAM_BUF_SIZE];
     unsigned max_children = SPAM_DEFAULT_MAX_CHILDREN;
-    const char *value;
 
     argv_add(vec, "start");
-    /* get_misc_param answers in one shared buffer: each value is used
-     * before the next call. */
-    if (starts_with_true(get_misc_param("spamfilter_enabled", conn))) {
+    if (starts_with_true(misc_value(conn, "spamfilter_enabled", value))) {
         argv_add(vec, "--enable-server-configs");
-        if (starts_with_true(get_misc_param("spamfilter_use_mailuser_prefs", conn)))
+        if (starts_with_true(misc_value(conn, "spamfilter_use_mailuser_prefs", value)))
             argv_add(vec, "--enable-user-configs");
     }
-    value = get_misc_param("spamfilter_max_children", conn);
-    if (value == nullptr || sscanf(value, "%u", &max_children) != 1)
+    if (sscanf(misc_value(conn, "spamfilter_max_children", value), "%u", &max_children) != 1)
         max_children = SPAM_DEFAULT_MAX_CHILDREN;
     argv_add(vec, "--max-children");
     snprintf(number, sizeof number, "%u", max_children);
@@ -377,27 +387,6 @@ int apply_mailbox_spam_settings(const Effects *fx, const char *local_part, const
     return apply_spam_settings(fx, name, conn);
 }
 
-/* domain_row_usable - whether a domain row (id, name) can be walked: its id
- * goes into the mailbox query unquoted, so a NULL id is skipped, and its
- * name into every full mail name, so is a name that breaks the rules of
- * domain names (as the rebuild pass skips it) */
-static int domain_row_usable(MYSQL_RES *res, MYSQL_ROW row)
-{
-    char shown[VALUE_PRINTABLE_SIZE];
-    const char *why = row[0] == nullptr ? "no domain id" : nullptr;
-
-    if (why == nullptr)
-        why = check_no_nul(row[1], mysql_fetch_lengths(res)[1]);
-    if (why == nullptr)
-        why = check_domain_name(row[1]);
-    if (why == nullptr)
-        return 1;
-    errno = 0;
-    report(0, "Skipping spam filter settings of domain '%s': %s",
-           value_printable(row[1], shown, sizeof shown), why);
-    return 0;
-}
-
 /* mailbox_row_usable - whether a mailbox name of the domain can make a full
  * mail name: it follows the rules of mail names, as in the rebuild pass */
 static int mailbox_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *domain)
@@ -416,53 +405,34 @@ static int mailbox_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *domain)
     return 0;
 }
 
-void restore_spam_settings(const Effects *fx)
+void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *domains, size_t count)
 {
-    static const char domains_query[] =
-        "SELECT d.id, d.name FROM domains d LEFT JOIN DomainServices s ON d.id=s.dom_id "
-        "WHERE s.type='mail'";
-    char query[SPAM_BUF_SIZE];
-    MYSQL_RES *domains;
+    char query[SPAM_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
     MYSQL_RES *mailboxes;
-    MYSQL_ROW dom;
     MYSQL_ROW box;
-    MYSQL *conn;
-
-    conn = panel_db_open();
-    if (conn == nullptr) {
-        errno = 0;
-        report(1, "Unable to connect to the mysql database");
-    }
 
     apply_server_spam_settings(fx, conn);
-
-    if ((domains = spam_query(conn, domains_query)) == nullptr) {
-        errno = 0;
-        report(1, "Unable to query domains: %s", mysql_error(conn));
+    /* The name goes into every full mail name: a row the rebuild skips is
+     * skipped here too, each named before the first mailbox is applied. */
+    for (size_t k = 0; k < count; k++) {
+        if (domains[k].rule != nullptr) {
+            errno = 0;
+            report(0, "Skipping spam filter settings of domain '%s': %s",
+                   value_printable(domains[k].name, shown, sizeof shown), domains[k].rule);
+        }
     }
-    /* The server may hand the rows of the join over in any order (the
-     * plan it picks follows its statistics): the domains are taken in the
-     * order of their identifiers, so that every run applies the settings
-     * in the same order. */
-    std::vector<MYSQL_ROW> rows;
-    while ((dom = mysql_fetch_row(domains)) != nullptr)
-        if (domain_row_usable(domains, dom))
-            rows.push_back(dom);
-    std::stable_sort(rows.begin(), rows.end(), [](MYSQL_ROW a, MYSQL_ROW b) {
-        size_t la = strlen(a[0]), lb = strlen(b[0]);
-        return la != lb ? la < lb : strcmp(a[0], b[0]) < 0;
-    });
-    for (MYSQL_ROW row : rows) {
-        snprintf(query, sizeof query, "SELECT mail_name FROM mail WHERE dom_id=%s", row[0]);
+    for (size_t k = 0; k < count; k++) {
+        const MailDomainRow *d = &domains[k];
+        if (d->rule != nullptr)
+            continue;
+        snprintf(query, sizeof query, "SELECT mail_name FROM mail WHERE dom_id=%s", d->id);
         if ((mailboxes = spam_query(conn, query)) == nullptr) {
             errno = 0;
             report(1, "Unable to query mailnames: %s", mysql_error(conn));
         }
         while ((box = mysql_fetch_row(mailboxes)) != nullptr)
-            if (mailbox_row_usable(mailboxes, box, row[1]))
-                apply_mailbox_spam_settings(fx, box[0], row[1], conn);
+            if (mailbox_row_usable(mailboxes, box, d->name))
+                apply_mailbox_spam_settings(fx, box[0], d->name, conn);
         mysql_free_result(mailboxes);
     }
-    mysql_free_result(domains);
-    mysql_close(conn);
 }

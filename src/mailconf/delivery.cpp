@@ -20,11 +20,6 @@
 /* The invalid-name message of every writer here but add_mail_alias. */
 static const char BAD_NAMES[] = "empty mailname or maildomain";
 
-/* delivery_file_path - QMAIL_MAILNAMES_D/ascii/mail_name/.qmail */
-static void delivery_file_path(char *buf, const char *ascii, const char *mail_name)
-{
-    snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
-}
 
 /* put_qmail_line - make line the last line of the delivery file, once;
  * the result of the append (0 or 1) */
@@ -51,7 +46,7 @@ int add_postbox(const MailDomain *d, const char *mail_name, const char *password
     if (!mail_name_valid(mail_name))
         value_refused(BAD_NAMES);
     add_pop3_password(d, mail_name, password, disabled, full_names_required);
-    delivery_file_path(path, d->ascii, mail_name);
+    mail_path(path, d->ascii, mail_name, DELIVERY_FILE);
     if (put_qmail_line(d, path, "./Maildir/") != 0) {
         int failure = errno; /* the undo below may change errno */
         remove_postbox(d, mail_name);
@@ -73,7 +68,7 @@ int remove_postbox(const MailDomain *d, const char *mail_name)
     qmail_file_path(path, sizeof(path), QMAIL_POPPASSWD_FILE);
     if (file_str(d->fx, path, ending, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX) != 0)
         report(0, "Unable to remove a record from poppassword file\n");
-    delivery_file_path(path, d->ascii, mail_name);
+    mail_path(path, d->ascii, mail_name, DELIVERY_FILE);
     if (file_str(d->fx, path, "./Maildir/", FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove string from %s file", path);
     return 0;
@@ -87,7 +82,7 @@ int add_forward_address(const MailDomain *d, const char *mail_name, const char *
      * name: there is nothing to forward to. */
     if (!mail_name_valid(mail_name) || address == nullptr)
         value_refused(BAD_NAMES);
-    delivery_file_path(path, d->ascii, mail_name);
+    mail_path(path, d->ascii, mail_name, DELIVERY_FILE);
 
     char *converted = idn_email_toascii(address);
     if (converted == nullptr) {
@@ -116,7 +111,7 @@ int add_autoresponder(const MailDomain *d, const char *mail_name)
 
     if (!mail_name_valid(mail_name))
         value_refused(BAD_NAMES);
-    delivery_file_path(path, d->ascii, mail_name);
+    mail_path(path, d->ascii, mail_name, DELIVERY_FILE);
     if (put_qmail_line(d, path, "|autoresponder") != 0)
         report(1, "Unable to add string to %s file", path);
     return 0;
@@ -130,8 +125,9 @@ int add_mail_alias(const MailDomain *d, const char *mail_name, const char *alias
         errno = 0;
         report(1, "empty mailname, maildomainor or mailalias");
     }
-    snprintf(record, sizeof(record), "=%s-%s:popuser:%d:%d:%s/%s/%s:::", d->id, alias, static_cast<int>(d->uid),
-             static_cast<int>(d->gid), panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name);
+    char home[QMAIL_BUF_SIZE];
+    snprintf(record, sizeof(record), "=%s-%s:popuser:%d:%d:%s:::", d->id, alias, static_cast<int>(d->uid),
+             static_cast<int>(d->gid), mail_path(home, d->ascii, mail_name, nullptr));
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
     if (file_str(d->fx, path, record, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove record from assign file");

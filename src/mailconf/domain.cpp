@@ -18,9 +18,10 @@
 static void format_wildcard_record(char *buf, const char *id, const PopuserIds *ids,
                                    const char *ascii)
 {
-    snprintf(buf, QMAIL_BUF_SIZE, "+%s:popuser:%d:%d:%s/%s:::", id,
-             static_cast<int>(ids->uid), static_cast<int>(ids->gid),
-             panel_config.QMAIL_MAILNAMES_D, ascii);
+    char dir[QMAIL_BUF_SIZE];
+
+    snprintf(buf, QMAIL_BUF_SIZE, "+%s:popuser:%d:%d:%s:::", id, static_cast<int>(ids->uid),
+             static_cast<int>(ids->gid), mail_path(dir, ascii, nullptr, nullptr));
 }
 
 /* undo_domain - take back what add_mail_domain added for the domain before
@@ -55,7 +56,7 @@ int add_mail_domain(const MailDomain *d, int disabled)
     PopuserIds ids = {d->uid, d->gid};
     int made;
 
-    snprintf(dir, sizeof(dir), "%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii);
+    mail_path(dir, ascii, nullptr, nullptr);
     int skipped = 0;
     if (make_dir_noting(d->fx, dir, ids.uid, ids.gid, 0700, &made) != 0) {
         /* A domain that root moved to another disk and linked, whose link
@@ -104,7 +105,7 @@ int add_mail_domain(const MailDomain *d, int disabled)
     }
 
     /* Let the running mail system reread its control files. */
-    d->fx->signal("qmail-se", 1);
+    control_files_changed(d);
     return skipped;
 }
 
@@ -144,11 +145,11 @@ int remove_mail_domain(const MailDomain *d)
     qmail_file_path(path, sizeof(path), QMAIL_VIRTUALDOMAINS_FILE);
     if (file_str(d->fx, path, record, FILE_STR_REMOVE, 1) != 0)
         report(1, "Unable to remove domain from virtualdomains file");
-    d->fx->signal("qmail-se", 1);
+    control_files_changed(d);
 
     /* The closing slash keeps neighbours whose names merely begin with
      * this domain's name (example.com.au for example.com). */
-    snprintf(dir, sizeof(dir), "%s/%s/", panel_config.QMAIL_MAILNAMES_D, ascii);
+    mail_path(dir, ascii, "", nullptr);
     qmail_file_path(path, sizeof(path), QMAIL_POPPASSWD_FILE);
     if (file_str(d->fx, path, dir, FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING) != 0)
         report(1, "error while deleting from file poppasswd");

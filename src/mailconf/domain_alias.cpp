@@ -44,7 +44,7 @@ int add_domain_alias(const MailDomain *d, const char *alias)
         report(1, "Unable to add domain record alias to virtualdomains.");
     }
 
-    d->fx->signal("qmail-se", 1);
+    control_files_changed(d);
     return 0;
 }
 
@@ -67,7 +67,7 @@ int remove_domain_alias(const MailDomain *d, const char *alias)
     if (file_str(d->fx, path, line, FILE_STR_REMOVE, 1) != 0)
         report(1, "Unable to remove domain alias from virtualdomains file");
 
-    d->fx->signal("qmail-se", 1);
+    control_files_changed(d);
     free(alias_ascii);
     return 0;
 }

@@ -34,9 +34,10 @@ static const struct {
 static void format_mailbox_record(char *buf, const char *id, const char *mail_name,
                                   const PopuserIds *ids, const char *ascii)
 {
-    snprintf(buf, QMAIL_BUF_SIZE, "=%s-%s:popuser:%d:%d:%s/%s/%s:::", id, mail_name,
-             static_cast<int>(ids->uid), static_cast<int>(ids->gid),
-             panel_config.QMAIL_MAILNAMES_D, ascii, mail_name);
+    char home[QMAIL_BUF_SIZE];
+
+    snprintf(buf, QMAIL_BUF_SIZE, "=%s-%s:popuser:%d:%d:%s:::", id, mail_name, static_cast<int>(ids->uid),
+             static_cast<int>(ids->gid), mail_path(home, ascii, mail_name, nullptr));
 }
 
 /* Made - the directories add_mailbox made itself, so that a failed step
@@ -165,7 +166,7 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
     /* The home and everything in it are made through directory
      * descriptors: popuser owns the domain directory, and no link or
      * swapped directory there may lead a mkdir, chown or write elsewhere. */
-    snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name);
+    mail_path(home, d->ascii, mail_name, nullptr);
     Made made = {};
     int home_fd = -1, domain_fd = -1;
     what = "make";
@@ -251,7 +252,7 @@ int remove_mailbox(const MailDomain *d, const char *mail_name)
         report(0, "Unable to remove %s mailbox record from password file\n", mail_name);
     set_shared_mode(d->fx, path, 0600);
 
-    snprintf(home, sizeof(home), "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name);
+    mail_path(home, d->ascii, mail_name, nullptr);
     remove_tree(d->fx, home);
     return 0;
 }

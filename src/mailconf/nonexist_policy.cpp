@@ -2,8 +2,6 @@
  * a domain (see nonexist_policy.h). */
 #include "mailconf/nonexist_policy.h"
 
-#include "db/get.h"
-#include "db/pipeline.h"
 #include "fs/file_str.h"
 #include "fs/path_at.h"
 #include "mailconf/idn.h"
@@ -21,34 +19,6 @@
 
 #include <string>
 
-/* mail_parameter - a parameter of the domain's mail service copied into
- * buf; the empty text when absent.  The rebuild makes a refused query end
- * the run (get_refusals_fatal), so there "" is never a refusal read as
- * "no policy", which would turn a rejecting or catch-all domain into a
- * bouncing one. */
-static const char *mail_parameter(const char *domain_id, const char *name, MYSQL *conn,
-                                  char *buf)
-{
-    const char *value = get_DomainService_Parameter(domain_id, "mail", name, conn);
-
-    snprintf(buf, QMAIL_BUF_SIZE, "%s", value ? value : "");
-    return buf;
-}
-
-/* catch_address - the address a "catch" domain delivers to, into buf: its
- * catch_addr, else its client's e-mail, else root at the domain */
-static void catch_address(const char *domain, const char *domain_id, MYSQL *conn, char *buf)
-{
-    mail_parameter(domain_id, "catch_addr", conn, buf);
-    if (*buf != '\0')
-        return;
-    const char *email = get_client_email(domain_id, conn);
-    if (email != nullptr && *email != '\0')
-        snprintf(buf, QMAIL_BUF_SIZE, "%s", email);
-    else
-        snprintf(buf, QMAIL_BUF_SIZE, "root@%s", domain);
-}
-
 /* catch_line - the catch-all line "&" and the converted address, into line;
  * null, or why the address cannot make it: the conversion's error text, or
  * the rule of check_forward_address it breaks */
@@ -65,65 +35,6 @@ static const char *catch_line(const char *address, char *line)
         snprintf(line, QMAIL_BUF_SIZE, "&%s", converted);
     free(converted);
     return why;
-}
-
-/* policy_nul_query - the query of policy_has_nul into buf */
-static const char *policy_nul_query(const char *domain_id, char *buf, size_t size)
-{
-    snprintf(buf, size,
-             "SELECT COUNT(*) FROM DomainServices s, Parameters r WHERE s.dom_id='%s' AND "
-             "s.type='mail' AND s.parameters_id=r.id AND r.parameter IN ('nonexist_mail', "
-             "'catch_addr', 'bounce_mess') AND INSTR(r.value, CHAR(0)) > 0",
-             domain_id);
-    return buf;
-}
-
-/* policy_has_nul - 1 when one of the domain's policy parameters holds a
- * NUL byte, which the parameter lookups would silently cut the value at.
- * A refused query ends the process: read as "no NUL", it would let a cut
- * value replace the domain's policy. */
-static int policy_has_nul(const char *domain_id, MYSQL *conn)
-{
-    char query[QMAIL_BUF_SIZE];
-    MYSQL_RES *res;
-
-    if (pipeline_ask(conn, policy_nul_query(domain_id, query, sizeof(query)), &res) != 0) {
-        errno = 0;
-        report(1, "Unable to query the unknown-recipient policy of domain id %s: %s\n", domain_id,
-               mysql_error(conn));
-    }
-    MYSQL_ROW row = res != nullptr ? mysql_fetch_row(res) : nullptr;
-    int found = row != nullptr && row[0] != nullptr && strcmp(row[0], "0") != 0;
-    if (res != nullptr)
-        mysql_free_result(res);
-    return found;
-}
-
-void nonexist_policy_prefetch(const char *domain_id)
-{
-    char query[QMAIL_BUF_SIZE];
-
-    if (strpbrk(domain_id, "'\\") != nullptr)
-        return;
-    pipeline_prefetch(policy_nul_query(domain_id, query, sizeof(query)));
-    pipeline_prefetch(domain_service_parameter_query(domain_id, "mail", "nonexist_mail", query,
-                                                     sizeof(query)));
-}
-
-/* work_out - read the domain's policy, each parameter once: its
- * nonexist_mail value into policy, and into value the catch-all address
- * ("catch") or the bounce text (a bounce, the default one included) */
-static void work_out(const char *domain, const char *domain_id, MYSQL *conn, char *policy,
-                     char *value)
-{
-    mail_parameter(domain_id, "nonexist_mail", conn, policy);
-    *value = '\0';
-    if (strcmp(policy, "catch") == 0)
-        catch_address(domain, domain_id, conn, value);
-    else if (strcmp(policy, "bounce") == 0)
-        mail_parameter(domain_id, "bounce_mess", conn, value);
-    if (*policy == '\0' || (strcmp(policy, "bounce") == 0 && *value == '\0'))
-        snprintf(value, QMAIL_BUF_SIZE, "%s", DEFAULT_BOUNCE_TEXT);
 }
 
 /* reject_line - the domain's ASCII name taken out of or put last into
@@ -156,7 +67,7 @@ static void put_default(const MailDomain *d, const char *line)
 {
     char path[QMAIL_BUF_SIZE];
 
-    snprintf(path, sizeof(path), "%s/%s/.qmail-default", panel_config.QMAIL_MAILNAMES_D, d->ascii);
+    mail_path(path, d->ascii, nullptr, DEFAULT_DELIVERY_FILE);
     /* The file holds the one line: replaced whole, and only when its line,
      * owner or mode differ, so the delivery programs never find it empty. */
     std::string text = std::string(line) + "\n";
@@ -194,63 +105,60 @@ static std::string bounce_line(const char *text)
     return "|bouncesaying " + shell_escape(copy);
 }
 
-/* apply - write the policy work_out() found for domain d */
-static void apply(const MailDomain *d, const char *policy, const char *value)
+/* bounce_text - the text a bouncing policy sends: the domain's own, or
+ * the default one when it has none or no policy at all */
+static const char *bounce_text(const NonexistPolicy *p)
 {
-    char line[QMAIL_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
-
-    if (*policy == '\0' || strcmp(policy, "bounce") == 0) {
-        reject_line(d->fx, d->ascii, 0);
-        put_default(d, bounce_line(value).c_str());
-    } else if (strcmp(policy, "catch") == 0) {
-        if (const char *why = catch_line(value, line)) {
-            errno = 0;
-            report(1, "%s(%s) failed: %s", "idn_email_toascii_safe", value_printable(value, shown, sizeof(shown)),
-                   why);
-        }
-        reject_line(d->fx, d->ascii, 0);
-        put_default(d, line);
-    } else {
-        reject_line(d->fx, d->ascii, 0);
-        reject_line(d->fx, d->ascii, 1);
-    }
+    if (p->choice[0] == '\0' || p->value[0] == '\0')
+        return DEFAULT_BOUNCE_TEXT;
+    return p->value;
 }
 
-/* restore_nonexist_policy_checked - restore_nonexist_policy, with the
- * values tested first: null when the policy was applied, else why not (a
- * static text), nothing then written.  A policy value holds a NUL byte,
- * or the catch-all address is refused; a bounce text always makes a line
- * (its newlines become spaces and shell_escape quotes the rest).
- * *rejects tells whether a reject policy was applied. */
-const char *restore_nonexist_policy_checked(const MailDomain *d, int *rejects)
+/* apply - write policy p of domain d; line is the catch-all line a
+ * "catch" policy makes */
+static void apply(const MailDomain *d, const NonexistPolicy *p, const char *line)
 {
-    MYSQL *conn = d->db;
+    reject_line(d->fx, d->ascii, 0);
+    if (p->choice[0] == '\0' || strcmp(p->choice, "bounce") == 0)
+        put_default(d, bounce_line(bounce_text(p)).c_str());
+    else if (strcmp(p->choice, "catch") == 0)
+        put_default(d, line);
+    else
+        reject_line(d->fx, d->ascii, 1);
+}
+
+const char *restore_nonexist_policy_checked(const MailDomain *d, const NonexistPolicy *p, int *rejects)
+{
     static char reason[QMAIL_BUF_SIZE];
-    char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE], line[QMAIL_BUF_SIZE];
-    char shown[VALUE_PRINTABLE_SIZE];
+    char line[QMAIL_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
 
     *rejects = 0;
-    if (conn != nullptr && policy_has_nul(d->id, conn))
+    if (p->has_nul)
         return "a policy value must not contain a NUL byte";
-    work_out(d->name, d->id, conn, policy, value);
-    if (strcmp(policy, "catch") == 0) {
-        if (const char *why = catch_line(value, line)) {
+    if (strcmp(p->choice, "catch") == 0) {
+        if (const char *why = catch_line(p->value, line)) {
             snprintf(reason, sizeof(reason), "catch-all address '%s': %s",
-                     value_printable(value, shown, sizeof(shown)), why);
+                     value_printable(p->value, shown, sizeof(shown)), why);
             return reason;
         }
     }
-    apply(d, policy, value);
-    *rejects = strcmp(policy, "reject") == 0;
+    apply(d, p, line);
+    *rejects = strcmp(p->choice, "reject") == 0;
     return nullptr;
 }
 
-int restore_nonexist_policy(const MailDomain *d)
+int restore_nonexist_policy(const MailDomain *d, const NonexistPolicy *p)
 {
-    char policy[QMAIL_BUF_SIZE], value[QMAIL_BUF_SIZE];
+    char line[QMAIL_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
 
-    work_out(d->name, d->id, d->db, policy, value);
-    apply(d, policy, value);
+    if (strcmp(p->choice, "catch") == 0) {
+        if (const char *why = catch_line(p->value, line)) {
+            errno = 0;
+            report(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
+                   value_printable(p->value, shown, sizeof(shown)), why);
+        }
+    }
+    apply(d, p, line);
     return 0;
 }
 

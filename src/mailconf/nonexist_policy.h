@@ -2,30 +2,33 @@
  *
  * Reject: the domain's ASCII name in control/rejectnonexist.  Bounce or
  * catch-all: the one line of the domain's .qmail-default ("|bouncesaying
- * text" or "&address").  restore_nonexist_policy() applies the choice kept
- * in the domain's mail-service parameters, reading each of them once;
+ * text" or "&address").  restore_nonexist_policy() applies the choice the
+ * caller read from the domain's mail-service parameters (NonexistPolicy);
  * restore_nonexist_policy_checked() does the same unless it meets a value
- * the writers refuse, and then writes nothing and says why;
- * nonexist_policy_prefetch() queues on the query pipeline the questions
- * the latter asks of every domain, in the order it asks them.
+ * the writers refuse, and then writes nothing and says why.
  */
 #ifndef REBOX_MAILCONF_NONEXIST_POLICY_H
 #define REBOX_MAILCONF_NONEXIST_POLICY_H
 
 #include "mailconf/qmail_common.h"
 
-#include <mysql.h>
-
 /* The bounce text used when the domain has none of its own. */
 #define DEFAULT_BOUNCE_TEXT "This address no longer accepts mail."
 
-/* restore_nonexist_policy - the policy of domain d, asked of d's
- * connection */
-int restore_nonexist_policy(const MailDomain *d);
+/* NonexistPolicy - a domain's policy as its mail-service parameters hold
+ * it */
+struct NonexistPolicy {
+    char choice[QMAIL_BUF_SIZE]; /* nonexist_mail: "reject", "catch", "bounce"; "" none */
+    char value[QMAIL_BUF_SIZE];  /* catch: the address; bounce: the text ("" none) */
+    int has_nul;                 /* one of the parameters holds a NUL byte */
+};
+
+/* restore_nonexist_policy - policy p written for domain d; a catch-all
+ * address that cannot make a line ends the process */
+int restore_nonexist_policy(const MailDomain *d, const NonexistPolicy *p);
 /* restore_nonexist_policy_checked - the same; null, or why it was not
- * applied; *rejects: a reject policy was */
-const char *restore_nonexist_policy_checked(const MailDomain *d, int *rejects);
-void nonexist_policy_prefetch(const char *domain_id);
+ * applied (nothing then written); *rejects: a reject policy was */
+const char *restore_nonexist_policy_checked(const MailDomain *d, const NonexistPolicy *p, int *rejects);
 /* set_reject, add_reject, remove_reject - the reject line of a domain or
  * alias name, its changes through fx */
 int set_reject(const Effects *fx, const char *domain, int on);

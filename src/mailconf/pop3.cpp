@@ -27,9 +27,10 @@ int add_pop3_password(const MailDomain *d, const char *mail_name, const char *pa
 
     /* Without a password the mailbox has no POP3 login at all. */
     if (password != nullptr && *password != '\0') {
-        snprintf(record, sizeof(record), "%s%s%s:%s%s:popuser:%s/%s/%s\n", mail_name,
+        char home[QMAIL_BUF_SIZE];
+        snprintf(record, sizeof(record), "%s%s%s:%s%s:popuser:%s\n", mail_name,
                  full_names_required ? "@" : "", full_names_required ? d->ascii : "", disabled ? "!" : "",
-                 password, panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name);
+                 password, mail_path(home, d->ascii, mail_name, nullptr));
         if (file_str(d->fx, path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0)
             report(1, "Unable to add record to poppasswd file");
     }

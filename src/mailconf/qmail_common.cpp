@@ -2,7 +2,6 @@
  * writers (see qmail_common.h). */
 #include "mailconf/qmail_common.h"
 
-#include "db/get.h"
 #include "fs/file_str.h"
 #include "mailconf/idn.h"
 #include "mailconf/value_check.h"
@@ -15,34 +14,43 @@
 #include <stdlib.h>
 #include <string.h>
 
-void mail_domain(const Effects *fx, MYSQL *db, const char *name, MailDomain *d, const char *message)
+void mail_domain(const Effects *fx, const char *name, const char *id, const PopuserIds *popuser,
+                 MailDomain *d, const char *message)
 {
-    PopuserIds ids;
-
     if (name == nullptr || *name == '\0')
         value_refused(message);
     char *ascii = domain_ascii_valid(name, message);
-    if (strlen(ascii) >= sizeof(d->ascii)) {
+    if (strlen(ascii) >= sizeof(d->ascii) || id == nullptr || *id == '\0' || strlen(id) >= sizeof(d->id)) {
         free(ascii);
         value_refused(message);
     }
     d->fx = fx;
-    d->db = db;
     d->name = name;
     memcpy(d->ascii, ascii, strlen(ascii) + 1);
     free(ascii);
-    if (!popuser_lookup(&ids)) {
-        errno = 0;
-        report(1, "Unable to define UID or GID for user popuser");
-    }
-    d->uid = ids.uid;
-    d->gid = ids.gid;
-    const char *id = get_dom_id(d->ascii, db);
-    if (id == nullptr || *id == '\0' || strlen(id) >= sizeof(d->id)) {
-        errno = 0;
-        report(1, "Unable to get the database ID of domain %s: its qmail records are left unchanged", name);
-    }
     memcpy(d->id, id, strlen(id) + 1);
+    d->uid = popuser->uid;
+    d->gid = popuser->gid;
+    d->reread_due = nullptr;
+}
+
+const char *mail_path(char *buf, const char *ascii, const char *mail_name, const char *file)
+{
+    int n = snprintf(buf, QMAIL_BUF_SIZE, "%s/%s", panel_config.QMAIL_MAILNAMES_D, ascii);
+
+    if (mail_name != nullptr && n >= 0 && n < QMAIL_BUF_SIZE)
+        n += snprintf(buf + n, QMAIL_BUF_SIZE - n, "/%s", mail_name);
+    if (file != nullptr && n >= 0 && n < QMAIL_BUF_SIZE)
+        snprintf(buf + n, QMAIL_BUF_SIZE - n, "/%s", file);
+    return buf;
+}
+
+void control_files_changed(const MailDomain *d)
+{
+    if (d->reread_due != nullptr)
+        *d->reread_due = 1;
+    else
+        d->fx->signal("qmail-se", 1);
 }
 
 /* qmail_file_path - QMAIL_ROOT_D/name into buf */

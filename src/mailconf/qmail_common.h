@@ -13,7 +13,6 @@
 
 #include "fs/effect.h"
 
-#include <mysql.h>
 #include <stddef.h>
 
 /* Shared qmail files, relative to QMAIL_ROOT_D. */
@@ -28,33 +27,57 @@
 /* Size of a buffer holding a domain's database identifier (a number). */
 #define QMAIL_ID_SIZE 64
 
+/* The files of a domain's directory and of a mailbox's home. */
+#define DELIVERY_FILE ".qmail"
+#define DEFAULT_DELIVERY_FILE ".qmail-default"
+#define QUOTA_FILE_NAME "@mbox.quota"
+
 /* The ids of popuser as one writer keeps them; 0 means not known. */
 struct PopuserIds {
     unsigned uid;
     unsigned gid;
 };
 
+/* MailDomainRow - a domain with mail service as the panel lists it */
+struct MailDomainRow {
+    const char *id;   /* decimal ("" when the row has none) */
+    const char *name; /* as stored, UTF-8 */
+    int disabled;     /* the domain or its mail service is switched off */
+    const char *rule; /* the rule the row breaks (it is then skipped), or null */
+};
+
 /* MailDomain - what every writer needs of the domain it works on and of
  * the run, worked out once per domain (mail_domain): the effects every
- * change goes through, the run's database connection (null: each question
- * opens its own), the name as stored, its ASCII form, its database
- * identifier (the virtual-domain prefix) and the ids of popuser, who owns
- * everything below its directory */
+ * change goes through, the name as stored, its ASCII form, its database
+ * identifier (the virtual-domain prefix), the ids of popuser, who owns
+ * everything below its directory, and where a change of the control files
+ * qmail-send reads is noted (null: qmail-send is told at once; a pass that
+ * holds those files tells it once, after they are written) */
 struct MailDomain {
     const Effects *fx;
-    MYSQL *db;
     const char *name;
     char ascii[256];
     char id[QMAIL_ID_SIZE];
     unsigned uid;
     unsigned gid;
+    int *reread_due;
 };
 
-/* mail_domain - d worked out for the domain name, its changes to go
- * through fx and its questions to db: a name that is empty, does not
- * convert or cannot stand in a path or record ends the process with
- * message, as do an unknown identifier and an unknown popuser */
-void mail_domain(const Effects *fx, MYSQL *db, const char *name, MailDomain *d, const char *message);
+/* mail_domain - d worked out for the domain name with identifier id,
+ * owned by popuser's ids, its changes to go through fx: a name that is
+ * empty, does not convert or cannot stand in a path or record, and an
+ * identifier that does not fit, end the process with message */
+void mail_domain(const Effects *fx, const char *name, const char *id, const PopuserIds *popuser,
+                 MailDomain *d, const char *message);
+
+/* mail_path - QMAIL_MAILNAMES_D/ascii, then /mail_name and /file where
+ * given (null: left out), into buf (QMAIL_BUF_SIZE bytes): the one
+ * spelling of a domain's and a mailbox's paths */
+const char *mail_path(char *buf, const char *ascii, const char *mail_name, const char *file);
+
+/* control_files_changed - qmail-send rereads its control files: told at
+ * once, or noted for the pass that holds them */
+void control_files_changed(const MailDomain *d);
 
 void qmail_file_path(char *buf, size_t size, const char *name);
 /* set_shared_mode - the mode of a shared qmail file after an edit (when the

@@ -19,7 +19,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#define QUOTA_FILE_NAME "@mbox.quota"
 
 /* quota_file_path - the mailbox's quota file of domain d, or the
  * domain's when mail_name is null; -1 with a warning (the invalid-name
@@ -32,11 +31,7 @@ static int quota_file_path(char *buf, const MailDomain *d, const char *mail_name
         report(0, "invalid mailname or domain name.");
         return -1;
     }
-    if (mail_name != nullptr)
-        snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, d->ascii, mail_name,
-                 QUOTA_FILE_NAME);
-    else
-        snprintf(buf, QMAIL_BUF_SIZE, "%s/%s/%s", panel_config.QMAIL_MAILNAMES_D, d->ascii, QUOTA_FILE_NAME);
+    mail_path(buf, d->ascii, mail_name, QUOTA_FILE_NAME);
     return 0;
 }
 

@@ -6,15 +6,21 @@
 #include "fs/path_at.h"
 #include "fs/replace_file.h"
 #include "restore/check_report.h"
+#include "runtime/config.h"
 #include "runtime/report.h"
 
+#include <crypt.h>
+#include <dirent.h>
 #include <errno.h>
+#include <stdio.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <set>
 #include <string>
+#include <unordered_map>
 
 /* absent - 1 when at lies in the stand-in of a directory already reported
  * missing (a character device, in which every lookup fails) */
@@ -213,6 +219,83 @@ static int check_run_util(const char *name, char *const argv[])
     return 0;
 }
 
+static const size_t LINE_SIZE = 4096;
+
+/* The directories the panel has (domains' and mailboxes'), and the
+ * hashes of users/poppasswd on disk by home directory, read at the first
+ * login a check meets. */
+static std::set<std::string> panel_dirs;
+static std::unordered_map<std::string, std::string> disk_hashes;
+static int disk_hashes_read;
+
+/* read_disk_hashes - users/poppasswd's "name:[!]hash:popuser:home" lines */
+static void read_disk_hashes(void)
+{
+    char path[LINE_SIZE], line[LINE_SIZE];
+
+    disk_hashes_read = 1;
+    snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/users/poppasswd");
+    FILE *f = fopen(path, "r");
+    while (f != nullptr && fgets(line, sizeof(line), f) != nullptr) {
+        line[strcspn(line, "\n")] = '\0';
+        char *hash = strchr(line, ':');
+        char *home = hash ? strchr(hash + 1, ':') : nullptr;
+        char *rest = home ? strchr(home + 1, ':') : nullptr;
+        if (rest == nullptr)
+            continue;
+        *home = '\0';
+        hash += 1 + (hash[1] == '!');
+        disk_hashes[rest + 1] = hash;
+    }
+    if (f != nullptr)
+        fclose(f);
+}
+
+/* check_login_hash - the hash on disk of the mailbox at home when it
+ * verifies its plain password, else hash */
+static const char *check_login_hash(const char *home, const char *plain, const char *hash)
+{
+    static struct crypt_data data;
+
+    if (plain == nullptr)
+        return hash;
+    if (!disk_hashes_read)
+        read_disk_hashes();
+    auto known = disk_hashes.find(home);
+    if (known == disk_hashes.end())
+        return hash;
+    const char *again = crypt_r(plain, known->second.c_str(), &data);
+    return again != nullptr && known->second == again ? known->second.c_str() : hash;
+}
+
+/* check_panel_has - the panel has the directory at path */
+static void check_panel_has(const char *path)
+{
+    panel_dirs.insert(path);
+}
+
+/* check_dir_done - dir's surplus directories reported, in name order;
+ * set-aside directories are left out */
+static void check_dir_done(const char *dir)
+{
+    std::set<std::string> surplus;
+    DIR *d = path_opendir(&CHECK_EFFECTS, dir);
+    struct stat st;
+
+    for (struct dirent *e; d != nullptr && (e = readdir(d)) != nullptr;) {
+        std::string name = e->d_name, path = std::string(dir) + "/" + name;
+        if (name == "." || name == ".." || name.starts_with("__deleted") || panel_dirs.count(path)
+            || fstatat(dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0
+            || !(S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode)))
+            continue;
+        surplus.insert(path);
+    }
+    if (d != nullptr)
+        closedir(d);
+    for (const std::string &path : surplus)
+        check_note("surplus", path.c_str());
+}
+
 const Effects CHECK_EFFECTS = {
     .make_dir = check_make_dir,
     .owner_mode = check_owner_mode_fx,
@@ -228,4 +311,7 @@ const Effects CHECK_EFFECTS = {
     .missing_dir = stand_in,
     .signal = check_signal,
     .run_util = check_run_util,
+    .login_hash = check_login_hash,
+    .panel_has = check_panel_has,
+    .dir_done = check_dir_done,
 };

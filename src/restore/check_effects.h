@@ -5,7 +5,11 @@
  * anything: a directory that is missing or of another kind, an owner or
  * mode that differs, a foreign object, a file whose content differs (a
  * unified diff for the shared files, flushed to the disk when replaced),
- * a file the panel no longer has.  Below a directory that is not there the
+ * a file the panel no longer has, a directory on disk that names no
+ * domain or mailbox of the panel.  It remembers what it needs for that
+ * itself: the directories the panel has, and users/poppasswd's hashes, so
+ * that a plain password that still verifies against its hash on disk is
+ * not reported as changed for the run's new salt.  Below a directory that is not there the
  * walk goes on in a stand-in in which nothing exists, and nothing below it
  * is reported again.  Locks are taken shared and only where their lock
  * files exist; no process is signalled, no program run, nothing removed,

@@ -16,11 +16,11 @@
 #include "restore/command.h"
 
 #include "db/component.h"
+#include "db/connect.h"
 #include "filters/spam.h"
 #include "restore/apply_effects.h"
 #include "restore/check_effects.h"
 #include "restore/check_report.h"
-#include "restore/check_state.h"
 #include "restore/finish.h"
 #include "restore/rebuild.h"
 #include "runtime/config.h"
@@ -78,6 +78,22 @@ static const char *parse_mode(const char *arg, int *with_spam, int *spam_only, i
     return nullptr;
 }
 
+/* spam_pass - the spam-filter pass over the domains the rebuild read, or
+ * (spam only) read for it, on a connection of its own */
+static void spam_pass(const Effects *fx, MailDomains *domains)
+{
+    MYSQL *conn = panel_db_open();
+
+    if (conn == nullptr) {
+        errno = 0;
+        report(1, "Unable to connect to the mysql database");
+    }
+    if (domains->res == nullptr)
+        read_mail_domains(conn, domains);
+    restore_spam_settings(fx, conn, domains->rows.data(), domains->rows.size());
+    mysql_close(conn);
+}
+
 int rebox_main(int argc, char **argv)
 {
     int with_spam = 0;
@@ -111,12 +127,12 @@ int rebox_main(int argc, char **argv)
     }
     load_panel_config();
     clock_gettime(CLOCK_MONOTONIC, &start);
-    if (check)
-        check_state_begin();
+    MailDomains domains = {};
     if (!spam_only)
-        rebuild_mail_configuration(fx);
+        rebuild_mail_configuration(fx, &domains);
     if (with_spam && is_component_installed("vdo-spamassassin"))
-        restore_spam_settings(fx);
+        spam_pass(fx, &domains);
+    free_mail_domains(&domains);
     int status = 0;
     if (check) {
         status = check_found() ? 2 : 0;

@@ -43,18 +43,18 @@ const char *value_rule(MYSQL_RES *res, MYSQL_ROW row, const char *(*check)(const
 
 const char *domain_row(MYSQL_RES *res, MYSQL_ROW row, MailDomainRow *fields)
 {
-    fields->id = row[0];
-    fields->name = row[1];
-    fields->disabled = (row[2] && atoi(row[2]) != 0) || (row[3] && atoi(row[3]) != 0);
-    return column_rule(res, row, 1, check_domain_name);
-}
-
-int domain_row_restored(MYSQL_RES *res, MYSQL_ROW row)
-{
     const char *id = row[0];
 
-    return id != nullptr && id[strspn(id, "0123456789")] == '\0'
-           && column_rule(res, row, 1, check_domain_name) == nullptr;
+    fields->id = id != nullptr ? id : "";
+    fields->name = row[1];
+    fields->disabled = (row[2] && atoi(row[2]) != 0) || (row[3] && atoi(row[3]) != 0);
+    /* The identifier goes into the later queries unquoted: a number or
+     * nothing. */
+    if (*fields->id == '\0' || fields->id[strspn(fields->id, "0123456789")] != '\0')
+        fields->rule = "no domain id";
+    else
+        fields->rule = column_rule(res, row, 1, check_domain_name);
+    return fields->rule;
 }
 
 const char *row_plain(MYSQL_ROW row)

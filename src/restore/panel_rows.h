@@ -15,6 +15,8 @@
 #ifndef REBOX_RESTORE_PANEL_ROWS_H
 #define REBOX_RESTORE_PANEL_ROWS_H
 
+#include "mailconf/qmail_common.h"
+
 #include <mysql.h>
 #include <stddef.h>
 
@@ -25,12 +27,6 @@
 /* The size of a query buffer. */
 #define PANEL_QUERY_SIZE 4096
 
-/* MailDomainRow - a domain with mail service */
-struct MailDomainRow {
-    const char *id;   /* decimal, used in the later queries */
-    const char *name; /* as stored, UTF-8 */
-    int disabled;     /* the domain or its mail service is switched off */
-};
 
 /* MailboxRow - a mailbox of a domain */
 struct MailboxRow {
@@ -53,10 +49,6 @@ struct MailboxRow {
  * breaks (the row is then skipped), or null */
 const char *domain_row(MYSQL_RES *res, MYSQL_ROW row, MailDomainRow *fields);
 const char *mailbox_row(MYSQL_RES *res, MYSQL_ROW row, MailboxRow *fields);
-
-/* domain_row_restored - 1 when the pass asks the questions of a domain
- * row: its identifier is a number and its name passes the rules */
-int domain_row_restored(MYSQL_RES *res, MYSQL_ROW row);
 
 /* row_plain - the plain password of a raw mailbox list row, as in
  * MailboxRow.plain (for the hashing thread, which reads the lists itself) */

@@ -4,8 +4,7 @@
  * mailboxes' own queries (group members, aliases) over the pipeline's
  * second connection, so that the server answers them while the mailboxes
  * before them are written, followed by the questions the writers ask of
- * the next domain (its identifier, quota, aliases, mailbox list and
- * unknown-recipient policy).  read_ahead_start() hands the hashing thread
+ * the next domain (domain_facts' list).  read_ahead_start() hands the hashing thread
  * (hash_ahead) a connection of its own and the mailbox list query of every
  * domain row, in the pass's order, so that it hashes the plain passwords
  * ahead of the pass for the whole run; read_ahead_hash() gives the hash
@@ -18,6 +17,8 @@
 #ifndef REBOX_RESTORE_READ_AHEAD_H
 #define REBOX_RESTORE_READ_AHEAD_H
 
+#include "restore/domain_facts.h"
+
 #include <mysql.h>
 #include <stddef.h>
 
@@ -29,14 +30,13 @@ void make_salt(char *buf, int n);
 
 /* read_ahead_start - the run's salt made ("$1$" and eight characters, so
  * that all plain passwords of a run hash alike), the hashing thread
- * started for the domain rows (rewound after), and the first domain's
- * questions queued */
-void read_ahead_start(MYSQL_RES *domains);
+ * started for the domain rows, and the first domain's questions queued */
+void read_ahead_start(const MailDomains *domains);
 
 /* read_ahead_domain - domain row k's mailbox list has arrived: its
  * mailboxes' queries and the next domain's questions queued (both lists
  * stay where they were) */
-void read_ahead_domain(MYSQL_RES *domains, MYSQL_RES *mailboxes, size_t k);
+void read_ahead_domain(const MailDomains *domains, MYSQL_RES *mailboxes, size_t k);
 
 /* read_ahead_hash - the hash of plain password of mailbox row i of the
  * current domain, with the run's salt (made ahead when it could be) */

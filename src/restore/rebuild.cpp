@@ -19,8 +19,10 @@
  * aliases' reject lines; files an earlier run wrote stay.  A domain or
  * mailbox whose directory is in the way of a foreign object, or behind
  * root's link that cannot be followed, keeps its records and its files.
- * What the pass waits on is started ahead (read_ahead), a check run's
- * memory is check_state's, the summary's counts are finish's.
+ * What the pass asks of a domain is domain_facts', what it waits on is
+ * started ahead (read_ahead), the summary's counts are finish's; the
+ * table of effects remembers what a check run needs to report surplus
+ * directories and unchanged passwords.
  */
 #include "restore/rebuild.h"
 
@@ -39,7 +41,7 @@
 #include "mailconf/nonexist_policy.h"
 #include "mailconf/quota.h"
 #include "mailconf/value_check.h"
-#include "restore/check_state.h"
+#include "restore/domain_facts.h"
 #include "restore/finish.h"
 #include "restore/panel_rows.h"
 #include "restore/read_ahead.h"
@@ -60,9 +62,14 @@
 
 int short_pop3_names_allowed(MYSQL *conn)
 {
-    const char *value = get_misc_param("allow_short_pop3_names", conn);
+    char query[PANEL_QUERY_SIZE], value[PANEL_QUERY_SIZE];
 
-    return !(value != nullptr && strcmp(value, "disabled") == 0);
+    misc_param_query("allow_short_pop3_names", query, sizeof(query));
+    if (get_answer(conn, query, 0, value) == GET_REFUSED) {
+        errno = 0;
+        report(1, GET_QUERY_REFUSED, query, mysql_error(conn));
+    }
+    return strcmp(value, "disabled") != 0;
 }
 
 /* add_forward - add a forward address, or skip it with a warning when it
@@ -86,19 +93,6 @@ static void apply_quota(const MailDomain *d, const char *mail_name, const char *
     }
     if (write_mbox_quota(d, mail_name, limit >> 10) == 0)
         report(0, "Warning: unable to write mailbox quota\n");
-}
-
-/* run_query - take the prefetched result of a query of the pass, or send
- * it and store its result; a failure ends the process */
-static MYSQL_RES *run_query(MYSQL *conn, const char *query, const char *failure)
-{
-    MYSQL_RES *res;
-
-    if (pipeline_ask(conn, query, &res) != 0 || res == nullptr) {
-        errno = 0; /* the server's error text says why */
-        report(1, failure, mysql_error(conn));
-    }
-    return res;
 }
 
 /* prepare_mailnames_dir - the mailbox root made when missing, owned by
@@ -132,54 +126,65 @@ static void prepare_mailnames_dir(const Effects *fx, unsigned gid)
     close(fd);
 }
 
+/* Pass - what the pass hands each domain: the run's table of effects and
+ * connection, popuser's ids (looked up at the first domain), the password
+ * rule of the panel, and whether qmail-send is to reread its control files
+ * once they are written */
+struct Pass {
+    const Effects *fx;
+    MYSQL *conn;
+    PopuserIds popuser;
+    int full_names_required;
+    int reread_due;
+};
+
 /* restore_mailbox - row number i of a domain's mailbox list, all its
  * records; its delivery file is held in memory from add_mailbox to the
  * end */
-static void restore_mailbox(MYSQL_RES *rows, MYSQL_ROW row, size_t i, const MailDomain *d, int disabled,
-                            int full_names_required)
+static void restore_mailbox(Pass *pass, MYSQL_RES *rows, MYSQL_ROW row, size_t i, const MailDomain *d,
+                            int disabled)
 {
     const char *domain = d->name;
-    char qmail[PANEL_QUERY_SIZE], query[PANEL_QUERY_SIZE];
+    char qmail[QMAIL_BUF_SIZE], home[QMAIL_BUF_SIZE];
+    MYSQL_RES *group, *aliases;
     MailboxRow m;
 
     if (const char *why = mailbox_row(rows, row, &m)) {
         skip_row("mailbox", m.mail_name, nullptr, domain, why);
         return;
     }
-    snprintf(qmail, sizeof(qmail), "%s/%s/%s/.qmail", panel_config.QMAIL_MAILNAMES_D, d->ascii, m.mail_name);
+    mailbox_lists(pass->conn, &m, &group, &aliases);
+    mail_path(qmail, d->ascii, m.mail_name, DELIVERY_FILE);
+    mail_path(home, d->ascii, m.mail_name, nullptr);
     if (held_file_take_rebuilt(d->fx, qmail) != 0)
         report(1, "Unable to lock %s for the rebuild", qmail);
     /* A mailbox whose directories are in the way of a foreign object keeps
      * its records but none of its files on disk changes. */
     int tree_skipped = add_mailbox(d, m.mail_name) != 0;
     run_count(RUN_MAILBOXES);
-    check_seen_mailbox(m.mail_name);
+    d->fx->panel_has(home);
     if (m.postbox) {
         const char *hash = m.plain != nullptr ? read_ahead_hash(i, m.plain) : m.password;
-        hash = check_known_hash(d->ascii, m.mail_name, m.plain, hash);
-        add_postbox(d, m.mail_name, hash, disabled, full_names_required);
+        add_postbox(d, m.mail_name, d->fx->login_hash(home, m.plain, hash), disabled,
+                    pass->full_names_required);
     }
     if (m.redirect)
         add_forward(d, m.mail_name, m.redir_addr, m.redir_addr_rule);
-    if (m.mail_group) {
-        MYSQL_RES *res = run_query(d->db, mailgroup_query(m.id, query),
-                                   "Unable to query mailgroup members: %s");
-        while (MYSQL_ROW r = mysql_fetch_row(res))
-            add_forward(d, m.mail_name, r[0], value_rule(res, r, check_address));
-        mysql_free_result(res);
-    }
+    while (MYSQL_ROW r = group != nullptr ? mysql_fetch_row(group) : nullptr)
+        add_forward(d, m.mail_name, r[0], value_rule(group, r, check_address));
+    if (group != nullptr)
+        mysql_free_result(group);
     if (m.autoresponder)
         add_autoresponder(d, m.mail_name);
     if (!tree_skipped)
         apply_quota(d, m.mail_name, m.mbox_quota);
-    MYSQL_RES *res = run_query(d->db, mail_aliases_query(m.id, query), "Unable to query alias for mail: %s");
-    while (MYSQL_ROW r = mysql_fetch_row(res)) {
-        if (const char *why = value_rule(res, r, check_mail_name))
+    while (MYSQL_ROW r = mysql_fetch_row(aliases)) {
+        if (const char *why = value_rule(aliases, r, check_mail_name))
             skip_row("mail alias", r[0], m.mail_name, domain, why);
         else if (add_mail_alias(d, m.mail_name, r[0]) == 0)
             run_count(RUN_ALIASES);
     }
-    mysql_free_result(res);
+    mysql_free_result(aliases);
     /* A delivery file that cannot be written ends the run; one that a
      * link or another kind of object keeps standing in the way of (popuser
      * racing the rebuild, or root's link) is left as it is, with a
@@ -194,98 +199,99 @@ static void restore_mailbox(MYSQL_RES *rows, MYSQL_ROW row, size_t i, const Mail
     }
 }
 
-/* restore_domain - domain row number k: domain, policy, quota, aliases,
- * mailboxes */
-static void restore_domain(const Effects *fx, MYSQL *conn, MYSQL_RES *domains, MYSQL_ROW row, size_t k,
-                           int full_names_required)
+/* restore_domain - the domain of row number k: domain, policy, quota,
+ * aliases, mailboxes */
+static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
 {
-    char query[PANEL_QUERY_SIZE];
-    MailDomainRow d;
+    const MailDomainRow *d = &domains->rows[k];
+    DomainFacts facts;
     MailDomain md;
+    char dir[QMAIL_BUF_SIZE];
 
-    if (const char *why = domain_row(domains, row, &d)) {
-        skip_row(nullptr, nullptr, nullptr, d.name, why);
+    if (d->rule != nullptr) {
+        skip_row(nullptr, nullptr, nullptr, d->name, d->rule);
         return;
     }
-    /* What every writer needs of the domain, worked out once. */
-    mail_domain(fx, conn, d.name, &md, "empty domain");
+    if (pass->popuser.uid == 0 && !popuser_lookup(&pass->popuser)) {
+        errno = 0;
+        report(1, "Unable to define UID or GID for user popuser");
+    }
+    /* What every writer needs of the domain, worked out once, and every
+     * question about it asked before the first of its records is written:
+     * a refused one ends the run with the domain's files as they were. */
+    mail_domain(pass->fx, d->name, d->id, &pass->popuser, &md, "empty domain");
+    md.reread_due = &pass->reread_due;
+    domain_facts(pass->conn, d, &facts);
+    read_ahead_domain(domains, facts.mailboxes, k);
     /* A domain whose directory is root's link that cannot be followed
      * keeps its records; its files on disk stay as they are. */
-    int dir_skipped = add_mail_domain(&md, d.disabled) != 0;
+    int dir_skipped = add_mail_domain(&md, d->disabled) != 0;
     run_count(RUN_DOMAINS);
-    /* Every question about the domain itself is asked before the first of
-     * its files (.qmail-default, @mbox.quota) is written, the policy's own
-     * questions last, just before it writes: a refused one ends the run
-     * with the domain's files as they were. */
-    const char *limit_value = get_dom_Limit(d.id, "mbox_quota", conn);
-    std::string limit = limit_value != nullptr ? limit_value : "";
-    MYSQL_RES *aliases = run_query(conn, domain_aliases_query(d.id, query), "Unable to query domain aliases: %s");
-    MYSQL_RES *mailboxes = run_query(conn, mailboxes_query(d.id, query), "Unable to query mailnames: %s");
-    read_ahead_domain(domains, mailboxes, k);
 
     int reject_aliases;
-    const char *policy_refused = restore_nonexist_policy_checked(&md, &reject_aliases);
+    const char *policy_refused = restore_nonexist_policy_checked(&md, &facts.policy, &reject_aliases);
     if (policy_refused != nullptr)
-        skip_row("unknown-recipient policy", nullptr, nullptr, d.name, policy_refused);
+        skip_row("unknown-recipient policy", nullptr, nullptr, d->name, policy_refused);
     if (!dir_skipped)
-        apply_quota(&md, nullptr, limit.c_str());
+        apply_quota(&md, nullptr, facts.limit);
 
-    while (MYSQL_ROW a = mysql_fetch_row(aliases)) {
-        if (const char *why = value_rule(aliases, a, check_domain_name)) {
-            skip_row("domain alias", a[0], nullptr, d.name, why);
+    while (MYSQL_ROW a = mysql_fetch_row(facts.aliases)) {
+        if (const char *why = value_rule(facts.aliases, a, check_domain_name)) {
+            skip_row("domain alias", a[0], nullptr, d->name, why);
             continue;
         }
         add_domain_alias(&md, a[0]);
         run_count(RUN_ALIASES);
         if (reject_aliases)
-            add_reject(fx, a[0]);
+            add_reject(pass->fx, a[0]);
     }
-    mysql_free_result(aliases);
 
-    for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(mailboxes); i++)
-        restore_mailbox(mailboxes, m, i, &md, d.disabled, full_names_required);
-    mysql_free_result(mailboxes);
-    check_domain_done(md.ascii);
+    for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(facts.mailboxes); i++)
+        restore_mailbox(pass, facts.mailboxes, m, i, &md, d->disabled);
+    domain_facts_free(&facts);
+    pass->fx->panel_has(mail_path(dir, md.ascii, nullptr, nullptr));
+    pass->fx->dir_done(dir);
 }
 
-void rebuild_mail_configuration(const Effects *fx)
+void rebuild_mail_configuration(const Effects *fx, MailDomains *domains)
 {
     unsigned gid = lookup_user_ids("qmails", 1);
+    Pass pass = {fx, nullptr, {0, 0}, 0, 0};
 
     if (chdir(panel_config.QMAIL_ROOT_D) != 0)
         report(1, "ERROR: Unable to chdir to qmail dir: %s", strerror(errno));
     shared_files_take(fx);
     prepare_mailnames_dir(fx, gid);
 
-    MYSQL *conn = panel_db_open();
-    if (conn == nullptr)
-        report(1, "Unable to connect to the mysql database");
     /* A query the server refuses ends the run, as one that fails in the
      * middle of a list does: rebox restores a live server, and a refusal
      * read as "no value" would cost configuration that was there before
      * the run (a domain's policy, its quota, users.conf's records).  The
      * shared files are written only at the end, so such a run leaves them
      * as they were.  "No such row" keeps its meaning. */
-    get_refusals_fatal(1);
+    pass.conn = panel_db_open();
+    if (pass.conn == nullptr)
+        report(1, "Unable to connect to the mysql database");
     MYSQL *ahead = panel_db_open();
     if (ahead == nullptr)
         report(1, "Unable to connect to the mysql database");
-    pipeline_open(ahead, conn);
-    int full_names_required = short_pop3_names_allowed(conn) == 0;
+    pipeline_open(ahead, pass.conn);
+    pass.full_names_required = short_pop3_names_allowed(pass.conn) == 0;
 
-    MYSQL_RES *domains = run_query(conn, DOMAINS_QUERY, "Unable to query domains: %s");
+    read_mail_domains(pass.conn, domains);
     read_ahead_start(domains);
-    for (size_t k = 0; MYSQL_ROW d = mysql_fetch_row(domains); k++)
-        restore_domain(fx, conn, domains, d, k, full_names_required);
+    for (size_t k = 0; k < domains->rows.size(); k++)
+        restore_domain(&pass, domains, k);
     read_ahead_stop();
-    mysql_free_result(domains);
     pipeline_close();
     mysql_close(ahead);
 
     if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
-        restore_antivirus_settings(fx, conn);
-    check_pass_done();
+        restore_antivirus_settings(fx, pass.conn);
+    fx->dir_done(panel_config.QMAIL_MAILNAMES_D);
     shared_files_commit();
-    get_refusals_fatal(0);
-    mysql_close(conn);
+    /* Once, after the control files are written. */
+    if (pass.reread_due)
+        fx->signal("qmail-se", 1);
+    mysql_close(pass.conn);
 }

@@ -9,11 +9,14 @@
 #define REBOX_RESTORE_REBUILD_H
 
 #include "fs/effect.h"
+#include "restore/domain_facts.h"
 
 #include <mysql.h>
 
-/* rebuild_mail_configuration - the pass, every change through fx */
-void rebuild_mail_configuration(const Effects *fx);
+/* rebuild_mail_configuration - the pass, every change through fx; the
+ * domains it read are left in domains for the spam-filter pass (the
+ * caller frees them) */
+void rebuild_mail_configuration(const Effects *fx, MailDomains *domains);
 int short_pop3_names_allowed(MYSQL *conn);
 
 #endif

@@ -3,10 +3,8 @@
 #include "restore/shared_files.h"
 
 #include "fs/held_file.h"
-#include "proc/send_sig.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
-#include "runtime/users.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -31,8 +29,6 @@ void shared_files_take(const Effects *fx)
         if (strcmp(name, "/control/rejectnonexist") != 0)
             held_file_reset(path, strcmp(name, "/users/assign") == 0 ? ".\n" : "");
     }
-    kill_by_name_defer(1);
-    users_remember(1);
 }
 
 void shared_files_commit(void)
@@ -41,6 +37,4 @@ void shared_files_commit(void)
     if (held_files_write() != 0)
         report(1, "Unable to write the rebuilt qmail files");
     held_files_release();
-    users_remember(0);
-    kill_by_name_defer(0);
 }

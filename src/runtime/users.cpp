@@ -19,41 +19,14 @@
 static char group_name_buf[4096];
 static char user_name_buf[4096];
 
-/* The users lookup_user_ids() found while remembering is on. */
-#define REMEMBERED_MAX 4
-struct RememberedUser {
-    char name[64];
-    uid_t uid;
-    gid_t gid;
-};
-static RememberedUser remembered[REMEMBERED_MAX];
-static int remembered_count;
-static int remembering;
-
-void users_remember(int on)
-{
-    remembering = on;
-    remembered_count = 0;
-}
-
 unsigned int lookup_user_ids(const char *user, int selector)
 {
-    for (int i = 0; remembering && i < remembered_count; i++)
-        if (strcmp(remembered[i].name, user) == 0)
-            return selector == 0 ? remembered[i].uid : remembered[i].gid;
-
     errno = 0; /* an unknown user leaves it 0: no system error to show */
     struct passwd *pw = getpwnam(user);
 
     if (!pw) {
         report(0, "Unable to getpwnam for user %s", user);
         return 0;
-    }
-    if (remembering && remembered_count < REMEMBERED_MAX && strlen(user) < sizeof(remembered[0].name)) {
-        RememberedUser *r = &remembered[remembered_count++];
-        memcpy(r->name, user, strlen(user) + 1);
-        r->uid = pw->pw_uid;
-        r->gid = pw->pw_gid;
     }
     return selector == 0 ? pw->pw_uid : pw->pw_gid;
 }

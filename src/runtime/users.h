@@ -12,10 +12,6 @@
 /* lookup_user_ids - uid (selector 0) or primary gid (any other selector)
  * of a user; 0 when unknown */
 unsigned int lookup_user_ids(const char *user, int selector);
-/* users_remember - while on, lookup_user_ids() answers a user it has found
- * before from memory instead of reading the user database again (for a
- * long job that gives thousands of files to the same user); off forgets */
-void users_remember(int on);
 /* group_name - a gid's group name, or the gid in decimal, static buffer */
 const char *group_name(gid_t gid);
 /* user_name - a uid's user name, or the uid in decimal, static buffer */

@@ -1,5 +1,6 @@
 /* Tests of the spam-filter pass: spamctl command lines built from the test
  * database, compared whole (the stand-in records argv[1] on). */
+#include "db/connect.h"
 #include "filters/spam.h"
 #include "restore/apply_effects.h"
 
@@ -110,7 +111,11 @@ TEST_F(SpamTest, WholePassSplitsLongListsIntoWholePairs)
         run.push_back("--add-to-whitelist");
         run.push_back("w" + std::to_string(i) + "@x.org");
     }
-    restore_spam_settings(&APPLY_EFFECTS);
+    /* The domains with mail service, as the rebuild hands them over. */
+    const MailDomainRow domains[] = {{"1", "example.com", 0, nullptr}};
+    MYSQL *conn = panel_db_open();
+    ASSERT_NE(conn, nullptr);
+    restore_spam_settings(&APPLY_EFFECTS, conn, domains, 1);
     const Calls pass = {{"start", "--max-children", "5"}, first, second};
     EXPECT_EQ(calls(), pass);
 
@@ -125,6 +130,7 @@ TEST_F(SpamTest, WholePassSplitsLongListsIntoWholePairs)
     EXPECT_EQ(apply_server_spam_settings(&APPLY_EFFECTS, nullptr), -1);
     testdb_exec("UPDATE Components SET version='not_installed'");
     EXPECT_EQ(apply_server_spam_settings(&APPLY_EFFECTS, nullptr), 0);
-    restore_spam_settings(&APPLY_EFFECTS);
+    restore_spam_settings(&APPLY_EFFECTS, conn, domains, 1);
+    mysql_close(conn);
     EXPECT_EQ(calls().size(), 4u);
 }

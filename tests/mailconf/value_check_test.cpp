@@ -65,7 +65,7 @@ TEST(ValueCheck, BounceTextsRunOnlyBouncesaying)
     write_recording_stub(bin + "/bouncesaying", 0);
     PopuserIds ids;
     ASSERT_TRUE(popuser_lookup(&ids));
-    MailDomain d = {&APPLY_EFFECTS, nullptr, "example.com", "example.com", "1", ids.uid, ids.gid};
+    MailDomain d = {&APPLY_EFFECTS, "example.com", "example.com", "1", ids.uid, ids.gid, nullptr};
     for (std::string text : {"$(touch pwned)", "`touch pwned`", "x; touch pwned", "x | touch pwned",
                              "x && touch pwned", "x > pwned", "' ; touch pwned ; '", "\" ; touch pwned \"",
                              "x\ntouch pwned", "x\r\ntouch pwned", "x\\\ntouch pwned", "$HOME ${IFS} $((1+1))",

@@ -1,0 +1,185 @@
+/* domain_facts - the panel's answers about a domain, read once (see
+ * domain_facts.h). */
+#include "restore/domain_facts.h"
+
+#include "db/get.h"
+#include "db/pipeline.h"
+#include "runtime/report.h"
+
+#include <algorithm>
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+
+/* query_domain_limit, query_policy_nul, query_policy - the questions of
+ * the list that are not a list query of panel_rows */
+static const char *query_domain_limit(const char *id, char *buf)
+{
+    return dom_limit_query(id, "mbox_quota", buf, PANEL_QUERY_SIZE);
+}
+
+static const char *query_policy_nul(const char *id, char *buf)
+{
+    snprintf(buf, PANEL_QUERY_SIZE,
+             "SELECT COUNT(*) FROM DomainServices s, Parameters r WHERE s.dom_id='%s' AND "
+             "s.type='mail' AND s.parameters_id=r.id AND r.parameter IN ('nonexist_mail', "
+             "'catch_addr', 'bounce_mess') AND INSTR(r.value, CHAR(0)) > 0",
+             id);
+    return buf;
+}
+
+static const char *query_policy(const char *id, char *buf)
+{
+    return domain_service_parameter_query(id, "mail", "nonexist_mail", buf, PANEL_QUERY_SIZE);
+}
+
+/* The questions asked of every domain, in the order domain_facts() asks
+ * them; domain_facts_prefetch() queues this same list. */
+enum { Q_LIMIT, Q_ALIASES, Q_MAILBOXES, Q_POLICY_NUL, Q_POLICY, Q_COUNT };
+static const char *(*const DOMAIN_QUESTIONS[Q_COUNT])(const char *id, char *buf) = {
+    query_domain_limit, domain_aliases_query, mailboxes_query, query_policy_nul, query_policy,
+};
+
+/* refused - end the process with a refused question's message */
+[[noreturn]] static void refused(MYSQL *conn, const char *format, const char *name)
+{
+    errno = 0; /* the server's error text says why */
+    if (name != nullptr)
+        report(1, format, name, mysql_error(conn));
+    report(1, format, mysql_error(conn));
+    report_exit(1);
+}
+
+/* value - the answer to a one-value question into buf ("" for none) */
+static void value(MYSQL *conn, const char *query, char *buf, const char *format, const char *name)
+{
+    if (get_answer(conn, query, 0, buf) == GET_REFUSED)
+        refused(conn, format, name);
+}
+
+/* rows - the rows of a list question */
+static MYSQL_RES *rows(MYSQL *conn, const char *query, const char *format)
+{
+    MYSQL_RES *res;
+
+    if (pipeline_ask(conn, query, &res) != 0 || res == nullptr)
+        refused(conn, format, nullptr);
+    return res;
+}
+
+/* catch_address - the address a "catch" domain delivers to: its
+ * catch_addr, else its client's e-mail, else the panel administrator's,
+ * else root at the domain */
+static void catch_address(MYSQL *conn, const MailDomainRow *d, char *buf)
+{
+    char query[PANEL_QUERY_SIZE];
+
+    value(conn, domain_service_parameter_query(d->id, "mail", "catch_addr", query, sizeof(query)), buf,
+          GET_PARAMETER_REFUSED, "catch_addr");
+    if (*buf != '\0')
+        return;
+    value(conn, client_email_query(d->id, query, sizeof(query)), buf, GET_CLIENT_EMAIL_REFUSED, nullptr);
+    if (*buf != '\0')
+        return;
+    value(conn, misc_param_query("admin_email", query, sizeof(query)), buf, GET_QUERY_REFUSED, query);
+    if (*buf != '\0')
+        return;
+    errno = 0;
+    report(0, GET_NO_ADMIN_EMAIL);
+    snprintf(buf, QMAIL_BUF_SIZE, "root@%s", d->name);
+}
+
+void domain_facts(MYSQL *conn, const MailDomainRow *d, DomainFacts *facts)
+{
+    char q[Q_COUNT][PANEL_QUERY_SIZE], count[PANEL_QUERY_SIZE];
+    NonexistPolicy *p = &facts->policy;
+
+    for (int i = 0; i < Q_COUNT; i++)
+        DOMAIN_QUESTIONS[i](d->id, q[i]);
+    value(conn, q[Q_LIMIT], facts->limit, GET_DOM_LIMIT_REFUSED, "mbox_quota");
+    facts->aliases = rows(conn, q[Q_ALIASES], "Unable to query domain aliases: %s");
+    facts->mailboxes = rows(conn, q[Q_MAILBOXES], "Unable to query mailnames: %s");
+    if (get_answer(conn, q[Q_POLICY_NUL], 0, count) == GET_REFUSED) {
+        errno = 0;
+        report(1, "Unable to query the unknown-recipient policy of domain id %s: %s\n", d->id,
+               mysql_error(conn));
+    }
+    /* A NUL byte would cut the value at it: such a policy is not read. */
+    p->has_nul = *count != '\0' && strcmp(count, "0") != 0;
+    p->choice[0] = p->value[0] = '\0';
+    if (p->has_nul)
+        return;
+    value(conn, q[Q_POLICY], p->choice, GET_PARAMETER_REFUSED, "nonexist_mail");
+    if (strcmp(p->choice, "catch") == 0)
+        catch_address(conn, d, p->value);
+    else if (strcmp(p->choice, "bounce") == 0)
+        value(conn, domain_service_parameter_query(d->id, "mail", "bounce_mess", q[0], PANEL_QUERY_SIZE),
+              p->value, GET_PARAMETER_REFUSED, "bounce_mess");
+}
+
+void domain_facts_free(DomainFacts *facts)
+{
+    mysql_free_result(facts->aliases);
+    mysql_free_result(facts->mailboxes);
+}
+
+void domain_facts_prefetch(const MailDomainRow *d)
+{
+    char query[PANEL_QUERY_SIZE];
+
+    if (d->rule != nullptr)
+        return;
+    for (const auto question : DOMAIN_QUESTIONS)
+        pipeline_prefetch(question(d->id, query));
+}
+
+void mailbox_lists(MYSQL *conn, const MailboxRow *m, MYSQL_RES **group, MYSQL_RES **aliases)
+{
+    char query[PANEL_QUERY_SIZE];
+
+    *group = m->mail_group ? rows(conn, mailgroup_query(m->id, query), "Unable to query mailgroup members: %s")
+                           : nullptr;
+    *aliases = rows(conn, mail_aliases_query(m->id, query), "Unable to query alias for mail: %s");
+}
+
+void mailbox_lists_prefetch(const MailboxRow *m)
+{
+    char query[PANEL_QUERY_SIZE];
+
+    if (m->mail_group)
+        pipeline_prefetch(mailgroup_query(m->id, query));
+    pipeline_prefetch(mail_aliases_query(m->id, query));
+}
+
+/* id_before - a domain row comes before another by its identifier, a
+ * number: the shorter text first, then the smaller */
+static bool id_before(const MailDomainRow &a, const MailDomainRow &b)
+{
+    size_t la = strlen(a.id), lb = strlen(b.id);
+
+    return la != lb ? la < lb : strcmp(a.id, b.id) < 0;
+}
+
+void read_mail_domains(MYSQL *conn, MailDomains *list)
+{
+    list->res = rows(conn, DOMAINS_QUERY, "Unable to query domains: %s");
+    list->rows.clear();
+    while (MYSQL_ROW row = mysql_fetch_row(list->res)) {
+        list->rows.emplace_back();
+        domain_row(list->res, row, &list->rows.back());
+    }
+    /* The server may hand the rows of the join over in any order (the
+     * plan it picks follows its statistics and indexes): every pass takes
+     * the domains in the order of their identifiers, so that a rerun on an
+     * unchanged panel writes the same lines in the same order and runs
+     * the sibling utilities in the same order. */
+    std::stable_sort(list->rows.begin(), list->rows.end(), id_before);
+}
+
+void free_mail_domains(MailDomains *list)
+{
+    if (list->res != nullptr)
+        mysql_free_result(list->res);
+    list->res = nullptr;
+    list->rows.clear();
+}
