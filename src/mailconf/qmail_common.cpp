@@ -14,21 +14,15 @@
 #include <stdlib.h>
 #include <string.h>
 
-void mail_domain(const Effects *fx, const char *name, const char *id, const PopuserIds *popuser,
-                 MailDomain *d, const char *message)
+void mail_domain(const Effects *fx, const MailDomainRow *r, const PopuserIds *popuser, MailDomain *d,
+                 const char *message)
 {
-    if (name == nullptr || *name == '\0')
+    if (strlen(r->id) >= sizeof(d->id))
         value_refused(message);
-    char *ascii = domain_ascii_valid(name, message);
-    if (strlen(ascii) >= sizeof(d->ascii) || id == nullptr || *id == '\0' || strlen(id) >= sizeof(d->id)) {
-        free(ascii);
-        value_refused(message);
-    }
     d->fx = fx;
-    d->name = name;
-    memcpy(d->ascii, ascii, strlen(ascii) + 1);
-    free(ascii);
-    memcpy(d->id, id, strlen(id) + 1);
+    d->name = r->name;
+    memcpy(d->ascii, r->ascii, sizeof(d->ascii));
+    memcpy(d->id, r->id, strlen(r->id) + 1);
     d->uid = popuser->uid;
     d->gid = popuser->gid;
     d->reread_due = nullptr;

@@ -42,6 +42,7 @@ struct PopuserIds {
 struct MailDomainRow {
     const char *id;   /* decimal ("" when the row has none) */
     const char *name; /* as stored, UTF-8 */
+    char ascii[256];  /* its ASCII form, converted once ("" when it breaks a rule) */
     int disabled;     /* the domain or its mail service is switched off */
     const char *rule; /* the rule the row breaks (it is then skipped), or null */
 };
@@ -63,12 +64,11 @@ struct MailDomain {
     int *reread_due;
 };
 
-/* mail_domain - d worked out for the domain name with identifier id,
- * owned by popuser's ids, its changes to go through fx: a name that is
- * empty, does not convert or cannot stand in a path or record, and an
- * identifier that does not fit, end the process with message */
-void mail_domain(const Effects *fx, const char *name, const char *id, const PopuserIds *popuser,
-                 MailDomain *d, const char *message);
+/* mail_domain - d worked out for the domain row r (a row that breaks no
+ * rule), owned by popuser's ids, its changes to go through fx; an
+ * identifier that does not fit ends the process with message */
+void mail_domain(const Effects *fx, const MailDomainRow *r, const PopuserIds *popuser, MailDomain *d,
+                 const char *message);
 
 /* mail_path - QMAIL_MAILNAMES_D/ascii, then /mail_name and /file where
  * given (null: left out), into buf (QMAIL_BUF_SIZE bytes): the one

@@ -2,6 +2,7 @@
  * panel_rows.h). */
 #include "restore/panel_rows.h"
 
+#include "mailconf/idn.h"
 #include "mailconf/value_check.h"
 #include "restore/finish.h"
 #include "runtime/report.h"
@@ -47,13 +48,26 @@ const char *domain_row(MYSQL_RES *res, MYSQL_ROW row, MailDomainRow *fields)
 
     fields->id = id != nullptr ? id : "";
     fields->name = row[1];
+    fields->ascii[0] = '\0';
     fields->disabled = (row[2] && atoi(row[2]) != 0) || (row[3] && atoi(row[3]) != 0);
     /* The identifier goes into the later queries unquoted: a number or
      * nothing. */
     if (*fields->id == '\0' || fields->id[strspn(fields->id, "0123456789")] != '\0')
-        fields->rule = "no domain id";
-    else
-        fields->rule = column_rule(res, row, 1, check_domain_name);
+        return fields->rule = "no domain id";
+    if ((fields->rule = check_no_nul(row[1], mysql_fetch_lengths(res)[1])) != nullptr)
+        return fields->rule;
+    /* The name is converted here, once: its ASCII form is what every file
+     * and path of the domain holds. */
+    char *ascii = row[1] != nullptr && *row[1] != '\0' ? idn_toascii(row[1]) : nullptr;
+    if (row[1] == nullptr || *row[1] == '\0')
+        fields->rule = "a name must not be empty";
+    else if (ascii == nullptr)
+        fields->rule = "the name does not convert to ASCII";
+    else if ((fields->rule = check_domain_ascii(ascii)) == nullptr && strlen(ascii) >= sizeof(fields->ascii))
+        fields->rule = "the name is too long";
+    if (fields->rule == nullptr)
+        memcpy(fields->ascii, ascii, strlen(ascii) + 1);
+    free(ascii);
     return fields->rule;
 }
 

@@ -219,7 +219,7 @@ static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
     /* What every writer needs of the domain, worked out once, and every
      * question about it asked before the first of its records is written:
      * a refused one ends the run with the domain's files as they were. */
-    mail_domain(pass->fx, d->name, d->id, &pass->popuser, &md, "empty domain");
+    mail_domain(pass->fx, d, &pass->popuser, &md, "empty domain");
     md.reread_due = &pass->reread_due;
     domain_facts(pass->conn, d, &facts);
     read_ahead_domain(domains, facts.mailboxes, k);

@@ -3,6 +3,7 @@
 #include "restore/shared_files.h"
 
 #include "fs/held_file.h"
+#include "mailconf/qmail_common.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 
@@ -11,8 +12,8 @@
 
 /* The shared qmail files, in the order of locking. */
 static const char *const SHARED_FILES[] = {
-    "/control/rcpthosts", "/control/virtualdomains", "/users/assign", "/users/poppasswd",
-    "/control/rejectnonexist",
+    QMAIL_RCPTHOSTS_FILE, QMAIL_VIRTUALDOMAINS_FILE, QMAIL_ASSIGN_FILE, QMAIL_POPPASSWD_FILE,
+    QMAIL_REJECTNONEXIST_FILE,
 };
 
 void shared_files_take(const Effects *fx)
@@ -20,14 +21,14 @@ void shared_files_take(const Effects *fx)
     char path[4096];
 
     for (const char *name : SHARED_FILES) {
-        snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, name);
+        qmail_file_path(path, sizeof(path), name);
         if (held_file_take(fx, path, 1) != 0)
             report(1, "Unable to lock %s for the rebuild", path);
     }
     for (const char *name : SHARED_FILES) {
-        snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, name);
-        if (strcmp(name, "/control/rejectnonexist") != 0)
-            held_file_reset(path, strcmp(name, "/users/assign") == 0 ? ".\n" : "");
+        qmail_file_path(path, sizeof(path), name);
+        if (strcmp(name, QMAIL_REJECTNONEXIST_FILE) != 0)
+            held_file_reset(path, strcmp(name, QMAIL_ASSIGN_FILE) == 0 ? ".\n" : "");
     }
 }
 

@@ -112,7 +112,7 @@ TEST_F(SpamTest, WholePassSplitsLongListsIntoWholePairs)
         run.push_back("w" + std::to_string(i) + "@x.org");
     }
     /* The domains with mail service, as the rebuild hands them over. */
-    const MailDomainRow domains[] = {{"1", "example.com", 0, nullptr}};
+    const MailDomainRow domains[] = {{"1", "example.com", "example.com", 0, nullptr}};
     MYSQL *conn = panel_db_open();
     ASSERT_NE(conn, nullptr);
     restore_spam_settings(&APPLY_EFFECTS, conn, domains, 1);
