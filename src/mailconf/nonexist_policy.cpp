@@ -88,9 +88,8 @@ static int policy_has_nul(const char *domain_id, MYSQL *conn)
     MYSQL_RES *res;
 
     if (pipeline_ask(conn, policy_nul_query(domain_id, query, sizeof(query)), &res) != 0) {
-        errno = 0;
-        report(1, "Unable to query the unknown-recipient policy of domain id %s: %s\n", domain_id,
-               mysql_error(conn));
+        report_plain(1, "Unable to query the unknown-recipient policy of domain id %s: %s\n", domain_id,
+                     mysql_error(conn));
     }
     MYSQL_ROW row = res != nullptr ? mysql_fetch_row(res) : nullptr;
     int found = row != nullptr && row[0] != nullptr && strcmp(row[0], "0") != 0;
@@ -169,8 +168,7 @@ static void put_default(const MailDomain *d, const char *line)
         if (at_in_the_way(errno)) {
             if (errno == ENOLINK)
                 return;
-            errno = 0;
-            report(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
+            report_plain(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
             return;
         }
         if (strcmp(step, "chown") == 0)
@@ -204,9 +202,8 @@ static void apply(const MailDomain *d, const char *policy, const char *value)
         put_default(d, bounce_line(value).c_str());
     } else if (strcmp(policy, "catch") == 0) {
         if (const char *why = catch_line(value, line)) {
-            errno = 0;
-            report(1, "%s(%s) failed: %s", "idn_email_toascii_safe", value_printable(value, shown, sizeof(shown)),
-                   why);
+            report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe", value_printable(value, shown, sizeof(shown)),
+                         why);
         }
         reject_line(d->fx, d->ascii, 0);
         put_default(d, line);
@@ -259,8 +256,7 @@ int restore_nonexist_policy(const MailDomain *d)
 static char *reject_ascii(const char *domain)
 {
     if (domain == nullptr || *domain == '\0') {
-        errno = 0;
-        report(1, "set_reject: empty domain");
+        report_plain(1, "set_reject: empty domain");
     }
     return domain_ascii_valid(domain, "set_reject: empty domain");
 }
@@ -315,9 +311,8 @@ int set_catch_all(const MailDomain *d, const char *address)
      * program, a file or a special instruction, ends the process with the
      * conversion's message, before anything is touched. */
     if (const char *why = catch_line(address, line)) {
-        errno = 0;
-        report(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
-               value_printable(address, shown, sizeof(shown)), why);
+        report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
+                     value_printable(address, shown, sizeof(shown)), why);
     }
     set_reject(d->fx, d->name, 0);
     return add_bounce(d, line);

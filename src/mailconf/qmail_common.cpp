@@ -32,15 +32,13 @@ void mail_domain(const Effects *fx, MYSQL *db, const char *name, MailDomain *d, 
     memcpy(d->ascii, ascii, strlen(ascii) + 1);
     free(ascii);
     if (!popuser_lookup(&ids)) {
-        errno = 0;
-        report(1, "Unable to define UID or GID for user popuser");
+        report_plain(1, "Unable to define UID or GID for user popuser");
     }
     d->uid = ids.uid;
     d->gid = ids.gid;
     const char *id = get_dom_id(d->ascii, db);
     if (id == nullptr || *id == '\0' || strlen(id) >= sizeof(d->id)) {
-        errno = 0;
-        report(1, "Unable to get the database ID of domain %s: its qmail records are left unchanged", name);
+        report_plain(1, "Unable to get the database ID of domain %s: its qmail records are left unchanged", name);
     }
     memcpy(d->id, id, strlen(id) + 1);
 }
@@ -65,8 +63,7 @@ char *domain_ascii(const char *domain)
     char *ascii = idn_toascii(domain);
 
     if (ascii == nullptr) {
-        errno = 0;
-        report(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
+        report_plain(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
     }
     return ascii;
 }
@@ -86,13 +83,11 @@ char *domain_ascii_valid(const char *domain, const char *message)
     return ascii;
 }
 
-/* value_refused - end the process with a writer's invalid-name message;
- * the refusal is about a value, not a failed call, so deliberately no
- * stale errno is appended */
+/* value_refused - end the process with a writer's invalid-name message,
+ * which names no system error: the refusal is about a value */
 void value_refused(const char *message)
 {
-    errno = 0;
-    report(1, "%s", message);
+    report_plain(1, "%s", message);
     report_exit(1);
 }
 

@@ -95,8 +95,7 @@ static MYSQL_RES *run_query(MYSQL *conn, const char *query, const char *failure)
     MYSQL_RES *res;
 
     if (pipeline_ask(conn, query, &res) != 0 || res == nullptr) {
-        errno = 0; /* the server's error text says why */
-        report(1, failure, mysql_error(conn));
+        report_plain(1, failure, mysql_error(conn));
     }
     return res;
 }
@@ -189,8 +188,7 @@ static void restore_mailbox(MYSQL_RES *rows, MYSQL_ROW row, size_t i, const Mail
     } else if (held_file_release(qmail) != 0) {
         if (!at_in_the_way(errno))
             report(1, "Unable to write %s", qmail);
-        errno = 0;
-        report(0, "Skipping %s: a link or another kind of object stands where a file belongs", qmail);
+        report_plain(0, "Skipping %s: a link or another kind of object stands where a file belongs", qmail);
     }
 }
 

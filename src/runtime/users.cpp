@@ -148,7 +148,6 @@ gid_t group_gid_from_text(const char *text)
 {
     int gid = 0;
 
-    errno = 0;
     if (*text == '\0' || !is_all_digits(text))
         return group_gid(text);
     sscanf(text, "%d", &gid);
