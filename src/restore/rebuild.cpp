@@ -257,7 +257,7 @@ void rebuild_mail_configuration(const Effects *fx)
 
     MYSQL *conn = panel_db_open();
     if (conn == nullptr)
-        report(1, "Unable to connect to the mysql database");
+        report_plain(1, "Unable to connect to the mysql database");
     /* A query the server refuses ends the run, as one that fails in the
      * middle of a list does: rebox restores a live server, and a refusal
      * read as "no value" would cost configuration that was there before
@@ -267,7 +267,7 @@ void rebuild_mail_configuration(const Effects *fx)
     get_refusals_fatal(1);
     MYSQL *ahead = panel_db_open();
     if (ahead == nullptr)
-        report(1, "Unable to connect to the mysql database");
+        report_plain(1, "Unable to connect to the mysql database");
     pipeline_open(ahead, conn);
     int full_names_required = short_pop3_names_allowed(conn) == 0;
 

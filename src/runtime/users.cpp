@@ -36,14 +36,21 @@ void users_remember(int on)
     remembered_count = 0;
 }
 
+/* passwd_entry - getpwnam(name), with errno 0 when there is no such user
+ * (getpwnam leaves it alone then) and the lookup's error otherwise */
+static struct passwd *passwd_entry(const char *name)
+{
+    errno = 0;
+    return getpwnam(name);
+}
+
 unsigned int lookup_user_ids(const char *user, int selector)
 {
     for (int i = 0; remembering && i < remembered_count; i++)
         if (strcmp(remembered[i].name, user) == 0)
             return selector == 0 ? remembered[i].uid : remembered[i].gid;
 
-    errno = 0; /* an unknown user leaves it 0: no system error to show */
-    struct passwd *pw = getpwnam(user);
+    struct passwd *pw = passwd_entry(user);
 
     if (!pw) {
         report(0, "Unable to getpwnam for user %s", user);
@@ -82,8 +89,7 @@ const char *user_name(uid_t uid)
 
 uid_t user_uid(const char *name)
 {
-    errno = 0;
-    struct passwd *pw = getpwnam(name);
+    struct passwd *pw = passwd_entry(name);
 
     if (!pw) {
         report(0, "Unable to find uid for user %s", name);
@@ -104,8 +110,7 @@ gid_t group_gid_if_exists(gid_t gid)
 
 int user_info(const char *name, uid_t *uid, gid_t *gid, char **home)
 {
-    errno = 0;
-    struct passwd *pw = getpwnam(name);
+    struct passwd *pw = passwd_entry(name);
 
     if (!pw) {
         report(0, "Unable to getpwnam for user %s", name);
