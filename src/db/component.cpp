@@ -28,39 +28,30 @@ void get_component_version(const char *name, char *out, size_t size)
 
     conn = panel_db_open();
     if (conn == nullptr) {
-        errno = 0;
-        report(1, "Unable to connect to the Vardo database");
+        report_plain(1, "Unable to connect to the Vardo database");
     }
     escaped = db_escape(conn, name);
     snprintf(query, sizeof(query), "SELECT version FROM Components WHERE name = '%s'", escaped);
     free(escaped);
 
     if (mysql_query(conn, query) != 0) {
-        errno = 0;
-        report(1, "Error during mysql_query: %s", mysql_error(conn));
+        report_plain(1, "Error during mysql_query: %s", mysql_error(conn));
     }
     res = mysql_store_result(conn);
     if (res == nullptr) {
-        errno = 0;
-        report(1, "Error during mysql_store_result: %s", mysql_error(conn));
+        report_plain(1, "Error during mysql_store_result: %s", mysql_error(conn));
     }
     rows = mysql_num_rows(res);
-    /* What the table holds is no system failure: no stale system error
-     * text behind these messages. */
-    if (rows != 1)
-        errno = 0;
     if (rows > 1)
-        report(1, "Duplicate record in Components table for package %s", name);
+        report_plain(1, "Duplicate record in Components table for package %s", name);
     if (rows == 0)
-        report(1, "Package '%s' is not found in Components table", name);
+        report_plain(1, "Package '%s' is not found in Components table", name);
     row = mysql_fetch_row(res);
     if (row == nullptr) {
-        errno = 0;
-        report(1, "Error during mysql_fetch_row: %s", mysql_error(conn));
+        report_plain(1, "Error during mysql_fetch_row: %s", mysql_error(conn));
     }
     if (row[0] == nullptr) {
-        errno = 0;
-        report(1, "NULL version for package '%s' in database", name);
+        report_plain(1, "NULL version for package '%s' in database", name);
     }
     if (size > 0) {
         strncpy(out, row[0], size - 1);

@@ -171,8 +171,7 @@ MYSQL *panel_db_open(void)
     err[0] = '\0';
     conn = db_open_session(err, sizeof(err));
     if (conn == nullptr) {
-        errno = 0; /* err holds the whole reason, a system error's text included */
-        report(0, "%s", err);
+        report_plain(0, "%s", err);
     }
     return conn;
 }
@@ -205,8 +204,7 @@ int db_check_plain(const char *member, const char *value, int exit_status)
         return 1;
     /* A quote or backslash would change the statement's meaning: the value
      * is refused before any database work and nothing is sent. */
-    errno = 0;
-    report(exit_status, "%s(): refusing a value holding a quote or backslash: %s",
-           member, value);
+    report_plain(exit_status, "%s(): refusing a value holding a quote or backslash: %s",
+                 member, value);
     return 0;
 }

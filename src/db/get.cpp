@@ -45,9 +45,8 @@ static MYSQL *open_own(const char *connect_msg)
     err[0] = '\0';
     conn = db_open_session(err, sizeof(err));
     if (conn == nullptr) {
-        errno = 0;
-        report(0, "%s", err);
-        report(0, "%s", connect_msg);
+        report_plain(0, "%s", err);
+        report_plain(0, "%s", connect_msg);
     }
     return conn;
 }
@@ -95,11 +94,10 @@ static const char *ask_text(const char *query, char *buf, MYSQL *conn, unsigned 
     if (c == nullptr)
         return nullptr;
     if (get_answer(c, query, column, buf) == GET_REFUSED) {
-        errno = 0;
         if (fail_name != nullptr)
-            report(0, fail_format, fail_name, mysql_error(c));
+            report_plain(0, fail_format, fail_name, mysql_error(c));
         else
-            report(0, fail_format, mysql_error(c));
+            report_plain(0, fail_format, mysql_error(c));
         close_own(c, conn);
         return nullptr;
     }
@@ -124,14 +122,12 @@ int get_dom_status(const char *dom_id, unsigned *status, MYSQL *conn)
     if (!db_check_plain(__func__, dom_id, 0))
         return -1;
     if (conn == nullptr) {
-        errno = 0;
-        report(0, fail, dom_id, "no database connection");
+        report_plain(0, fail, dom_id, "no database connection");
         return -1;
     }
     snprintf(query, sizeof(query), "select status from domains where id=\"%s\"", dom_id);
     if (mysql_real_query(conn, query, strlen(query)) != 0) {
-        errno = 0;
-        report(0, fail, dom_id, mysql_error(conn));
+        report_plain(0, fail, dom_id, mysql_error(conn));
         return -1;
     }
     res = mysql_store_result(conn);
@@ -139,16 +135,14 @@ int get_dom_status(const char *dom_id, unsigned *status, MYSQL *conn)
     if (row == nullptr) {
         if (res != nullptr)
             mysql_free_result(res);
-        errno = 0;
-        report(0, "Unable to get status for domain with id=\"%s\": such domain is not exist.", dom_id);
+        report_plain(0, "Unable to get status for domain with id=\"%s\": such domain is not exist.", dom_id);
         return -2;
     }
     parsed = row[0] != nullptr && sscanf(row[0], "%u", status) == 1;
     mysql_free_result(res);
     if (!parsed) {
-        errno = 0;
-        report(0, "Unable to get status for domain with id=\"%s\": error translate status value "
-                  "from char to unsigned int.", dom_id);
+        report_plain(0, "Unable to get status for domain with id=\"%s\": error translate status value "
+                        "from char to unsigned int.", dom_id);
         return -3;
     }
     return 0;
@@ -163,8 +157,7 @@ int get_client_id_by_domain(const char *dom_id, MYSQL *conn)
     if (!db_check_plain(__func__, dom_id, 0))
         return 0;
     if (conn == nullptr) {
-        errno = 0;
-        report(0, fail, "no database connection");
+        report_plain(0, fail, "no database connection");
         return 0;
     }
     snprintf(buf, sizeof(buf), "select c.id from domains d, clients c \t\t\t\t\t\t\t\t\t"
@@ -247,15 +240,13 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
         return nullptr;
     dom_id_query(name, buf, sizeof(buf));
     if (get_answer(c, buf, 0, buf) == GET_REFUSED) {
-        errno = 0;
-        report(1, "Unable to query domain ID: %s\n", mysql_error(c));
+        report_plain(1, "Unable to query domain ID: %s\n", mysql_error(c));
     }
     close_own(c, given);
     if (buf[0] == '\0') {
         if (quiet)
             return nullptr;
-        errno = 0; /* an absent row is no system failure */
-        report(1, "get_dom_id(): domains record not found in DB for '%s'\n", name);
+        report_plain(1, "get_dom_id(): domains record not found in DB for '%s'\n", name);
     }
     return buf;
 }
@@ -278,14 +269,12 @@ const char *get_exist_case_dom_name(const char *name)
     err[0] = '\0';
     conn = db_open_session(err, sizeof(err));
     if (conn == nullptr) {
-        errno = 0;
-        report(0, "%s", err);
-        report(1, "%s", CONNECT_MSG);
+        report_plain(0, "%s", err);
+        report_plain(1, "%s", CONNECT_MSG);
     }
     snprintf(buf, sizeof(buf), "select name from domains where name='%s'", name);
     if (get_answer(conn, buf, 0, buf) == GET_REFUSED) {
-        errno = 0;
-        report(1, "Unable to query domain name: %s\n", mysql_error(conn));
+        report_plain(1, "Unable to query domain name: %s\n", mysql_error(conn));
     }
     mysql_close(conn);
     /* Stored names are never empty: "" is no row or a NULL name. */
@@ -329,8 +318,7 @@ static int has_rows(MYSQL *conn, const char *query, const char *fail_format)
 
     if (mysql_real_query(conn, query, strlen(query)) != 0 ||
         (res = mysql_store_result(conn)) == nullptr) {
-        errno = 0;
-        report(0, fail_format, mysql_error(conn));
+        report_plain(0, fail_format, mysql_error(conn));
         return -1;
     }
     found = mysql_fetch_row(res) != nullptr;
@@ -477,8 +465,7 @@ const char *get_client_email(const char *dom_id, MYSQL *conn)
         /* The client has no e-mail of its own: the panel administrator's. */
         admin_email = get_param_simple("admin_email", "misc", "param", "val", c);
         if (admin_email == nullptr || admin_email[0] == '\0') {
-            errno = 0;
-            report(0, GET_NO_ADMIN_EMAIL);
+            report_plain(0, GET_NO_ADMIN_EMAIL);
             close_own(c, conn);
             return nullptr;
         }

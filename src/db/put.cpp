@@ -29,8 +29,7 @@ static MYSQL *open_own(MYSQL *conn, const char *connect_msg)
         return conn;
     c = panel_db_open();
     if (c == nullptr) {
-        errno = 0;
-        report(0, "%s", connect_msg);
+        report_plain(0, "%s", connect_msg);
     }
     return c;
 }
@@ -43,8 +42,7 @@ static int send_statement(MYSQL *c, MYSQL *given, const char *statement, const c
     int rc = 0;
 
     if (mysql_real_query(c, statement, strlen(statement)) != 0) {
-        errno = 0;
-        report(0, fail_format, name, mysql_error(c));
+        report_plain(0, fail_format, name, mysql_error(c));
         rc = -1;
     }
     if (given == nullptr)
@@ -75,8 +73,7 @@ static int value_given(const char *member, const char *name, const char *value)
 {
     if (value != nullptr)
         return 1;
-    errno = 0;
-    report(0, "%s(): no value given for parameter %s; nothing stored", member, name);
+    report_plain(0, "%s(): no value given for parameter %s; nothing stored", member, name);
     return 0;
 }
 
@@ -88,8 +85,7 @@ int put_dom_status(const char *dom_id, unsigned status, MYSQL *conn)
     if (!db_check_plain(__func__, dom_id, 0))
         return -1;
     if (conn == nullptr) {
-        errno = 0;
-        report(0, fail, dom_id, "no database connection");
+        report_plain(0, fail, dom_id, "no database connection");
         return -1;
     }
     snprintf(statement, sizeof(statement), "update domains set status=%u where id=\"%s\"",

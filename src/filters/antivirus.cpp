@@ -110,10 +110,12 @@ int add_antivirus_record(const Effects *fx, const char *domain, const char *loca
     snprintf(address, sizeof address, "%s@%s", local_part, domain);
     /* A record cut by the buffer would lose the pattern's end: not written,
      * with no system error behind the message. */
-    errno = 0;
     if (snprintf(record, sizeof record, "allow\t%s\tregex\t^%s$", direction, address)
-            >= static_cast<int>(sizeof record)
-        || file_str(fx, path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        >= static_cast<int>(sizeof record)) {
+        report_plain(0, "Unable to add record for '%s' to '%s' file", address, path);
+        return -1;
+    }
+    if (file_str(fx, path, record, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
         report(0, "Unable to add record for '%s' to '%s' file", address, path);
         return -1;
     }
@@ -133,12 +135,11 @@ static int av_row_usable(MYSQL_RES *res, MYSQL_ROW row)
     char local[VALUE_PRINTABLE_SIZE], domain[VALUE_PRINTABLE_SIZE];
 
     if (!(row[0] && row[1] && row[2])) {
-        errno = 0;
         if (row[1] && !row[2])
-            report(0, "Skipping antivirus record for '%s': no domain name",
-                   value_printable(row[1], local, sizeof local));
+            report_plain(0, "Skipping antivirus record for '%s': no domain name",
+                         value_printable(row[1], local, sizeof local));
         else
-            report(0, "Skipping antivirus record: incomplete database row");
+            report_plain(0, "Skipping antivirus record: incomplete database row");
         return 0;
     }
     const unsigned long *lengths = mysql_fetch_lengths(res);
@@ -151,10 +152,9 @@ static int av_row_usable(MYSQL_RES *res, MYSQL_ROW row)
         why = check_domain_name(row[2]);
     if (why == nullptr)
         return 1;
-    errno = 0;
-    report(0, "Skipping antivirus record of mailbox '%s' of mail domain '%s': %s",
-           value_printable(row[1], local, sizeof local),
-           value_printable(row[2], domain, sizeof domain), why);
+    report_plain(0, "Skipping antivirus record of mailbox '%s' of mail domain '%s': %s",
+                 value_printable(row[1], local, sizeof local),
+                 value_printable(row[2], domain, sizeof domain), why);
     return 0;
 }
 
@@ -169,8 +169,7 @@ static void av_run_query(const Effects *fx, MYSQL *conn, const char *query, cons
 
     if (mysql_real_query(conn, query, strlen(query)) != 0
         || (res = mysql_store_result(conn)) == nullptr) {
-        errno = 0;
-        report(1, failure, mysql_error(conn));
+        report_plain(1, failure, mysql_error(conn));
     }
     while ((row = mysql_fetch_row(res)) != nullptr) {
         if (av_row_usable(res, row))

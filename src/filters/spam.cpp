@@ -39,8 +39,7 @@ static MYSQL_RES *spam_query(MYSQL *conn, const char *query)
 /* settings_failed - the report for any failed query of one record */
 static int settings_failed(const char *name, MYSQL *conn)
 {
-    errno = 0;
-    report(0, "Unable to get spamassassin settings for '%s': %s", name, mysql_error(conn));
+    report_plain(0, "Unable to get spamassassin settings for '%s': %s", name, mysql_error(conn));
     return -1;
 }
 
@@ -70,8 +69,7 @@ static const char *misc_value(MYSQL *conn, const char *name, char *buf)
 
     misc_param_query(name, query, sizeof query);
     if (get_answer(conn, query, 0, buf) == GET_REFUSED) {
-        errno = 0;
-        report(1, GET_QUERY_REFUSED, query, mysql_error(conn));
+        report_plain(1, GET_QUERY_REFUSED, query, mysql_error(conn));
     }
     return buf;
 }
@@ -142,9 +140,8 @@ static int add_sensitivity(ArgVec *vec, MYSQL *conn, const char *name, const cha
         return settings_failed(name, conn);
     if ((row = mysql_fetch_row(res)) != nullptr && row[0] != nullptr && row[0][0] != '\0') {
         if (const char *why = value_rule(res, row, 0)) {
-            errno = 0;
-            report(0, "Skipping the required_score of the spam filter settings for '%s': %s", name,
-                   why);
+            report_plain(0, "Skipping the required_score of the spam filter settings for '%s': %s", name,
+                         why);
         } else {
             argv_add(vec, "--sensitivity");
             argv_add(vec, row[0]);
@@ -172,9 +169,8 @@ static int add_header_rewrite(ArgVec *vec, MYSQL *conn, const char *name, const 
     if ((row = mysql_fetch_row(res)) != nullptr) {
         const char *why = row[0] != nullptr ? value_rule(res, row, 0) : nullptr;
         if (why != nullptr) {
-            errno = 0;
-            report(0, "Skipping the rewrite_header of the spam filter settings for '%s': %s", name,
-                   why);
+            report_plain(0, "Skipping the rewrite_header of the spam filter settings for '%s': %s", name,
+                         why);
         } else if (row[0] == nullptr || row[0][0] == '\0') {
             argv_add(vec, "--not-modify-header");
         } else {
@@ -206,20 +202,17 @@ static int list_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *option,
                            int32_t prefix_count, size_t prefix_used, const char *name)
 {
     if (row[0] == nullptr || row[1] == nullptr || row[1][0] == '\0') {
-        errno = 0;
-        report(0, "Skipping empty %s entry of the spam filter settings for '%s'",
-               row[0] ? row[0] : "list", name);
+        report_plain(0, "Skipping empty %s entry of the spam filter settings for '%s'",
+                     row[0] ? row[0] : "list", name);
         return 0;
     }
     if (const char *why = value_rule(res, row, 1)) {
-        errno = 0;
-        report(0, "Skipping %s entry of the spam filter settings for '%s': %s", row[0], name, why);
+        report_plain(0, "Skipping %s entry of the spam filter settings for '%s': %s", row[0], name, why);
         return 0;
     }
     if (!pair_fits_alone(prefix_count, prefix_used, option, row[1])) {
-        errno = 0;
-        report(0, "Skipping %s entry of the spam filter settings for '%s': too long", row[0],
-               name);
+        report_plain(0, "Skipping %s entry of the spam filter settings for '%s': too long", row[0],
+                     name);
         return 0;
     }
     return 1;
@@ -349,15 +342,13 @@ int apply_spam_settings(const Effects *fx, const char *name, MYSQL *conn)
         return -1;
     }
     if (name == nullptr || name[0] == '\0') {
-        errno = 0;
-        report(0, "empty full mailname");
+        report_plain(0, "empty full mailname");
         return -1;
     }
     if (conn == nullptr) {
         own = panel_db_open();
         if (own == nullptr) {
-            errno = 0;
-            report(0, "Unable to connect to mysql database\n");
+            report_plain(0, "Unable to connect to mysql database\n");
             return -1;
         }
         conn = own;
@@ -379,8 +370,7 @@ int apply_mailbox_spam_settings(const Effects *fx, const char *local_part, const
 
     if (local_part == nullptr || local_part[0] == '\0' || domain == nullptr
         || domain[0] == '\0') {
-        errno = 0;
-        report(0, "empty mailname or maildomain");
+        report_plain(0, "empty mailname or maildomain");
         return -1;
     }
     snprintf(name, sizeof name, "%s@%s", local_part, domain);
@@ -398,10 +388,9 @@ static int mailbox_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *domain)
         why = check_mail_name(row[0]);
     if (why == nullptr)
         return 1;
-    errno = 0;
-    report(0, "Skipping spam filter settings of mailbox '%s' of mail domain '%s': %s",
-           value_printable(row[0], shown, sizeof shown), value_printable(domain, dom, sizeof dom),
-           why);
+    report_plain(0, "Skipping spam filter settings of mailbox '%s' of mail domain '%s': %s",
+                 value_printable(row[0], shown, sizeof shown), value_printable(domain, dom, sizeof dom),
+                 why);
     return 0;
 }
 
@@ -416,8 +405,7 @@ void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *
      * skipped here too, each named before the first mailbox is applied. */
     for (size_t k = 0; k < count; k++) {
         if (domains[k].rule != nullptr) {
-            errno = 0;
-            report(0, "Skipping spam filter settings of domain '%s': %s",
+            report_plain(0, "Skipping spam filter settings of domain '%s': %s",
                    value_printable(domains[k].name, shown, sizeof shown), domains[k].rule);
         }
     }
@@ -427,8 +415,7 @@ void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *
             continue;
         snprintf(query, sizeof query, "SELECT mail_name FROM mail WHERE dom_id=%s", d->id);
         if ((mailboxes = spam_query(conn, query)) == nullptr) {
-            errno = 0;
-            report(1, "Unable to query mailnames: %s", mysql_error(conn));
+            report_plain(1, "Unable to query mailnames: %s", mysql_error(conn));
         }
         while ((box = mysql_fetch_row(mailboxes)) != nullptr)
             if (mailbox_row_usable(mailboxes, box, d->name))

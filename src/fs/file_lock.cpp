@@ -104,8 +104,8 @@ static FileLock *file_lock_open(const char *path, int open_flags, int operation,
          * named after the hash alone for the caller's messages. */
         lock->path = xasprintf("%s", md5_hex("", path));
         lock->fd = -1;
-        errno = 0;
-        report(0, "Error: PRODUCT_ROOT_D not defined\n");
+        report_plain(0, "Error: PRODUCT_ROOT_D not defined\n");
+        errno = 0; /* a failed handle leaves its cause in errno: here none */
         return lock;
     }
     lock->fd = off_descriptor_zero(open(lock->path, open_flags, LOCK_FILE_MODE));

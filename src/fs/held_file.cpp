@@ -99,8 +99,8 @@ static int hold(const Effects *fx, const char *path, int durable, int rebuilt)
     if (find_held(path))
         return 0;
     if (held_count == HELD_MAX) {
-        errno = 0;
-        report(0, "Unable to hold %s: too many files held\n", path);
+        report_plain(0, "Unable to hold %s: too many files held\n", path);
+        errno = 0; /* a failed hold leaves its cause in errno: here none */
         return 1;
     }
     FileLock *lock = rebuilt ? nullptr : take_lock(fx, path);

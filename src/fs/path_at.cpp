@@ -381,9 +381,8 @@ int apply_set_aside(PathAt *at, const char *kind)
         errno = ELOOP;
         return -1;
     }
-    errno = 0;
-    report(0, "Replacing %s: a link or another kind of object stood where a %s belongs",
-           at->path, kind);
+    report_plain(0, "Replacing %s: a link or another kind of object stood where a %s belongs",
+                 at->path, kind);
     if (remove_tree_at(at->dir, aside) != 0)
         report(0, "Unable to remove what stood at %s, left beside it as %s: %s", at->path, aside,
                strerror(errno));

@@ -74,8 +74,7 @@ void deferred_remove(const Effects *fx, const char *dir)
         }
     }
     if (base == nullptr) {
-        errno = 0; /* a refusal, not a system error */
-        report(1, "deferred_remove(): not supported directory for deferred remove: %s\n", dir);
+        report_plain(1, "deferred_remove(): not supported directory for deferred remove: %s\n", dir);
     }
     if (stat(dir, &st) != 0)
         report(1, "deferred_remove(): can't stat directory, skip it.\n");
@@ -83,8 +82,7 @@ void deferred_remove(const Effects *fx, const char *dir)
     int n = snprintf(deferred, sizeof(deferred), "%s/%sXXXXXX", base, DEFERRED_PREFIX);
     if (n < 0 || static_cast<size_t>(n) >= sizeof(deferred) || fill_unique_name(deferred) != 0)
         report(1, "deferred_remove(): Unable create filename for delete directory\n");
-    errno = 0;
-    report(0, "deferred_remove(): rename dir %s to %s\n", dir, deferred);
+    report_plain(0, "deferred_remove(): rename dir %s to %s\n", dir, deferred);
     PathAt from, to;
     int rc = -1;
     if (path_at(fx, dir, &from) == 0) {
@@ -102,8 +100,8 @@ int apply_move(PathAt *from, PathAt *to)
 {
     if (renameat2(from->dir, from->name, to->dir, to->name, RENAME_NOREPLACE) != 0) {
         if (errno == EEXIST) {
-            errno = 0;
-            report(0, "Directory rename error: target directory %s already exists.\n", to->path);
+            report_plain(0, "Directory rename error: target directory %s already exists.\n", to->path);
+            errno = 0; /* reported here: no cause left for the caller's message */
         } else {
             report(0, "Remaming %s to %s failed: %s\n", from->path, to->path, strerror(errno));
         }

@@ -50,8 +50,7 @@ int add_postbox(const MailDomain *d, const char *mail_name, const char *password
     if (put_qmail_line(d, path, "./Maildir/") != 0) {
         int failure = errno; /* the undo below may change errno */
         remove_postbox(d, mail_name);
-        errno = failure;
-        report(1, "Unable to add string to %s file.", path);
+        report_errno(failure, 1, "Unable to add string to %s file.", path);
     }
     give_to_popuser(path, d);
     return 0;
@@ -86,16 +85,14 @@ int add_forward_address(const MailDomain *d, const char *mail_name, const char *
 
     char *converted = idn_email_toascii(address);
     if (converted == nullptr) {
-        errno = 0;
-        report(1, "idn_email_toascii() failed: %s", idn_error_text(idn_last_error));
+        report_plain(1, "idn_email_toascii() failed: %s", idn_error_text(idn_last_error));
     }
     /* An address that would make the line a program, a file, a special
      * instruction or no address at all is refused with the message of an
      * address that does not convert, naming the rule it breaks. */
     if (const char *why = check_forward_address(converted)) {
         free(converted);
-        errno = 0;
-        report(1, "idn_email_toascii() failed: %s", why);
+        report_plain(1, "idn_email_toascii() failed: %s", why);
     }
     snprintf(line, sizeof(line), "&%s", converted);
     free(converted);
@@ -122,8 +119,7 @@ int add_mail_alias(const MailDomain *d, const char *mail_name, const char *alias
     char record[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
 
     if (!mail_name_valid(mail_name) || !mail_name_valid(alias)) {
-        errno = 0;
-        report(1, "empty mailname, maildomainor or mailalias");
+        report_plain(1, "empty mailname, maildomainor or mailalias");
     }
     char home[QMAIL_BUF_SIZE];
     snprintf(record, sizeof(record), "=%s-%s:popuser:%d:%d:%s:::", d->id, alias, static_cast<int>(d->uid),

@@ -28,12 +28,10 @@ static void format_wildcard_record(char *buf, const char *id, const PopuserIds *
  * a step failed: its wildcard record (record), its rcpthosts line (ascii,
  * when added) and its directory when this run made it (still empty then).
  * Nothing that was there before the run is removed: a failed step must
- * never cost a domain its mailboxes.  errno stays the failed step's, for
- * the message that follows. */
+ * never cost a domain its mailboxes. */
 static void undo_domain(const MailDomain *d, const char *dir, int made, const char *record, const char *ascii)
 {
     char path[QMAIL_BUF_SIZE];
-    int failure = errno;
 
     if (record != nullptr) {
         qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
@@ -45,7 +43,6 @@ static void undo_domain(const MailDomain *d, const char *dir, int made, const ch
     }
     if (made)
         path_rmdir(d->fx, dir);
-    errno = failure;
 }
 
 int add_mail_domain(const MailDomain *d, int disabled)
@@ -65,11 +62,10 @@ int add_mail_domain(const MailDomain *d, int disabled)
          * left as they are. */
         if (errno == ENOLINK) {
             int why = trusted_link_error();
-            errno = 0;
-            report(0, "Skipping the mail directory of %s: the link %s cannot be followed: %s", name, dir,
-                   why == EINVAL   ? "its target is not an absolute path without \"..\""
-                   : why == EPERM ? "another user may change a directory on its way"
-                                  : strerror(why));
+            report_plain(0, "Skipping the mail directory of %s: the link %s cannot be followed: %s", name, dir,
+                         why == EINVAL   ? "its target is not an absolute path without \"..\""
+                         : why == EPERM ? "another user may change a directory on its way"
+                                        : strerror(why));
             skipped = 1;
         } else {
             /* make_dir has reported the cause. */
@@ -91,8 +87,9 @@ int add_mail_domain(const MailDomain *d, int disabled)
     if (file_str(d->fx, path, ascii, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove domain record from rcpthosts file");
     if (!disabled && file_str(d->fx, path, ascii, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        int failure = errno;
         undo_domain(d, dir, made, record, nullptr);
-        report(1, "Unable to add domain record to rcpthosts.");
+        report_errno(failure, 1, "Unable to add domain record to rcpthosts.");
     }
 
     snprintf(line, sizeof(line), "%s:%s\n", ascii, id);
@@ -100,8 +97,9 @@ int add_mail_domain(const MailDomain *d, int disabled)
     if (file_str(d->fx, path, line, FILE_STR_REMOVE, 1) != 0)
         report(0, "Unable to remove record from virtualdomains.");
     if (!disabled && file_str(d->fx, path, line, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
+        int failure = errno;
         undo_domain(d, dir, made, record, ascii);
-        report(1, "Unable to add record to virtualdomains.");
+        report_errno(failure, 1, "Unable to add record to virtualdomains.");
     }
 
     /* Let the running mail system reread its control files. */

@@ -16,8 +16,7 @@ int add_domain_alias(const MailDomain *d, const char *alias)
     const char *id = d->id;
 
     if (alias == nullptr || *alias == '\0') {
-        errno = 0;
-        report(1, "empty domain or domain alias");
+        report_plain(1, "empty domain or domain alias");
     }
     char *alias_ascii = domain_ascii_valid(alias, "empty domain or domain alias");
 
@@ -28,8 +27,7 @@ int add_domain_alias(const MailDomain *d, const char *alias)
         int failure = errno; /* the undo below may change errno */
         free(alias_ascii);
         remove_domain_alias(d, alias);
-        errno = failure;
-        report(1, "Unable to add domain record alias to rcpthosts.");
+        report_errno(failure, 1, "Unable to add domain record alias to rcpthosts.");
     }
 
     snprintf(line, sizeof(line), "%s:%s\n", alias_ascii, id);
@@ -40,8 +38,7 @@ int add_domain_alias(const MailDomain *d, const char *alias)
     if (file_str(d->fx, path, line, FILE_STR_ADD, FILE_STR_AT_END) != 0) {
         int failure = errno; /* the undo below may change errno */
         remove_domain_alias(d, alias);
-        errno = failure;
-        report(1, "Unable to add domain record alias to virtualdomains.");
+        report_errno(failure, 1, "Unable to add domain record alias to virtualdomains.");
     }
 
     control_files_changed(d);
@@ -53,8 +50,7 @@ int remove_domain_alias(const MailDomain *d, const char *alias)
     char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
 
     if (alias == nullptr || *alias == '\0') {
-        errno = 0;
-        report(1, "empty domain or domain alias");
+        report_plain(1, "empty domain or domain alias");
     }
     char *alias_ascii = domain_ascii_valid(alias, "empty domain or domain alias");
 

@@ -105,9 +105,8 @@ char *idn_toascii_safe(const char *name)
     char *out = to_ascii(name);
 
     if (out == nullptr) {
-        errno = 0;
-        report(1, "%s(%s) failed: %s", "idn_toascii_safe", name,
-               idn_error_text(idn_last_error));
+        report_plain(1, "%s(%s) failed: %s", "idn_toascii_safe", name,
+                     idn_error_text(idn_last_error));
     }
     return out;
 }
@@ -131,9 +130,8 @@ char *idn_toutf8_safe(const char *name)
     char *out = idn_toutf8(name);
 
     if (out == nullptr) {
-        errno = 0;
-        report(1, "%s(%s) failed: %s", "idn_toutf8_safe", name,
-               idn_error_text(idn_last_error));
+        report_plain(1, "%s(%s) failed: %s", "idn_toutf8_safe", name,
+                     idn_error_text(idn_last_error));
     }
     return out;
 }
@@ -160,9 +158,8 @@ char *idn_email_toascii_safe(const char *address)
     char *out = idn_email_toascii(address);
 
     if (out == nullptr) {
-        errno = 0;
-        report(1, "%s(%s) failed: %s", "idn_email_toascii_safe", address,
-               idn_error_text(idn_last_error));
+        report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe", address,
+                     idn_error_text(idn_last_error));
     }
     return out;
 }
@@ -198,23 +195,20 @@ const char *idn_url_toascii(const char *url)
     rc = regcomp(&re, URL_PATTERN, REG_EXTENDED);
     if (rc != 0) {
         regerror(rc, &re, errbuf, sizeof(errbuf));
-        errno = 0;
-        report(1, "regcomp() failed: %s", errbuf);
+        report_plain(1, "regcomp() failed: %s", errbuf);
     }
     rc = regexec(&re, url, 5, m, 0);
     if (rc != 0) {
         regerror(rc, &re, errbuf, sizeof(errbuf));
         regfree(&re);
-        errno = 0;
-        report(0, "regexec() failed: %s", errbuf);
+        report_plain(0, "regexec() failed: %s", errbuf);
         return nullptr;
     }
     regfree(&re);
 
     size_t host_len = match_length(m[3]);
     if (host_len >= sizeof(result)) {
-        errno = 0;
-        report(0, "idn_url_toascii(): URL too long, over %zu bytes", sizeof(result) - 1);
+        report_plain(0, "idn_url_toascii(): URL too long, over %zu bytes", sizeof(result) - 1);
         return nullptr;
     }
     memcpy(result, url + m[3].rm_so, host_len);
@@ -227,8 +221,7 @@ const char *idn_url_toascii(const char *url)
     if (rc != IDNA_SUCCESS) {
         idn_last_error = rc;
         free(ascii);
-        errno = 0;
-        report(0, "idn_toascii() failed: %s", idn_error_text(rc));
+        report_plain(0, "idn_toascii() failed: %s", idn_error_text(rc));
         return nullptr;
     }
 
@@ -236,8 +229,7 @@ const char *idn_url_toascii(const char *url)
     size_t rest_len = match_length(m[4]), ascii_len = strlen(ascii);
     if (scheme_len + user_len + ascii_len + rest_len >= sizeof(result)) {
         free(ascii);
-        errno = 0;
-        report(0, "idn_url_toascii(): URL too long, over %zu bytes", sizeof(result) - 1);
+        report_plain(0, "idn_url_toascii(): URL too long, over %zu bytes", sizeof(result) - 1);
         return nullptr;
     }
     size_t used = 0;

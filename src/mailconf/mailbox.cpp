@@ -51,16 +51,15 @@ struct Made {
 
 /* undo_and_die - take back the empty directories this call made, newest
  * first, then end the process with the message.  Anything that was there
- * before, mail above all, stays.  errno is kept for the message's system
- * error text. */
+ * before, mail above all, stays.  The message names the failure's system
+ * error (errno at the call). */
 [[noreturn]] static void undo_and_die(const Effects *fx, const Made *made, const char *message)
 {
-    int saved = errno;
+    int failure = errno;
 
     for (int i = made->count - 1; i >= 0; i--)
         fx->remove_dir(made->parent[i], made->name[i]);
-    errno = saved;
-    report(1, "%s", message);
+    report_errno(failure, 1, "%s", message);
     report_exit(1);
 }
 
@@ -82,7 +81,6 @@ static int make_owned_dir(PathAt *at, int parent, const char *name, const Popuse
         *what = "make";
         return -1;
     }
-    errno = 0;
     /* Given away only when it is not popuser's already. */
     if (fd_owner_mode(at->fx, fd, at->path, ids.uid, ids.gid, static_cast<mode_t>(-1), what) != 0) {
         int err = errno;
@@ -102,10 +100,9 @@ static int skip_tree(const char *path)
 {
     if (errno == ENOLINK)
         return 1;
-    errno = 0;
-    report(0, "Skipping the mail directories of %s: a link or another kind of object stands where "
-              "a directory belongs",
-           path);
+    report_plain(0, "Skipping the mail directories of %s: a link or another kind of object stands where "
+                    "a directory belongs",
+                 path);
     return 1;
 }
 
@@ -120,8 +117,7 @@ static void start_qmail(const Effects *fx, int home_fd, const char *home, const 
 
     /* A path cut by the buffer would name another file's lock. */
     if (snprintf(path, sizeof(path), "%s/.qmail", home) >= static_cast<int>(sizeof(path))) {
-        errno = 0;
-        report(1, "Unable to add string to .qmail file\n");
+        report_plain(1, "Unable to add string to .qmail file\n");
     }
     if (held_file_reset(path, "") == 0) {
         held_file_owner(path, ids.uid, ids.gid, 0600);
@@ -235,8 +231,7 @@ int remove_mailbox(const MailDomain *d, const char *mail_name)
     PopuserIds ids = {d->uid, d->gid};
 
     if (!mail_name_valid(mail_name)) {
-        errno = 0;
-        report(1, "empty mailname or maildomain");
+        report_plain(1, "empty mailname or maildomain");
     }
     format_mailbox_record(record, d->id, mail_name, &ids, d->ascii);
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);

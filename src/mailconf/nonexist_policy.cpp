@@ -80,8 +80,7 @@ static void put_default(const MailDomain *d, const char *line)
         if (at_in_the_way(errno)) {
             if (errno == ENOLINK)
                 return;
-            errno = 0;
-            report(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
+            report_plain(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
             return;
         }
         if (strcmp(step, "chown") == 0)
@@ -153,8 +152,7 @@ int restore_nonexist_policy(const MailDomain *d, const NonexistPolicy *p)
 
     if (strcmp(p->choice, "catch") == 0) {
         if (const char *why = catch_line(p->value, line)) {
-            errno = 0;
-            report(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
+            report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
                    value_printable(p->value, shown, sizeof(shown)), why);
         }
     }
@@ -167,8 +165,7 @@ int restore_nonexist_policy(const MailDomain *d, const NonexistPolicy *p)
 static char *reject_ascii(const char *domain)
 {
     if (domain == nullptr || *domain == '\0') {
-        errno = 0;
-        report(1, "set_reject: empty domain");
+        report_plain(1, "set_reject: empty domain");
     }
     return domain_ascii_valid(domain, "set_reject: empty domain");
 }
@@ -223,9 +220,8 @@ int set_catch_all(const MailDomain *d, const char *address)
      * program, a file or a special instruction, ends the process with the
      * conversion's message, before anything is touched. */
     if (const char *why = catch_line(address, line)) {
-        errno = 0;
-        report(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
-               value_printable(address, shown, sizeof(shown)), why);
+        report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
+                     value_printable(address, shown, sizeof(shown)), why);
     }
     set_reject(d->fx, d->name, 0);
     return add_bounce(d, line);

@@ -67,8 +67,7 @@ char *domain_ascii(const char *domain)
     char *ascii = idn_toascii(domain);
 
     if (ascii == nullptr) {
-        errno = 0;
-        report(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
+        report_plain(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
     }
     return ascii;
 }
@@ -88,13 +87,11 @@ char *domain_ascii_valid(const char *domain, const char *message)
     return ascii;
 }
 
-/* value_refused - end the process with a writer's invalid-name message;
- * the refusal is about a value, not a failed call, so deliberately no
- * stale errno is appended */
+/* value_refused - end the process with a writer's invalid-name message,
+ * which names no system error: the refusal is about a value */
 void value_refused(const char *message)
 {
-    errno = 0;
-    report(1, "%s", message);
+    report_plain(1, "%s", message);
     report_exit(1);
 }
 

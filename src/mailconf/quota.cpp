@@ -27,8 +27,8 @@
 static int quota_file_path(char *buf, const MailDomain *d, const char *mail_name)
 {
     if (mail_name != nullptr && !mail_name_valid(mail_name)) {
-        errno = 0;
-        report(0, "invalid mailname or domain name.");
+        report_plain(0, "invalid mailname or domain name.");
+        errno = 0; /* a failed write leaves its cause in errno: here none */
         return -1;
     }
     mail_path(buf, d->ascii, mail_name, QUOTA_FILE_NAME);
@@ -53,8 +53,8 @@ static int write_quota_at(PathAt *at, const char *text, const PopuserIds &ids)
     /* An unknown popuser (ids 0) would leave the file to root: that counts
      * as a failed chown, and no file is written. */
     if (ids.uid == 0 || ids.gid == 0) {
-        errno = 0;
-        report(0, "Unable to chown quota file %s\n", at->path);
+        report_plain(0, "Unable to chown quota file %s\n", at->path);
+        errno = 0; /* a failed write leaves its cause in errno: here none */
         return 0;
     }
     if (replace_file_at(at, text, strlen(text), ids.uid, ids.gid, 0640, 0, &step) >= 0)

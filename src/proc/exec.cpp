@@ -89,7 +89,6 @@ void fork_exec_read_chunk(int *fd, char **buf, size_t *size, size_t *len)
         close(*fd);
         *fd = -1;
         report_stderr("fork_exec*: read(pipe) failed: %s\n", strerror(saved));
-        errno = 0;
     }
 }
 
@@ -142,7 +141,6 @@ static int capture_run(char **out, char **err, const char *path,
         for (int i = 0; i < streams; i++)
             if (fds[i] >= 0)
                 FD_SET(fds[i], &readable);
-        errno = 0;
         int ready = select(nfds, &readable, nullptr, nullptr, &timeout);
         if (ready > 0) {
             for (int i = 0; i < streams; i++)
@@ -153,7 +151,6 @@ static int capture_run(char **out, char **err, const char *path,
 
         /* A quiet second (or a failed select): has the child ended?  Its
          * descendants may hold the pipes open for much longer. */
-        errno = 0;
         int status = 0;
         pid_t waited = waitpid(pid, &status, WNOHANG);
         if (waited == 0)
@@ -171,7 +168,6 @@ static int capture_run(char **out, char **err, const char *path,
         int status = 0;
         pid_t waited;
 
-        errno = 0;
         do
             waited = waitpid(pid, &status, WUNTRACED);
         while (waited < 0 && errno == EINTR);

@@ -54,11 +54,11 @@ int util_execv(const char *path, char *const argv[], int quiet)
             fputs(out, stderr);
             fflush(stderr);
         }
-        errno = 0; /* the child's failure, not a system error of ours */
+        /* The child's failure, not a system error of ours. */
         if (err)
-            report(0, "%s execution failed:\n%s", path, err);
+            report_plain(0, "%s execution failed:\n%s", path, err);
         else
-            report(0, "%s execution failed (no output)", path);
+            report_plain(0, "%s execution failed (no output)", path);
     }
     free(out);
     free(err);
@@ -111,9 +111,8 @@ const char *admin_util_path(const char *name, char *buf, size_t size)
 {
     /* An empty name would name the directory itself: refused like a path. */
     if (name == nullptr || *name == 0 || strchr(name, '/')) {
-        errno = 0;
-        report(0, "Utility name '%s' is invalid. Use only utility name without path.",
-               name ? name : "");
+        report_plain(0, "Utility name '%s' is invalid. Use only utility name without path.",
+                     name ? name : "");
         return nullptr;
     }
     snprintf(buf, size, "%s/admin/bin/%s", panel_config.PRODUCT_ROOT_D, name);
@@ -198,8 +197,7 @@ int util_exec_fd(int fd_in, int fd_out, const char *path, char *const argv[])
     pid_t pid = -1;
 
     if ((fd_in >= 0 && fd_in <= 2) || (fd_out >= 0 && fd_out <= 2)) {
-        errno = 0;
-        report(0, "values 0,1,2 not allowed for variables fd_in & fd_out\n");
+        report_plain(0, "values 0,1,2 not allowed for variables fd_in & fd_out\n");
         return -1;
     }
     if (pipe(err_pipe) < 0 || (pid = fork()) < 0)
@@ -235,8 +233,7 @@ int util_exec_fd(int fd_in, int fd_out, const char *path, char *const argv[])
             break;
         piece[n] = 0;
         /* The child's text is no system error of ours. */
-        errno = 0;
-        report(0, "%s", piece);
+        report_plain(0, "%s", piece);
     }
     close(err_pipe[0]);
 
@@ -252,13 +249,12 @@ int util_exec_fd(int fd_in, int fd_out, const char *path, char *const argv[])
     }
     if (WIFEXITED(status))
         return WEXITSTATUS(status);
-    errno = 0; /* an interrupted wait may have left EINTR */
     if (WIFSIGNALED(status))
-        report(0, "The child process with pid %d killed by signal %i\n",
-               static_cast<int>(pid), WTERMSIG(status));
+        report_plain(0, "The child process with pid %d killed by signal %i\n",
+                     static_cast<int>(pid), WTERMSIG(status));
     else if (WIFSTOPPED(status))
-        report(0, "The child process with pid %d stopped by signal %i\n",
-               static_cast<int>(pid), WSTOPSIG(status));
+        report_plain(0, "The child process with pid %d stopped by signal %i\n",
+                     static_cast<int>(pid), WSTOPSIG(status));
     return -1;
 }
 
@@ -280,7 +276,7 @@ int popen_exec(char **out, const char *command)
     size_t capacity = POPEN_STEP;
     size_t len = 0;
     int read_failed = 0;
-    int read_errno = 0;
+    int read_error = 0;
     char *buf = static_cast<char *>(malloc(capacity + 1));
     if (buf == nullptr) {
         report_stderr("popen_exec: failed to allocate memory\n");
@@ -298,7 +294,7 @@ int popen_exec(char **out, const char *command)
                 continue;
             }
             read_failed = 1;
-            read_errno = errno;
+            read_error = errno;
             break;
         }
         if (len == capacity) {
@@ -318,11 +314,11 @@ int popen_exec(char **out, const char *command)
 
     if (read_failed)
         report_stderr("popen_exec: failed to read command output: %s\n",
-                      strerror(read_errno));
+                      strerror(read_error));
     int status = pclose(pipe_stream);
     *out = buf;
     if (read_failed) {
-        errno = read_errno;
+        errno = read_error;
         return -1;
     }
     if (status == -1)
@@ -338,9 +334,8 @@ int popen_exec_report(const char *command)
     if (result == -1) {
         report(0, "popen_exec: failed to execute command: %s\n", strerror(errno));
     } else if (result != 0) {
-        errno = 0;
-        report(0, "popen_exec: command failed code: %d , %s\n", result,
-               out && *out ? out : "error: none");
+        report_plain(0, "popen_exec: command failed code: %d , %s\n", result,
+                     out && *out ? out : "error: none");
     }
     free(out);
     return result;

@@ -46,7 +46,6 @@ void close_fds_from_3(void)
         for (int fd = 3; fd < table_size; fd++)
             close(fd);
     }
-    errno = 0;
 }
 
 int redirect_fd(int fd, int target)
@@ -68,17 +67,15 @@ int redirect_fd(int fd, int target)
 void check_params_consumed(int expected, int consumed)
 {
     if (expected != consumed) {
-        errno = 0;
-        report(1, "Some parameters in command string leave unprocessed. "
-                  "Check parameters please.");
+        report_plain(1, "Some parameters in command string leave unprocessed. "
+                        "Check parameters please.");
     }
 }
 
 void check_param_present(int required, const char *value, const char *name)
 {
     if (required && (value == nullptr || *value == 0)) {
-        errno = 0;
-        report(1, "Miss parameter '%s' or previos parameter empty.\n", name);
+        report_plain(1, "Miss parameter '%s' or previos parameter empty.\n", name);
     }
 }
 

@@ -40,8 +40,7 @@ static int purge_base(const char *base)
         if (!S_ISDIR(st.st_mode) || strncmp(name, DEFERRED_PREFIX, strlen(DEFERRED_PREFIX)) != 0)
             continue;
         if (exec_quiet("/bin/rm", "-rf", name, nullptr) != 0) {
-            errno = 0;
-            report(0, "Can't remove directory %s (will try in next time)\n", name);
+            report_plain(0, "Can't remove directory %s (will try in next time)\n", name);
         }
     }
     closedir(dir);

@@ -69,16 +69,14 @@ static int control_app_server(const char *name, const char *action)
         return 0;
     MYSQL *conn = panel_db_open();
     if (conn == nullptr) {
-        errno = 0;
-        report(1, "Unable to connect to the mysql database\n");
+        report_plain(1, "Unable to connect to the mysql database\n");
     }
     /* The answer lives in the query module's static buffer, which outlives
      * the connection. */
     const char *instance = get_misc_param("cf_instance_path", conn);
     mysql_close(conn);
     if (instance == nullptr || strlen(instance) < 2) {
-        errno = 0;
-        report(0, "CF not configured in Vardo.\n");
+        report_plain(0, "CF not configured in Vardo.\n");
         return -1;
     }
 
@@ -180,8 +178,7 @@ int service_control(const char *name, const char *action)
     if (conf_get("NO_RESTART_DAEMON"))
         return 0;
     if (name == nullptr || !is_known_service(name)) {
-        errno = 0;
-        report(0, "Unknown service: %s\n", name ? name : "");
+        report_plain(0, "Unknown service: %s\n", name ? name : "");
         return -1;
     }
     if (strcasecmp(name, "coldfusion") == 0 || strcasecmp(name, "jrun") == 0)
@@ -206,12 +203,10 @@ static void check_script(const char *path)
             report(1, "No such file '%s': %s", path, strerror(errno));
         report(1, "Error during access to '%s': %s", path, strerror(errno));
     }
-    /* What follows is no system error: keep a stale one out of the message. */
-    errno = 0;
     if (!S_ISREG(st.st_mode))
-        report(1, "Not a regular file: '%s'", path);
+        report_plain(1, "Not a regular file: '%s'", path);
     if ((st.st_mode & 0111) == 0 || st.st_size == 0)
-        report(1, "Not an executable file: '%s'", path);
+        report_plain(1, "Not an executable file: '%s'", path);
 }
 
 /* start_script_child - in the forked child: detach and run the script */
@@ -250,8 +245,7 @@ int run_init_script(const char *path, const char *name, const char *action,
                     int report_failure)
 {
     if (action == nullptr) {
-        errno = 0;
-        report(0, "No action given for service %s\n", name);
+        report_plain(0, "No action given for service %s\n", name);
         return -1;
     }
 
@@ -282,22 +276,19 @@ int run_init_script(const char *path, const char *name, const char *action,
         return -1;
     }
     if (WIFSIGNALED(status)) {
-        errno = 0;
-        report(0, "Unable to %s service %s: daemon killed by signal %i\n", verb, name,
-               WTERMSIG(status));
+        report_plain(0, "Unable to %s service %s: daemon killed by signal %i\n", verb, name,
+                     WTERMSIG(status));
         return -1;
     }
     if (WIFSTOPPED(status)) {
-        errno = 0;
-        report(0, "Unable to %s service %s: daemon stopped by signal %i\n", verb, name,
-               WSTOPSIG(status));
+        report_plain(0, "Unable to %s service %s: daemon stopped by signal %i\n", verb, name,
+                     WSTOPSIG(status));
         return -1;
     }
     if (WEXITSTATUS(status) == 0)
         return 0;
     if (strcmp(verb, "status") != 0 && report_failure) {
-        errno = 0;
-        report(0, "Service %s failed to %s\n", name, verb);
+        report_plain(0, "Service %s failed to %s\n", name, verb);
     }
     return -1;
 }
@@ -320,8 +311,7 @@ int kill_by_field(const char *field, const char *text, int sig)
     snprintf(format, sizeof(format), "pid,%s", field);
     if (fork_execl_getout(&out, "/bin/ps", "/bin/ps", "-Aww", "-o", format, nullptr) != 0) {
         fprintf(stderr, "%s\n", out ? out : "");
-        errno = 0;
-        report(0, "send_signal_field(): %s failed", "/bin/ps");
+        report_plain(0, "send_signal_field(): %s failed", "/bin/ps");
         free(out);
         return -1;
     }
@@ -345,10 +335,9 @@ int kill_by_field(const char *field, const char *text, int sig)
                     report(0, "send_signal_field(): failed to kill %d: %s", pid,
                            strerror(errno));
             } else {
-                errno = 0;
-                report(0, "send_signal_field(): malformed ps output: %.*s",
-                       static_cast<int>(eol ? eol - line : static_cast<long>(strlen(line))),
-                       line);
+                report_plain(0, "send_signal_field(): malformed ps output: %.*s",
+                             static_cast<int>(eol ? eol - line : static_cast<long>(strlen(line))),
+                             line);
             }
         }
         from = next;

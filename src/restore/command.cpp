@@ -85,8 +85,7 @@ static void spam_pass(const Effects *fx, MailDomains *domains)
     MYSQL *conn = panel_db_open();
 
     if (conn == nullptr) {
-        errno = 0;
-        report(1, "Unable to connect to the mysql database");
+        report_plain(1, "Unable to connect to the mysql database");
     }
     if (domains->res == nullptr)
         read_mail_domains(conn, domains);

@@ -43,10 +43,10 @@ static const char *(*const DOMAIN_QUESTIONS[Q_COUNT])(const char *id, char *buf)
 /* refused - end the process with a refused question's message */
 [[noreturn]] static void refused(MYSQL *conn, const char *format, const char *name)
 {
-    errno = 0; /* the server's error text says why */
+    /* The server's error text says why. */
     if (name != nullptr)
-        report(1, format, name, mysql_error(conn));
-    report(1, format, mysql_error(conn));
+        report_plain(1, format, name, mysql_error(conn));
+    report_plain(1, format, mysql_error(conn));
     report_exit(1);
 }
 
@@ -84,8 +84,7 @@ static void catch_address(MYSQL *conn, const MailDomainRow *d, char *buf)
     value(conn, misc_param_query("admin_email", query, sizeof(query)), buf, GET_QUERY_REFUSED, query);
     if (*buf != '\0')
         return;
-    errno = 0;
-    report(0, GET_NO_ADMIN_EMAIL);
+    report_plain(0, GET_NO_ADMIN_EMAIL);
     snprintf(buf, QMAIL_BUF_SIZE, "root@%s", d->name);
 }
 
@@ -100,8 +99,7 @@ void domain_facts(MYSQL *conn, const MailDomainRow *d, DomainFacts *facts)
     facts->aliases = rows(conn, q[Q_ALIASES], "Unable to query domain aliases: %s");
     facts->mailboxes = rows(conn, q[Q_MAILBOXES], "Unable to query mailnames: %s");
     if (get_answer(conn, q[Q_POLICY_NUL], 0, count) == GET_REFUSED) {
-        errno = 0;
-        report(1, "Unable to query the unknown-recipient policy of domain id %s: %s\n", d->id,
+        report_plain(1, "Unable to query the unknown-recipient policy of domain id %s: %s\n", d->id,
                mysql_error(conn));
     }
     /* A NUL byte would cut the value at it: such a policy is not read. */

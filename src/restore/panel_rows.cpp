@@ -112,20 +112,18 @@ void skip_row(const char *kind, const char *value, const char *mailbox, const ch
 
     run_count(RUN_SKIPPED);
     value_printable(domain, d, sizeof(d));
-    /* Deliberately no system error line: the warning is about what a table
-     * holds, and an errno left by some earlier call would only mislead. */
-    errno = 0;
+    /* The warning is about what a table holds: no system error line. */
     if (kind == nullptr)
-        report(0, "Skipping mail domain '%s': %s", d, why);
+        report_plain(0, "Skipping mail domain '%s': %s", d, why);
     else if (value == nullptr)
-        report(0, "Skipping the %s of mail domain '%s': %s", kind, d, why);
+        report_plain(0, "Skipping the %s of mail domain '%s': %s", kind, d, why);
     else if (mailbox == nullptr)
-        report(0, "Skipping %s '%s' of mail domain '%s': %s", kind,
-               value_printable(value, v, sizeof(v)), d, why);
+        report_plain(0, "Skipping %s '%s' of mail domain '%s': %s", kind,
+                     value_printable(value, v, sizeof(v)), d, why);
     else
-        report(0, "Skipping %s '%s' of mailbox '%s' of mail domain '%s': %s", kind,
-               value_printable(value, v, sizeof(v)), value_printable(mailbox, m, sizeof(m)), d,
-               why);
+        report_plain(0, "Skipping %s '%s' of mailbox '%s' of mail domain '%s': %s", kind,
+                     value_printable(value, v, sizeof(v)), value_printable(mailbox, m, sizeof(m)), d,
+                     why);
 }
 
 const char *domain_aliases_query(const char *domain_id, char *buf)

@@ -66,8 +66,7 @@ int short_pop3_names_allowed(MYSQL *conn)
 
     misc_param_query("allow_short_pop3_names", query, sizeof(query));
     if (get_answer(conn, query, 0, value) == GET_REFUSED) {
-        errno = 0;
-        report(1, GET_QUERY_REFUSED, query, mysql_error(conn));
+        report_plain(1, GET_QUERY_REFUSED, query, mysql_error(conn));
     }
     return strcmp(value, "disabled") != 0;
 }
@@ -194,8 +193,7 @@ static void restore_mailbox(Pass *pass, MYSQL_RES *rows, MYSQL_ROW row, size_t i
     } else if (held_file_release(qmail) != 0) {
         if (!at_in_the_way(errno))
             report(1, "Unable to write %s", qmail);
-        errno = 0;
-        report(0, "Skipping %s: a link or another kind of object stands where a file belongs", qmail);
+        report_plain(0, "Skipping %s: a link or another kind of object stands where a file belongs", qmail);
     }
 }
 
@@ -213,8 +211,7 @@ static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
         return;
     }
     if (pass->popuser.uid == 0 && !popuser_lookup(&pass->popuser)) {
-        errno = 0;
-        report(1, "Unable to define UID or GID for user popuser");
+        report_plain(1, "Unable to define UID or GID for user popuser");
     }
     /* What every writer needs of the domain, worked out once, and every
      * question about it asked before the first of its records is written:

@@ -97,8 +97,7 @@ static const char *conf_require(const char *key)
     const char *value = conf_get(key);
 
     if (value == nullptr || *value == 0) {
-        errno = 0;
-        report(1, "Error: %s not defined\n", key);
+        report_plain(1, "Error: %s not defined\n", key);
     }
     return value;
 }

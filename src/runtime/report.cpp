@@ -2,9 +2,11 @@
  *
  * Messages are printed on standard error and then, unless report_stdout(0)
  * turned that copy off, on standard output, each behind "<program>: ", with
- * a newline added when missing and the pending system error appended as
- * "\nSystem error %d: %s" (nothing when errno is 0).  errno is left as it
- * was, so a second message about the same failure names the same cause.  A
+ * a newline added when missing and a system error appended as
+ * "\nSystem error %d: %s": report() appends errno's (nothing when it is 0),
+ * report_errno() the number it is handed, report_plain() none.  errno is
+ * left as it was, so a second message about the same failure names the same
+ * cause.  A
  * non-zero status ends the process inside the call.  After
  * report_syslog_start() every message is copied to syslog, since a detached
  * process has no terminal to print on.
@@ -138,7 +140,9 @@ int report_text(const char *text, int exit_status)
     return 0;
 }
 
-int report(int exit_status, const char *format, ...)
+/* report_with - the body of the report family: format, append the text of
+ * error number err when it is non-zero, print; errno is left as it was */
+static int report_with(int err, int exit_status, const char *format, va_list args)
 {
     int saved_errno = errno;
     size_t size = REPORT_BUF_SIZE;
@@ -150,7 +154,7 @@ int report(int exit_status, const char *format, ...)
         report_text("Can't allocate memory for error message", exit_status);
         return 0;
     }
-    va_start(ap, format);
+    va_copy(ap, args);
     n = vsnprintf(buf, size, format, ap);
     va_end(ap);
     if (n < 0) {
@@ -160,17 +164,15 @@ int report(int exit_status, const char *format, ...)
         if (bigger) {
             buf = bigger;
             size = n + 1;
-            va_start(ap, format);
+            va_copy(ap, args);
             vsnprintf(buf, size, format, ap);
             va_end(ap);
         }
         /* Without memory to grow, the text stays cut to the first buffer. */
     }
-    errno = saved_errno;
-    if (saved_errno != 0) {
+    if (err != 0) {
         char suffix[512];
-        int slen = snprintf(suffix, sizeof(suffix), "\nSystem error %d: %s",
-                            saved_errno, strerror(saved_errno));
+        int slen = snprintf(suffix, sizeof(suffix), "\nSystem error %d: %s", err, strerror(err));
         size_t used = strlen(buf);
         if (slen > 0) {
             size_t need = used + static_cast<size_t>(slen) + 1;
@@ -185,9 +187,41 @@ int report(int exit_status, const char *format, ...)
             snprintf(buf + used, size - used, "%s", suffix);
         }
     }
+    errno = saved_errno;
     report_text(buf, exit_status);
     free(buf);
     errno = saved_errno;
+    return 0;
+}
+
+int report(int exit_status, const char *format, ...)
+{
+    int err = errno;
+    va_list ap;
+
+    va_start(ap, format);
+    report_with(err, exit_status, format, ap);
+    va_end(ap);
+    return 0;
+}
+
+int report_plain(int exit_status, const char *format, ...)
+{
+    va_list ap;
+
+    va_start(ap, format);
+    report_with(0, exit_status, format, ap);
+    va_end(ap);
+    return 0;
+}
+
+int report_errno(int err, int exit_status, const char *format, ...)
+{
+    va_list ap;
+
+    va_start(ap, format);
+    report_with(err, exit_status, format, ap);
+    va_end(ap);
     return 0;
 }
 

@@ -4,8 +4,10 @@
  * when errno is 0), prints it on standard error and then on standard output
  * behind the program's base name, and ends the process when given a
  * non-zero status; after report_stdout(0) standard error alone gets it.
- * report_text() prints a finished text the same way; neither changes errno,
- * and a message with no system cause is reported with errno 0 (no suffix).
+ * report_plain() is for messages with no system cause (never a system
+ * error line), report_errno() for a failure whose error number the caller
+ * kept (its text appended when non-zero, whatever errno holds now).
+ * report_text() prints a finished text the same way; none changes errno.
  * xasprintf() allocates a formatted text or ends the process; report_exit()
  * is the exit wrapper.
  *
@@ -28,6 +30,10 @@ void report_stdout(int on);
 
 int report(int exit_status, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
+int report_plain(int exit_status, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
+int report_errno(int err, int exit_status, const char *format, ...)
+    __attribute__((format(printf, 3, 4)));
 int report_text(const char *text, int exit_status);
 char *xasprintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 [[noreturn]] void report_exit(int status);

@@ -19,10 +19,17 @@
 static char group_name_buf[4096];
 static char user_name_buf[4096];
 
+/* passwd_entry - getpwnam(name), with errno 0 when there is no such user
+ * (getpwnam leaves it alone then) and the lookup's error otherwise */
+static struct passwd *passwd_entry(const char *name)
+{
+    errno = 0;
+    return getpwnam(name);
+}
+
 unsigned int lookup_user_ids(const char *user, int selector)
 {
-    errno = 0; /* an unknown user leaves it 0: no system error to show */
-    struct passwd *pw = getpwnam(user);
+    struct passwd *pw = passwd_entry(user);
 
     if (!pw) {
         report(0, "Unable to getpwnam for user %s", user);
@@ -55,8 +62,7 @@ const char *user_name(uid_t uid)
 
 uid_t user_uid(const char *name)
 {
-    errno = 0;
-    struct passwd *pw = getpwnam(name);
+    struct passwd *pw = passwd_entry(name);
 
     if (!pw) {
         report(0, "Unable to find uid for user %s", name);
@@ -65,10 +71,17 @@ uid_t user_uid(const char *name)
     return pw->pw_uid;
 }
 
-gid_t group_gid_if_exists(gid_t gid)
+/* group_entry - the group called name, or (name null) with id gid, with
+ * errno 0 when there is no such group and the lookup's error otherwise */
+static struct group *group_entry(const char *name, gid_t gid)
 {
     errno = 0;
-    if (!getgrgid(gid)) {
+    return name != nullptr ? getgrnam(name) : getgrgid(gid);
+}
+
+gid_t group_gid_if_exists(gid_t gid)
+{
+    if (!group_entry(nullptr, gid)) {
         report(0, "Unable to find group %d", static_cast<int>(gid));
         return 0;
     }
@@ -77,8 +90,7 @@ gid_t group_gid_if_exists(gid_t gid)
 
 int user_info(const char *name, uid_t *uid, gid_t *gid, char **home)
 {
-    errno = 0;
-    struct passwd *pw = getpwnam(name);
+    struct passwd *pw = passwd_entry(name);
 
     if (!pw) {
         report(0, "Unable to getpwnam for user %s", name);
@@ -95,10 +107,8 @@ int user_info(const char *name, uid_t *uid, gid_t *gid, char **home)
 
 gid_t group_gid(const char *name)
 {
-    struct group *gr;
+    struct group *gr = group_entry(name, 0);
 
-    errno = 0;
-    gr = getgrnam(name);
     if (!gr) {
         report(0, "Unable to find group %s", name);
         return 0;
@@ -121,7 +131,6 @@ gid_t group_gid_from_text(const char *text)
 {
     int gid = 0;
 
-    errno = 0;
     if (*text == '\0' || !is_all_digits(text))
         return group_gid(text);
     sscanf(text, "%d", &gid);
