@@ -115,6 +115,10 @@ int pipeline_ask(MYSQL *conn, const char *query, MYSQL_RES **res)
     if (mysql_real_query(conn, query, strlen(query)) != 0)
         return -1;
     *res = mysql_store_result(conn);
+    /* A result set the server stops sending halfway (an error met while
+     * its rows are made) is a refusal too, never "no rows". */
+    if (*res == nullptr && mysql_field_count(conn) != 0)
+        return -1;
     return 0;
 }
 

@@ -491,7 +491,7 @@ TEST_F(RebuildFaults, RefusedQueryEndsTheRunAndChangesNothing)
                         "INSERT INTO Components (name, version) VALUES ('drweb-qmail', '1.0');"
                         "UPDATE mail SET virusfilter='any' WHERE id IN (1, 2)";
     const struct {
-        const char *refuse, *message;
+        const char *refuse, *message, *mode = "--without-spam";
     } cases[] = {
         {"RENAME TABLE Parameters TO Parameters_gone", "Unable to query the unknown-recipient policy of domain id 1: "},
         {"RENAME TABLE Limits TO Limits_gone", "Unable to query domain limit mbox_quota: "},
@@ -499,6 +499,15 @@ TEST_F(RebuildFaults, RefusedQueryEndsTheRunAndChangesNothing)
         {"ALTER TABLE mail RENAME COLUMN virusfilter TO virusfilter_gone", "Unable to query drweb mailnames: "},
         {"UPDATE Limits SET value='20971520' WHERE id=1; RENAME TABLE mail TO mail_gone",
          "Unable to query mailnames: "},
+        /* Read as "off", a refused setting would switch the server-wide
+         * spam filter off: spamctl is not run at all. */
+        {"UPDATE Components SET version='3.4' WHERE name='vdo-spamassassin';"
+         "INSERT INTO spamfilter (id, username) VALUES (99, '*@*');"
+         "REPLACE INTO misc (param, val) VALUES ('spamfilter_enabled', 'true'); RENAME TABLE misc TO misc_rows;"
+         "CREATE VIEW misc AS SELECT param, IF(param = 'spamfilter_enabled', (SELECT 1 UNION SELECT 2), val) AS val"
+         " FROM misc_rows",
+         "Unable to query parameter by query select val from misc where param='spamfilter_enabled': ",
+         "--spam-only"},
     };
     const char *stamps = "cd \"$REBOX_SANDBOX\" && find qmail drweb -printf '%p %i %T@ %C@\\n' | sort";
     for (const auto &c : cases) {
@@ -506,13 +515,14 @@ TEST_F(RebuildFaults, RefusedQueryEndsTheRunAndChangesNothing)
         ASSERT_NO_FATAL_FAILURE(testdb_reset());
         rebuilt(setup);
         ASSERT_NE(read_file(sandbox_path("drweb/users.conf")), "[version=2]\n");
-        for (const char *stub : {STANDIN_QMAIL_NEWU, STANDIN_QMAIL_INIT})
+        for (const char *stub : {STANDIN_QMAIL_NEWU, STANDIN_QMAIL_INIT, STANDIN_SPAMCTL})
             unlink(sandbox_path(std::string(stub) + ".calls").c_str());
         std::string before = tree_snapshot(qmail("")) + tree_snapshot(sandbox_path("drweb")) + run_command(stamps).out;
         testdb_exec(c.refuse);
-        CommandResult r = run_rebox("--without-spam");
+        CommandResult r = run_rebox(c.mode);
         EXPECT_EQ(r.status, 1) << r.err;
         EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+        EXPECT_EQ(access(sandbox_path(std::string(STANDIN_SPAMCTL) + ".calls").c_str(), F_OK), -1);
         EXPECT_EQ(tree_snapshot(qmail("")) + tree_snapshot(sandbox_path("drweb")) + run_command(stamps).out, before);
         EXPECT_TRUE(qmail_left_alone());
     }
