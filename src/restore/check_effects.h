@@ -6,8 +6,8 @@
  * mode that differs, a foreign object, a file whose content differs (a
  * unified diff for the shared files, flushed to the disk when replaced),
  * a file the panel no longer has.  Below a directory that is not there the
- * walk goes on in a stand-in in which nothing exists, and nothing below it
- * is reported again.  Locks are taken shared and only where their lock
+ * walk goes on absent (fs/path_at), where nothing is looked up, and
+ * nothing below it is reported again.  Locks are taken shared and only where their lock
  * files exist; no process is signalled, no program run, nothing removed,
  * made or written: undo paths have nothing to take back.
  */

@@ -1,7 +1,7 @@
 /* check_state - a check run's memory of the walk (see check_state.h). */
 #include "restore/check_state.h"
 
-#include "fs/path_at.h"
+#include "fs/path_ops.h"
 #include "restore/check_effects.h"
 #include "restore/check_report.h"
 #include "runtime/config.h"
