@@ -18,6 +18,7 @@
 
 #include "fs/file_str.h"
 #include "fs/held_file.h"
+#include "fs/path_ops.h"
 #include "mailconf/value_check.h"
 #include "proc/exec.h"
 #include "runtime/config.h"
@@ -59,10 +60,10 @@ static void users_conf_path(char *buf, size_t size)
  * at its write) */
 static void give_to_root(const Effects *fx, const char *path)
 {
-    const char *step;
+    FileStep step;
 
     if (file_owner_mode(fx, path, 0, 0, 0644, &step) != 0 && errno != ENOENT)
-        report(0, "ERROR: unable to %s %s: %s\n", step, path, strerror(errno));
+        report(0, "ERROR: unable to %s %s: %s\n", step_word(step), path, strerror(errno));
 }
 
 int remove_antivirus_records(const Effects *fx, const char *domain, const char *local_part)

@@ -16,8 +16,12 @@
  *
  * missing_dir() is what a walk of the mail tree goes on with below a
  * directory that is not there: nothing (-1, errno kept) when changes are
- * applied, a directory in which nothing exists when they are only
- * reported.
+ * applied; when they are only reported, a descriptor made by
+ * absent_dir_fd() (fs/path_at), which marks every PathAt below it absent,
+ * so that nothing is looked up there.
+ *
+ * A change that fails tells the step it failed at as a FileStep, for the
+ * caller to choose its message.
  */
 #ifndef REBOX_FS_EFFECT_H
 #define REBOX_FS_EFFECT_H
@@ -28,17 +32,20 @@
 struct PathAt;
 struct FileLock;
 
+/* FileStep - the step at which a change of a file failed */
+enum FileStep { STEP_LOCK, STEP_OPEN, STEP_WRITE, STEP_CHOWN, STEP_CHMOD, STEP_RENAME };
+
 struct Effects {
     /* at_dir: the last name as a directory, opened or made */
     int (*make_dir)(PathAt *at, mode_t mode, int *made);
     /* fd_owner_mode: owner, group and mode of an open object */
-    int (*owner_mode)(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step);
+    int (*owner_mode)(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, FileStep *step);
     /* a foreign object at the last name moved aside and removed */
     int (*set_aside)(PathAt *at, const char *kind);
     /* replace_file_prepare and replace_file_commit */
     int (*replace_prepare)(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
-                           int durable, const char **step, PathAt *tmp, char *tmp_path);
-    int (*replace_commit)(PathAt *at, PathAt *tmp, int durable, const char **step);
+                           int durable, FileStep *step, PathAt *tmp, char *tmp_path);
+    int (*replace_commit)(PathAt *at, PathAt *tmp, int durable, FileStep *step);
     /* file_str's edit of a file that is not held in memory */
     int (*edit)(PathAt *at, const char *const *lines, int operation, int mode);
     /* an object the panel no longer has: a file, or a directory with
@@ -52,6 +59,8 @@ struct Effects {
     void (*drop_leftover)(PathAt *tmp);
     /* the named lock of a file, waited for */
     FileLock *(*lock)(const char *path, short hashed);
+    /* what a walk goes on with below a directory that is not there (see
+     * above) */
     int (*missing_dir)(const char *path);
     /* every process of that command name signalled */
     int (*signal)(const char *name, int sig);

@@ -12,7 +12,7 @@
 #include "fs/file_lock.h"
 #include "fs/line_edit.h"
 #include "fs/line_store.h"
-#include "fs/path_at.h"
+#include "fs/path_ops.h"
 #include "fs/replace_file.h"
 #include "runtime/report.h"
 
@@ -248,16 +248,20 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
 /* report_step - the message of a failed replacement of h's file.  A
  * rebuilt file that a link or another kind of object keeps standing in the
  * way of gets none: its caller skips it with a warning of its own. */
-static void report_step(const HeldFile *h, const char *step, int err)
+static void report_step(const HeldFile *h, FileStep step, int err)
 {
     if (h->rebuilt && at_in_the_way(err))
         return;
-    if (strcmp(step, "rename") == 0)
+    switch (step) {
+    case STEP_RENAME:
         report(0, "Unable to rename file %s.tmp: %s\n", h->path, strerror(err));
-    else if (strcmp(step, "open") == 0)
+        break;
+    case STEP_OPEN:
         report(0, "Unable to open file %s.tmp: %s\n", h->path, strerror(err));
-    else
+        break;
+    default:
         report(0, "Unable to write file %s.tmp: %s\n", h->path, strerror(err));
+    }
 }
 
 /* fixed_in_place - 1, errno set, when no rename can replace the file at: it
@@ -285,7 +289,7 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
 {
     TextBuf text = {};
     struct stat st;
-    const char *step = "open";
+    FileStep step = STEP_OPEN;
     int rc = -1;
 
     if (line_store_text(h->store, &text) != 0)
@@ -306,7 +310,7 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
         if (rc > 0 && fixed_in_place(at)) {
             int err = errno;
             replace_file_abort(tmp);
-            step = "rename";
+            step = STEP_RENAME;
             errno = err;
             rc = -1;
         }
@@ -325,7 +329,7 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
 /* commit_one - rename a prepared copy over the file; 0 or 1 */
 static int commit_one(HeldFile *h, PathAt *at, PathAt *tmp)
 {
-    const char *step;
+    FileStep step;
     int rc = replace_file_commit(at, tmp, h->durable, &step);
 
     if (rc != 0)

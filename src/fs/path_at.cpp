@@ -2,14 +2,15 @@
  * path_at.h). */
 #include "fs/path_at.h"
 
-#include "fs/remove.h"
+#include "fs/trusted_link.h"
 #include "runtime/config.h"
-#include "runtime/report.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 static const size_t PATH_BUF_SIZE = 4096;
@@ -25,8 +26,10 @@ static struct {
     int domain_fd;
 } open_dirs = {"", -1, "", -1};
 
-/* Why the last trusted link could not be opened. */
-static int link_error;
+/* The object every descriptor from absent_dir_fd() is a copy of, and its
+ * identity; made at the first call. */
+static int absent_proto = -1;
+static struct stat absent_id;
 
 /* tree_rest - the part of path below QMAIL_MAILNAMES_D, or null when the
  * path does not lie inside the mail tree */
@@ -40,15 +43,6 @@ static const char *tree_rest(const char *path)
     if (len == 0 || strncmp(path, base, len) != 0 || path[len] != '/')
         return nullptr;
     return path + len + 1;
-}
-
-/* root_link - 1 when name in dir is a link that root owns */
-static int root_link(int dir, const char *name)
-{
-    struct stat st;
-
-    return fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode)
-           && st.st_uid == 0;
 }
 
 /* set_name - copy the last name into the PathAt; -1 when it is too long */
@@ -163,67 +157,6 @@ static int mail_names_dir(void)
     return open_dirs.base;
 }
 
-/* root_held - 1 when the open directory fd is root's and no one else may
- * rename or replace what is in it: not writable by group or others, or
- * sticky (where only root may move root's entries) */
-static int root_held(int fd)
-{
-    struct stat st;
-
-    return fstat(fd, &st) == 0 && st.st_uid == 0
-           && ((st.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (st.st_mode & S_ISVTX) != 0);
-}
-
-/* open_trusted_link - the directory that root's link name in dir points
- * to, reached from its absolute text one component at a time, following
- * no link and passing only through directories that root holds, so that
- * no other user can swap a component for a link or a directory of its own;
- * -1 with ENOLINK (the reason kept for trusted_link_error: EINVAL for a
- * text that is not absolute or holds "..", EPERM for a directory on the
- * way that another user may change) when it cannot be */
-static int open_trusted_link(int dir, const char *name)
-{
-    char target[PATH_BUF_SIZE];
-    int fd = -1;
-
-    ssize_t n = readlinkat(dir, name, target, sizeof(target) - 1);
-    if (n < 0 || n == 0 || target[0] != '/') {
-        link_error = n < 0 ? errno : EINVAL;
-        errno = ENOLINK;
-        return -1;
-    }
-    target[n] = '\0';
-    fd = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    link_error = errno;
-    for (char *rest = target; fd >= 0;) {
-        rest += strspn(rest, "/");
-        if (*rest == '\0')
-            return fd;
-        size_t len = strcspn(rest, "/");
-        char *next = rest + len;
-        if (*next != '\0')
-            *next++ = '\0';
-        if (strcmp(rest, "..") == 0 || !root_held(fd)) {
-            link_error = strcmp(rest, "..") == 0 ? EINVAL : EPERM;
-            close(fd);
-            fd = -1;
-            break;
-        }
-        int sub = openat(fd, rest, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-        link_error = errno;
-        close(fd);
-        fd = sub;
-        rest = next;
-    }
-    errno = ENOLINK;
-    return -1;
-}
-
-int trusted_link_error(void)
-{
-    return link_error;
-}
-
 /* domain_dir - the kept descriptor of the domain directory name in base,
  * or -1.  A link there is followed only when root owns it. */
 static int domain_dir(int base, const char *name)
@@ -234,8 +167,8 @@ static int domain_dir(int base, const char *name)
         close(open_dirs.domain_fd);
     open_dirs.domain[0] = '\0';
     int fd = openat(base, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0 && (errno == ENOTDIR || errno == ELOOP) && root_link(base, name))
-        fd = open_trusted_link(base, name);
+    if (fd < 0 && (errno == ENOTDIR || errno == ELOOP) && trusted_link_at(base, name))
+        fd = trusted_link_open(base, name);
     open_dirs.domain_fd = fd;
     if (fd >= 0)
         snprintf(open_dirs.domain, sizeof(open_dirs.domain), "%s", name);
@@ -251,6 +184,7 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
     at->path = path;
     at->guarded = 0;
     at->trusted_link = 0;
+    at->absent = 0;
     at->owned = 1;
     /* Relative paths are refused: the working directory is no anchor. */
     if (path[0] != '/') {
@@ -271,10 +205,12 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
         depth = 2;
     } else {
         dir = mail_names_dir();
-        if (dir < 0)
+        if (dir < 0) {
             dir = fx->missing_dir(path);
-        if (dir < 0)
-            return -1;
+            if (dir < 0)
+                return -1;
+            at->absent = 1;
+        }
     }
     for (;; depth++) {
         while (*rest == '/')
@@ -296,17 +232,26 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
             at->owned = !kept(dir);
             /* A link that root made directly in the mail names directory
              * is followed; popuser cannot make or change one there. */
-            at->trusted_link = depth == 1 && root_link(dir, at->name);
+            at->trusted_link = depth == 1 && !at->absent && trusted_link_at(dir, at->name);
             at->guarded = !at->trusted_link;
             return 0;
+        }
+        /* Below an absent directory only the names are walked. */
+        if (at->absent) {
+            rest = next;
+            continue;
         }
         int sub = depth == 1 ? domain_dir(dir, at->name)
                              : openat(dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
         int err = errno;
         /* Below a directory that is missing or is not one, the walk goes
          * on where the effects say (nowhere, when they are applied). */
-        if (sub < 0 && (sub = fx->missing_dir(path)) < 0)
-            errno = err;
+        if (sub < 0) {
+            sub = fx->missing_dir(path);
+            at->absent = sub >= 0;
+            if (sub < 0)
+                errno = err;
+        }
         if (!kept(dir))
             close(dir);
         if (sub < 0) {
@@ -332,6 +277,7 @@ void at_child(const Effects *fx, PathAt *at, int dir_fd, const char *name, const
     at->path = path;
     at->guarded = 1;
     at->trusted_link = 0;
+    at->absent = is_absent_dir(dir_fd);
     at->owned = 0;
     set_name(at, name, strlen(name));
 }
@@ -350,321 +296,19 @@ int at_temporary(const PathAt *at, PathAt *tmp, char *tmp_path)
     return 0;
 }
 
-/* apply_set_aside - move the foreign object at the last name aside, in one
- * step, with one warning naming the path, and remove it there; 0, or -1
- * with errno when it could not be moved.  A link that root owns is
- * neither followed nor moved: root made it on purpose, and the caller
- * skips the object it wanted there (ELOOP).  A removal that fails leaves
- * the object aside, with a warning, and is no failure: what popuser
- * planted can cost it a name, never the run. */
-int apply_set_aside(PathAt *at, const char *kind)
+int absent_dir_fd(void)
 {
-    char aside[32];
-    struct stat st;
-
-    if (fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-        return errno == ENOENT ? 0 : -1;
-    if (S_ISLNK(st.st_mode) && st.st_uid == 0) {
-        errno = ELOOP;
-        return -1;
-    }
-    if (rename_aside_at(at->dir, at->name, aside) != 0)
-        return -1;
-    /* What was moved must be what was judged: an object swapped in between
-     * the look and the move (popuser putting a home back) goes back to its
-     * name, or stays aside when the name is taken again, and is never
-     * removed. */
-    struct stat moved;
-    if (fstatat(at->dir, aside, &moved, AT_SYMLINK_NOFOLLOW) != 0 || moved.st_dev != st.st_dev
-        || moved.st_ino != st.st_ino) {
-        renameat2(at->dir, aside, at->dir, at->name, RENAME_NOREPLACE);
-        errno = ELOOP;
-        return -1;
-    }
-    report_plain(0, "Replacing %s: a link or another kind of object stood where a %s belongs",
-                 at->path, kind);
-    if (remove_tree_at(at->dir, aside) != 0)
-        report(0, "Unable to remove what stood at %s, left beside it as %s: %s", at->path, aside,
-               strerror(errno));
-    return 0;
+    /* A memory file: not a directory, so even a lookup made through it
+     * fails, and an object of its own that no other descriptor can be. */
+    if (absent_proto < 0 && (absent_proto = memfd_create("absent directory", MFD_CLOEXEC)) >= 0)
+        fstat(absent_proto, &absent_id);
+    return absent_proto < 0 ? -1 : fcntl(absent_proto, F_DUPFD_CLOEXEC, 0);
 }
 
-int at_in_the_way(int err)
-{
-    /* ENOENT: the rebuild makes every directory of the tree before it
-     * works in it, so a directory or file it just made and then does not
-     * find (or finds deleted under its descriptor) was taken away
-     * meanwhile. */
-    return err == ELOOP || err == ENOTDIR || err == EISDIR || err == ENOENT || err == ENOLINK;
-}
-
-int at_clear_foreign(PathAt *at)
+int is_absent_dir(int fd)
 {
     struct stat st;
 
-    if (!at->guarded || fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0
-        || (S_ISREG(st.st_mode) && st.st_nlink == 1))
-        return 0;
-    return at->fx->set_aside(at, "file");
-}
-
-int at_open(PathAt *at, int flags, mode_t mode)
-{
-    if (!at->guarded)
-        return openat(at->dir, at->name, flags | O_CLOEXEC, mode);
-    /* Emptied only once it is known to be a file of its own: a hard link
-     * to another file must not be cut by the open itself. */
-    int truncate = flags & O_TRUNC;
-    flags &= ~O_TRUNC;
-    for (int attempt = 0;; attempt++) {
-        struct stat st;
-        int fd = -1;
-        /* A link, device or fifo is not even opened. */
-        if (fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0 || S_ISREG(st.st_mode))
-            fd = openat(at->dir, at->name, flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode);
-        else
-            errno = ELOOP;
-        if (fd >= 0) {
-            if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1) {
-                if (truncate && ftruncate(fd, 0) != 0) {
-                    int err = errno;
-                    close(fd);
-                    errno = err;
-                    return -1;
-                }
-                return fd;
-            }
-            close(fd);
-        } else if (errno != ELOOP && errno != EISDIR && errno != ENXIO && errno != ENODEV) {
-            return -1;
-        }
-        if (attempt > 0) {
-            errno = ELOOP;
-            return -1;
-        }
-        if (at->fx->set_aside(at, "file") != 0)
-            return -1;
-        if (!(flags & O_CREAT)) {
-            errno = ENOENT;
-            return -1;
-        }
-        flags |= O_EXCL;
-    }
-}
-
-int path_open(const Effects *fx, const char *path, int flags, mode_t mode)
-{
-    PathAt at;
-
-    if (path_at(fx, path, &at) != 0)
-        return -1;
-    int fd = at_open(&at, flags, mode);
-    int err = errno;
-    path_at_close(&at);
-    errno = err;
-    return fd;
-}
-
-/* open_dir_at - the last name opened as a directory: a trusted link
- * through open_trusted_link, anything guarded without following a link */
-static int open_dir_at(PathAt *at)
-{
-    if (at->trusted_link)
-        return open_trusted_link(at->dir, at->name);
-    return openat(at->dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (at->guarded ? O_NOFOLLOW : 0));
-}
-
-int at_dir(PathAt *at, mode_t mode, int *made)
-{
-    if (made)
-        *made = 0;
-    int fd = open_dir_at(at);
-    if (fd >= 0 || at->trusted_link)
-        return fd;
-    /* Missing, or something else stands there: the effects make it, or
-     * report it. */
-    return at->fx->make_dir(at, mode, made);
-}
-
-int apply_make_dir(PathAt *at, mode_t mode, int *made)
-{
-    int set_aside = 0;
-
-    /* One foreign object is set aside; one that keeps coming back (or a
-     * directory that keeps vanishing) is given up with ELOOP. */
-    for (int attempt = 0; attempt < 4; attempt++) {
-        int fd = open_dir_at(at);
-        if (fd >= 0)
-            return fd;
-        if (errno == ENOENT) {
-            if (mkdirat(at->dir, at->name, mode) == 0) {
-                if (made)
-                    *made = 1;
-            } else if (errno != EEXIST) {
-                return -1;
-            }
-        } else if (!at->guarded || (errno != ELOOP && errno != ENOTDIR)) {
-            return -1;
-        } else if (set_aside++ > 0) {
-            errno = ELOOP;
-            return -1;
-        } else if (at->fx->set_aside(at, "directory") != 0) {
-            return -1;
-        }
-    }
-    errno = ELOOP;
-    return -1;
-}
-
-DIR *path_opendir(const Effects *fx, const char *path)
-{
-    PathAt at;
-
-    if (path_at(fx, path, &at) != 0)
-        return nullptr;
-    int fd = open_dir_at(&at);
-    int err = errno;
-    path_at_close(&at);
-    DIR *d = fd < 0 ? nullptr : fdopendir(fd);
-    if (d == nullptr && fd >= 0) {
-        err = errno;
-        close(fd);
-    }
-    errno = err;
-    return d;
-}
-
-int path_stat(const Effects *fx, const char *path, struct stat *st)
-{
-    PathAt at;
-
-    if (path_at(fx, path, &at) != 0)
-        return -1;
-    int rc = at_stat(&at, st);
-    int err = errno;
-    path_at_close(&at);
-    errno = err;
-    return rc;
-}
-
-int apply_remove(PathAt *at)
-{
-    return remove_tree_at(at->dir, at->name);
-}
-
-int apply_missing_dir(const char *path)
-{
-    (void)path;
-    return -1;
-}
-
-int path_rmdir(const Effects *fx, const char *path)
-{
-    PathAt at;
-
-    if (path_at(fx, path, &at) != 0)
-        return -1;
-    int rc = fx->remove_dir(at.dir, at.name);
-    int err = errno;
-    path_at_close(&at);
-    errno = err;
-    return rc;
-}
-
-int apply_remove_dir(int dir, const char *name)
-{
-    return unlinkat(dir, name, AT_REMOVEDIR);
-}
-
-int at_stat(PathAt *at, struct stat *st)
-{
-    return fstatat(at->dir, at->name, st, at->guarded ? AT_SYMLINK_NOFOLLOW : 0);
-}
-
-int fd_owner_mode(const Effects *fx, int fd, const char *path, uid_t uid, gid_t gid, mode_t mode,
-                  const char **step)
-{
-    return fx->owner_mode(fd, path, uid, gid, mode, step);
-}
-
-int apply_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, const char **step)
-{
-    struct stat st;
-
-    (void)path;
-    *step = "chown";
-    if (fstat(fd, &st) != 0)
-        return -1;
-    if (((uid != static_cast<uid_t>(-1) && st.st_uid != uid) || (gid != static_cast<gid_t>(-1) && st.st_gid != gid))
-        && fchown(fd, uid, gid) != 0)
-        return -1;
-    *step = "chmod";
-    if (mode != static_cast<mode_t>(-1) && (st.st_mode & 07777) != mode && fchmod(fd, mode) != 0)
-        return -1;
-    return 0;
-}
-
-int path_owner_mode(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode,
-                    const char **step)
-{
-    PathAt at;
-    struct stat st;
-    int fd = -1;
-
-    *step = "chown";
-    if (path_at(fx, path, &at) != 0)
-        return -1;
-    /* Only a regular file or a directory is opened: a device or a fifo
-     * planted in its place is neither opened nor given away. */
-    if (at_stat(&at, &st) == 0) {
-        if (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode))
-            fd = openat(at.dir, at.name,
-                        O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (at.guarded ? O_NOFOLLOW : 0));
-        else
-            errno = EPERM;
-    }
-    int err = errno;
-    path_at_close(&at);
-    if (fd < 0) {
-        errno = err == ELOOP ? EPERM : err;
-        return -1;
-    }
-    int rc = 0;
-    if (fstat(fd, &st) != 0 || (S_ISREG(st.st_mode) && st.st_nlink > 1 && at.guarded)) {
-        errno = EPERM;
-        rc = -1;
-    } else {
-        rc = fd_owner_mode(fx, fd, path, uid, gid, mode, step);
-    }
-    err = errno;
-    close(fd);
-    errno = err;
-    return rc;
-}
-
-int make_dir_noting(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, int *made)
-{
-    PathAt at;
-    int fd = -1;
-
-    *made = 0;
-    if (path_at(fx, path, &at) == 0) {
-        fd = at_dir(&at, mode, made);
-        int err = errno;
-        path_at_close(&at);
-        errno = err;
-    }
-    if (fd < 0) {
-        if (errno != ENOLINK)
-            report(0, "ERROR: Unable to mkdir %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    /* Owner and mode are set only where they differ: an unchanged
-     * directory is not touched. */
-    const char *step;
-    int rc = fd_owner_mode(fx, fd, path, uid, gid, mode, &step);
-    if (rc != 0)
-        report(0, "ERROR: Unable to %s %s: %s\n", step, path, strerror(errno));
-    close(fd);
-    return rc;
+    return absent_proto >= 0 && fd >= 0 && fstat(fd, &st) == 0 && st.st_dev == absent_id.st_dev
+           && st.st_ino == absent_id.st_ino;
 }

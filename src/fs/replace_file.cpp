@@ -2,16 +2,12 @@
  * replace_file.h). */
 #include "fs/replace_file.h"
 
-
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-/* Files replaced by this process. */
-static unsigned long replaced;
 
 static const size_t PATH_BUF_SIZE = 4096;
 
@@ -37,9 +33,11 @@ int same_bytes(int fd, const char *text, size_t len)
 int file_matches_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode)
 {
     struct stat st;
+
+    if (at->absent)
+        return 0;
     int fd = openat(at->dir, at->name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY
                                            | (at->guarded ? O_NOFOLLOW : 0));
-
     if (fd < 0)
         return 0;
     int same = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_nlink == 1 || !at->guarded)
@@ -61,86 +59,15 @@ int file_matches(const Effects *fx, const char *path, const char *text, size_t l
     return same;
 }
 
-/* write_whole - all of text to fd; 0 or -1 */
-static int write_whole(int fd, const char *text, size_t len)
-{
-    while (len > 0) {
-        ssize_t put = write(fd, text, len);
-        if (put < 0 && errno == EINTR)
-            continue;
-        if (put <= 0) {
-            if (put == 0)
-                errno = EIO;
-            return -1;
-        }
-        text += put;
-        len -= static_cast<size_t>(put);
-    }
-    return 0;
-}
-
 int replace_file_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
-                         int durable, const char **step, PathAt *tmp, char *tmp_path)
+                         int durable, FileStep *step, PathAt *tmp, char *tmp_path)
 {
     return at->fx->replace_prepare(at, text, len, uid, gid, mode, durable, step, tmp, tmp_path);
 }
 
-int apply_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
-                          int durable, const char **step, PathAt *tmp, char *tmp_path)
-{
-    if (file_matches_at(at, text, len, uid, gid, mode))
-        return 0;
-    *step = "open";
-    if (at_clear_foreign(at) != 0 || at_temporary(at, tmp, tmp_path) != 0)
-        return -1;
-    /* The temporary file is always a new one: whatever stands at its name
-     * (a leftover, a planted link) goes first. */
-    unlinkat(tmp->dir, tmp->name, 0);
-    int fd = at_open(tmp, O_WRONLY | O_CREAT | O_EXCL, 0600);
-    if (fd < 0)
-        return -1;
-    int rc = -1;
-    *step = "write";
-    if (write_whole(fd, text, len) == 0 && (!durable || fsync(fd) == 0)) {
-        *step = "chown";
-        if (fchown(fd, uid, gid) == 0) {
-            *step = "chmod";
-            if (fchmod(fd, mode) == 0)
-                rc = 0;
-        }
-    }
-    int err = errno;
-    if (close(fd) != 0 && rc == 0) {
-        *step = "write";
-        err = errno;
-        rc = -1;
-    }
-    if (rc != 0) {
-        replace_file_abort(tmp);
-        errno = err;
-        return -1;
-    }
-    return 1;
-}
-
-int replace_file_commit(PathAt *at, PathAt *tmp, int durable, const char **step)
+int replace_file_commit(PathAt *at, PathAt *tmp, int durable, FileStep *step)
 {
     return at->fx->replace_commit(at, tmp, durable, step);
-}
-
-int apply_replace_commit(PathAt *at, PathAt *tmp, int durable, const char **step)
-{
-    *step = "rename";
-    if (renameat(tmp->dir, tmp->name, at->dir, at->name) != 0) {
-        int err = errno;
-        replace_file_abort(tmp);
-        errno = err;
-        return -1;
-    }
-    if (durable)
-        fsync(at->dir);
-    replaced++;
-    return 0;
 }
 
 void replace_file_abort(PathAt *tmp)
@@ -149,7 +76,7 @@ void replace_file_abort(PathAt *tmp)
 }
 
 int replace_file_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
-                    int durable, const char **step)
+                    int durable, FileStep *step)
 {
     char tmp_path[PATH_BUF_SIZE];
     PathAt tmp;
@@ -158,9 +85,4 @@ int replace_file_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t g
     if (rc <= 0)
         return rc;
     return replace_file_commit(at, &tmp, durable, step) == 0 ? 1 : -1;
-}
-
-unsigned long replace_count(void)
-{
-    return replaced;
 }

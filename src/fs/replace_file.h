@@ -9,7 +9,8 @@
  * and renamed over it, so a reader sees the old text or the new, never a
  * part.  A durable replacement is also flushed to the disk, and the
  * directory after the rename, so that a crash cannot leave the file empty.
- * replace_count() tells how many files this process has replaced.
+ * The writing and the rename are the effects' (replace_prepare,
+ * replace_commit): a run that only reports compares instead.
  */
 #ifndef REBOX_FS_REPLACE_FILE_H
 #define REBOX_FS_REPLACE_FILE_H
@@ -20,10 +21,11 @@
 #include <sys/types.h>
 
 /* replace_file_at - 0 when the file already matched, 1 when it was
- * replaced, -1 with errno and *step ("open", "write", "chown", "chmod" or
- * "rename") when it could not be; the temporary file is then gone */
+ * replaced, -1 with errno and *step (STEP_OPEN, STEP_WRITE, STEP_CHOWN,
+ * STEP_CHMOD or STEP_RENAME) when it could not be; the temporary file is
+ * then gone */
 int replace_file_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
-                    int durable, const char **step);
+                    int durable, FileStep *step);
 
 /* replace_file_prepare, replace_file_commit, replace_file_abort - the two
  * halves of replace_file_at, for several files replaced together: every
@@ -33,8 +35,8 @@ int replace_file_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t g
  * commit renames tmp over the file, 0 or -1 (tmp then removed); abort
  * removes tmp. */
 int replace_file_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
-                         int durable, const char **step, PathAt *tmp, char *tmp_path);
-int replace_file_commit(PathAt *at, PathAt *tmp, int durable, const char **step);
+                         int durable, FileStep *step, PathAt *tmp, char *tmp_path);
+int replace_file_commit(PathAt *at, PathAt *tmp, int durable, FileStep *step);
 void replace_file_abort(PathAt *tmp);
 
 /* file_matches_at - 1 when the file at is a regular file of its own with
@@ -47,17 +49,8 @@ int file_matches_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t g
 int file_matches(const Effects *fx, const char *path, const char *text, size_t len, uid_t uid, gid_t gid,
                  mode_t mode);
 
-unsigned long replace_count(void);
-
 /* same_bytes - 1 when the open file fd, already known to be len bytes
  * long, holds exactly text */
 int same_bytes(int fd, const char *text, size_t len);
-
-/* apply_replace_prepare, apply_replace_commit - the two halves when the
- * replacement is applied (the apply table of fs/effect); replace_file_*
- * go through the effects of the PathAt */
-int apply_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode,
-                          int durable, const char **step, PathAt *tmp, char *tmp_path);
-int apply_replace_commit(PathAt *at, PathAt *tmp, int durable, const char **step);
 
 #endif

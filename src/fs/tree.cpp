@@ -96,22 +96,6 @@ void deferred_remove(const Effects *fx, const char *dir)
         report(1, "deferred_remove(): Unable to rename directory\n");
 }
 
-int apply_move(PathAt *from, PathAt *to)
-{
-    if (renameat2(from->dir, from->name, to->dir, to->name, RENAME_NOREPLACE) != 0) {
-        if (errno == EEXIST) {
-            report_plain(0, "Directory rename error: target directory %s already exists.\n", to->path);
-            errno = 0; /* reported here: no cause left for the caller's message */
-        } else {
-            report(0, "Remaming %s to %s failed: %s\n", from->path, to->path, strerror(errno));
-        }
-        return -1;
-    }
-    /* A directory path_at keeps open may now have another name. */
-    path_at_forget();
-    return 0;
-}
-
 /* resolve_dir - the absolute, link-free name of directory dir into out
  * (PATH_BUF_SIZE bytes), going back to saved_cwd; 0 or -1 */
 static int resolve_dir(const char *dir, char *out, const char *saved_cwd)

@@ -38,8 +38,4 @@ int is_subdir(const char *path, const char *base);
  * once per process), else 0 */
 int hdv1_marker_present(void);
 
-/* apply_move - from renamed to to, never over an existing object (the
- * apply table of fs/effect); 0, or -1 with errno */
-int apply_move(PathAt *from, PathAt *to);
-
 #endif

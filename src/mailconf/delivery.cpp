@@ -3,6 +3,7 @@
 #include "mailconf/delivery.h"
 
 #include "fs/file_str.h"
+#include "fs/path_ops.h"
 #include "mailconf/idn.h"
 #include "mailconf/pop3.h"
 #include "mailconf/qmail_common.h"
@@ -32,10 +33,10 @@ static int put_qmail_line(const MailDomain *d, const char *path, const char *lin
 /* give_to_popuser - owner popuser and mode 0600 for the delivery file */
 static void give_to_popuser(const char *path, const MailDomain *d)
 {
-    const char *step;
+    FileStep step;
 
     if (file_owner_mode(d->fx, path, d->uid, d->gid, 0600, &step) != 0)
-        report(1, "Unable to %s %s file: %s", step, path, strerror(errno));
+        report(1, "Unable to %s %s file: %s", step_word(step), path, strerror(errno));
 }
 
 int add_postbox(const MailDomain *d, const char *mail_name, const char *password, int disabled,

@@ -3,7 +3,8 @@
 #include "mailconf/domain.h"
 
 #include "fs/file_str.h"
-#include "fs/path_at.h"
+#include "fs/path_ops.h"
+#include "fs/trusted_link.h"
 #include "fs/tree.h"
 #include "mailconf/qmail_common.h"
 #include "runtime/config.h"

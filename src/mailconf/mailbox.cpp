@@ -4,7 +4,7 @@
 
 #include "fs/file_str.h"
 #include "fs/held_file.h"
-#include "fs/path_at.h"
+#include "fs/path_ops.h"
 #include "fs/replace_file.h"
 #include "fs/tree.h"
 #include "mailconf/qmail_common.h"
@@ -82,7 +82,8 @@ static int make_owned_dir(PathAt *at, int parent, const char *name, const Popuse
         return -1;
     }
     /* Given away only when it is not popuser's already. */
-    if (fd_owner_mode(at->fx, fd, at->path, ids.uid, ids.gid, static_cast<mode_t>(-1), what) != 0) {
+    FileStep step;
+    if (fd_owner_mode(at->fx, fd, at->path, ids.uid, ids.gid, static_cast<mode_t>(-1), &step) != 0) {
         int err = errno;
         close(fd);
         errno = err;
@@ -123,13 +124,19 @@ static void start_qmail(const Effects *fx, int home_fd, const char *home, const 
         held_file_owner(path, ids.uid, ids.gid, 0600);
     } else {
         /* Emptied by a whole replacement, never cut in place. */
-        const char *step;
+        FileStep step;
         at_child(fx, &at, home_fd, ".qmail", path);
         if (replace_file_at(&at, "", 0, ids.uid, ids.gid, 0600, 0, &step) < 0) {
-            if (strcmp(step, "chown") == 0)
+            switch (step) {
+            case STEP_CHOWN:
                 report(1, "Unable to chown .qmail file: %s", strerror(errno));
-            if (strcmp(step, "chmod") == 0)
+                break;
+            case STEP_CHMOD:
                 report(1, "Unable to chmod .qmail file: %s", strerror(errno));
+                break;
+            default:
+                break;
+            }
             report(0, "Unable to truncate or create file %s: %s", path, strerror(errno));
             report(1, "Unable to create %s file\n", ".qmail");
         }

@@ -3,7 +3,7 @@
 #include "mailconf/nonexist_policy.h"
 
 #include "fs/file_str.h"
-#include "fs/path_at.h"
+#include "fs/at_name.h"
 #include "mailconf/idn.h"
 #include "mailconf/qmail_common.h"
 #include "mailconf/value_check.h"
@@ -56,7 +56,7 @@ static void reject_line(const Effects *fx, const char *ascii, int on)
         failed = file_str(fx, path, ascii, FILE_STR_REMOVE, 1);
     if (failed)
         report(1, "set_reject: Unable to update %s file.", path);
-    const char *step;
+    FileStep step;
     if (file_owner_mode(fx, path, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0644, &step) != 0)
         report(1, "set_reject: chmod %s failed: %s\n", path, strerror(errno));
 }
@@ -71,7 +71,7 @@ static void put_default(const MailDomain *d, const char *line)
     /* The file holds the one line: replaced whole, and only when its line,
      * owner or mode differ, so the delivery programs never find it empty. */
     std::string text = std::string(line) + "\n";
-    const char *step;
+    FileStep step;
     if (file_put(d->fx, path, text.c_str(), d->uid, d->gid, 0600, &step) < 0) {
         /* Popuser's own directory: a link or another kind of object that
          * keeps standing where the file belongs (or root's link there)
@@ -83,10 +83,16 @@ static void put_default(const MailDomain *d, const char *line)
             report_plain(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
             return;
         }
-        if (strcmp(step, "chown") == 0)
+        switch (step) {
+        case STEP_CHOWN:
             report(1, "add_bounce: chown %s failed: %s", path, strerror(errno));
-        if (strcmp(step, "chmod") == 0)
+            break;
+        case STEP_CHMOD:
             report(1, "add_bounce: chmod %s failed: %s\n", path, strerror(errno));
+            break;
+        default:
+            break;
+        }
         report(1, "add_bounce: Unable to add record to %s file.", path);
     }
 }

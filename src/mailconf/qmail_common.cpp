@@ -55,7 +55,7 @@ void qmail_file_path(char *buf, size_t size, const char *name)
 
 void set_shared_mode(const Effects *fx, const char *path, unsigned mode)
 {
-    const char *step;
+    FileStep step;
 
     file_owner_mode(fx, path, static_cast<uid_t>(-1), static_cast<gid_t>(-1), mode, &step);
 }

@@ -3,7 +3,7 @@
 #include "mailconf/quota.h"
 
 #include "fs/file_lock.h"
-#include "fs/path_at.h"
+#include "fs/at_name.h"
 #include "fs/replace_file.h"
 #include "mailconf/qmail_common.h"
 #include "mailconf/value_check.h"
@@ -48,7 +48,7 @@ static void unlock_quota(FileLock *lock, const char *path)
  * warning, the previous file then left whole */
 static int write_quota_at(PathAt *at, const char *text, const PopuserIds &ids)
 {
-    const char *step;
+    FileStep step;
 
     /* An unknown popuser (ids 0) would leave the file to root: that counts
      * as a failed chown, and no file is written. */
@@ -59,14 +59,19 @@ static int write_quota_at(PathAt *at, const char *text, const PopuserIds &ids)
     }
     if (replace_file_at(at, text, strlen(text), ids.uid, ids.gid, 0640, 0, &step) >= 0)
         return 1;
-    if (strcmp(step, "open") == 0)
+    switch (step) {
+    case STEP_OPEN:
         report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
-    else if (strcmp(step, "chown") == 0)
+        break;
+    case STEP_CHOWN:
         report(0, "Unable to chown quota file %s\n", at->path);
-    else if (strcmp(step, "chmod") == 0)
+        break;
+    case STEP_CHMOD:
         report(0, "Unable to chmod for quota file %s\n", at->path);
-    else
+        break;
+    default:
         report(0, "%s", strerror(errno));
+    }
     /* Deliberately left as it is: the replacement goes through a temporary
      * file, so the previous file is still whole, and its number is closer
      * to the panel's than no quota at all (a full disk must not lift a

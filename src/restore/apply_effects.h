@@ -6,6 +6,13 @@
  * processes by name and the running of the panel's sibling utilities.  The
  * command chooses it for every run that restores and hands it down (see
  * fs/effect).
+ *
+ * The bodies of its file slots live beside the table, as the check table's
+ * live beside that one: the file layer offers only operations that go
+ * through the table it is handed, and exports nothing that makes a change
+ * behind a table's back.  The edit of a file in place, long enough for a
+ * file of its own, is in apply_edit, which only this table names.
+ * replace_count() tells how many files the table has replaced.
  */
 #ifndef REBOX_RESTORE_APPLY_EFFECTS_H
 #define REBOX_RESTORE_APPLY_EFFECTS_H
@@ -13,5 +20,9 @@
 #include "fs/effect.h"
 
 extern const Effects APPLY_EFFECTS;
+
+/* replace_count - how many files this process has replaced through
+ * APPLY_EFFECTS */
+unsigned long replace_count(void);
 
 #endif

@@ -2,8 +2,9 @@
  * check_effects.h). */
 #include "restore/check_effects.h"
 
+#include "fs/at_name.h"
+#include "fs/path_ops.h"
 #include "fs/file_lock.h"
-#include "fs/path_at.h"
 #include "fs/replace_file.h"
 #include "restore/check_report.h"
 #include "runtime/config.h"
@@ -22,42 +23,35 @@
 #include <string>
 #include <unordered_map>
 
-/* absent - 1 when at lies in the stand-in of a directory already reported
- * missing (a character device, in which every lookup fails) */
-static int absent(int dir)
-{
-    struct stat st;
-
-    return fstat(dir, &st) == 0 && S_ISCHR(st.st_mode);
-}
-
-/* stand_in - what the walk goes on with below a missing directory */
-static int stand_in(const char *path)
+/* check_missing_dir - below a missing directory the walk goes on absent */
+static int check_missing_dir(const char *path)
 {
     (void)path;
-    return open("/dev/null", O_RDONLY | O_CLOEXEC);
+    return absent_dir_fd();
 }
 
-/* check_make_dir - a directory at_dir found missing or of another kind */
+/* check_make_dir - a directory at_dir found missing or of another kind,
+ * reported unless it lies in one already reported; the walk goes on below
+ * it absent */
 static int check_make_dir(PathAt *at, mode_t mode, int *made)
 {
     (void)mode;
     (void)made;
-    if (!absent(at->dir))
+    if (!at->absent)
         check_note(errno == ENOENT ? "missing" : "foreign", at->path);
-    return stand_in(at->path);
+    return absent_dir_fd();
 }
 
 /* check_owner_mode_fx - the owner, group and mode an object would get */
 static int check_owner_mode_fx(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode,
-                               const char **step)
+                               FileStep *step)
 {
     struct stat st;
 
-    *step = "chown";
+    *step = STEP_CHOWN;
     if (fstat(fd, &st) != 0)
         return -1;
-    if (!S_ISCHR(st.st_mode))
+    if (!is_absent_dir(fd))
         check_owner_mode(path, st.st_uid, st.st_gid, st.st_mode, uid, gid, mode);
     return 0;
 }
@@ -120,7 +114,7 @@ static void report_drift(PathAt *at, const char *text, size_t len, uid_t uid, gi
 {
     struct stat st;
 
-    if (absent(at->dir))
+    if (at->absent)
         return;
     int fd = openat(at->dir, at->name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW);
     if (fd < 0 && errno == ENOENT)
@@ -139,7 +133,7 @@ static void report_drift(PathAt *at, const char *text, size_t len, uid_t uid, gi
 /* check_replace_prepare - a replacement the run would make, reported; never
  * ready to commit */
 static int check_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid,
-                                 mode_t mode, int durable, const char **step, PathAt *tmp,
+                                 mode_t mode, int durable, FileStep *step, PathAt *tmp,
                                  char *tmp_path)
 {
     (void)step;
@@ -153,7 +147,7 @@ static int check_replace_prepare(PathAt *at, const char *text, size_t len, uid_t
 }
 
 /* check_replace_commit - nothing is ever prepared, so nothing commits */
-static int check_replace_commit(PathAt *at, PathAt *tmp, int durable, const char **step)
+static int check_replace_commit(PathAt *at, PathAt *tmp, int durable, FileStep *step)
 {
     (void)at;
     (void)tmp;
@@ -308,7 +302,7 @@ const Effects CHECK_EFFECTS = {
     .remove_dir = check_remove_dir,
     .drop_leftover = check_drop_leftover,
     .lock = file_lock_shared,
-    .missing_dir = stand_in,
+    .missing_dir = check_missing_dir,
     .signal = check_signal,
     .run_util = check_run_util,
     .login_hash = check_login_hash,

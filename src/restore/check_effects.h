@@ -9,9 +9,10 @@
  * domain or mailbox of the panel.  It remembers what it needs for that
  * itself: the directories the panel has, and users/poppasswd's hashes, so
  * that a plain password that still verifies against its hash on disk is
- * not reported as changed for the run's new salt.  Below a directory that is not there the
- * walk goes on in a stand-in in which nothing exists, and nothing below it
- * is reported again.  Locks are taken shared and only where their lock
+ * not reported as changed for the run's new salt.  Below a directory that
+ * is not there the walk goes on absent (fs/path_at), where nothing is
+ * looked up, and nothing below it is reported again.  Locks are taken
+ * shared and only where their lock
  * files exist; no process is signalled, no program run, nothing removed,
  * made or written: undo paths have nothing to take back.
  */

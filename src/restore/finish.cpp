@@ -1,8 +1,8 @@
 /* finish - qmail-newu, the restart and the run's summary (see finish.h). */
 #include "restore/finish.h"
 
-#include "fs/replace_file.h"
 #include "proc/service.h"
+#include "restore/apply_effects.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
 

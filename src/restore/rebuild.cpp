@@ -32,7 +32,7 @@
 #include "db/pipeline.h"
 #include "filters/antivirus.h"
 #include "fs/held_file.h"
-#include "fs/path_at.h"
+#include "fs/path_ops.h"
 #include "mailconf/delivery.h"
 #include "mailconf/domain.h"
 #include "mailconf/domain_alias.h"
@@ -99,7 +99,7 @@ static void apply_quota(const MailDomain *d, const char *mail_name, const char *
 static void prepare_mailnames_dir(const Effects *fx, unsigned gid)
 {
     const char *dir = panel_config.QMAIL_MAILNAMES_D;
-    const char *step = "chown";
+    FileStep step = STEP_CHOWN;
     struct stat st;
     PathAt at;
     int fd = -1;
@@ -115,7 +115,7 @@ static void prepare_mailnames_dir(const Effects *fx, unsigned gid)
     if (fd < 0)
         report(1, "ERROR: Unable to mkdir for mailnames dir: %s", strerror(errno));
     if (fd_owner_mode(fx, fd, dir, 0, gid, 0755, &step) != 0) {
-        if (strcmp(step, "chmod") == 0)
+        if (step == STEP_CHMOD)
             report(1, "ERROR: Unable to chmod for mailnames dir: %s", strerror(errno));
         report(1, "ERROR: Unable to chown for mailnames dir: %s", strerror(errno));
     }

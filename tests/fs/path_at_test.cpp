@@ -1,7 +1,7 @@
 /* Tests of the mail tree's door: below a domain directory a link is never
  * followed, wherever on the way it stands, whatever the operation. */
 #include "fs/file_str.h"
-#include "fs/path_at.h"
+#include "fs/path_ops.h"
 #include "restore/apply_effects.h"
 #include "runtime/config.h"
 
@@ -22,7 +22,7 @@ TEST(PathAt, NoLinkOnTheWayBelowADomainIsFollowed)
                           domain + "/alpha' && ln -s '" + outside + "/Maildir' '" + domain + "/bravo/Maildir'")
                   .status,
               0);
-    const char *step;
+    FileStep step;
     int made;
     for (std::string path : {domain + "/alpha/.qmail", domain + "/alpha/Maildir/new", domain + "/bravo/Maildir/new/x"}) {
         SCOPED_TRACE(path);

@@ -46,9 +46,14 @@ void testdb_reset(void)
     static const std::string schema = read_file(REBOX_TEST_FIXTURES_DIR "/schema.sql");
     if (schema.empty())
         FAIL() << "testdb_reset: cannot read schema.sql";
-    /* Tables a test created of its own go too, so no test sees another's. */
-    std::string error = run_all("SET @t = (SELECT GROUP_CONCAT('`', table_name, '`') FROM "
-                                "information_schema.tables WHERE table_schema = 'vdo');"
+    /* Tables and views a test created of its own go too, so no test sees
+     * another's. */
+    std::string error = run_all("SET @v = (SELECT GROUP_CONCAT('`', table_name, '`') FROM "
+                                "information_schema.views WHERE table_schema = 'vdo');"
+                                "SET @s = IF(@v IS NULL, 'DO 0', CONCAT('DROP VIEW ', @v));"
+                                "PREPARE s FROM @s; EXECUTE s; DEALLOCATE PREPARE s;"
+                                "SET @t = (SELECT GROUP_CONCAT('`', table_name, '`') FROM "
+                                "information_schema.tables WHERE table_schema = 'vdo' AND table_type = 'BASE TABLE');"
                                 "SET @s = IF(@t IS NULL, 'DO 0', CONCAT('DROP TABLE ', @t));"
                                 "PREPARE s FROM @s; EXECUTE s; DEALLOCATE PREPARE s");
     if (error.empty())

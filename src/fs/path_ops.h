@@ -1,0 +1,53 @@
+/* path_ops - single operations on a path of the mail tree, each reached as
+ * fs/path_at reaches it (no link followed below a domain directory) and
+ * each change made through the effects it is handed: open, open a
+ * directory, stat, remove an empty directory, give owner and mode, make a
+ * directory with its owner and mode.
+ */
+#ifndef REBOX_FS_PATH_OPS_H
+#define REBOX_FS_PATH_OPS_H
+
+#include "fs/at_name.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+/* path_open - at_open for a path; the descriptor, or -1 with errno */
+int path_open(const Effects *fx, const char *path, int flags, mode_t mode);
+
+/* path_opendir - the directory at path, reached and opened as path_at and
+ * at_open_dir reach one, for reading; null with errno */
+DIR *path_opendir(const Effects *fx, const char *path);
+
+/* path_stat - at_stat of path's last name; 0, or -1 with errno */
+int path_stat(const Effects *fx, const char *path, struct stat *st);
+
+/* path_rmdir - remove the empty directory at path through fx; 0, or -1
+ * with errno (ENOTEMPTY for one that holds anything) */
+int path_rmdir(const Effects *fx, const char *path);
+
+/* fd_owner_mode - give the open file or directory fd (path names it) uid,
+ * gid and mode, each only where it differs (-1: left as it is), through
+ * fx.  0, or -1 with errno and *step */
+int fd_owner_mode(const Effects *fx, int fd, const char *path, uid_t uid, gid_t gid, mode_t mode,
+                  FileStep *step);
+
+/* path_owner_mode - give the file or directory at path uid, gid and mode
+ * through a descriptor of it; 0, or -1 with errno and *step STEP_CHOWN or
+ * STEP_CHMOD (a missing or foreign object fails the chown) */
+int path_owner_mode(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode,
+                    FileStep *step);
+
+/* step_word - the name of a failed step ("chown", "chmod", "open", ...)
+ * for the messages that name it */
+const char *step_word(FileStep step);
+
+/* make_dir_noting - the directory at path opened or made with mode, then
+ * given uid, gid and mode where they differ, each failure reported; 0, or
+ * -1.  *made tells whether this call created it (also when a later step
+ * failed); a trusted link that cannot be opened fails with ENOLINK and no
+ * message, for the caller to tell */
+int make_dir_noting(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, int *made);
+
+#endif
