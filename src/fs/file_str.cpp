@@ -22,7 +22,6 @@
 #include <unistd.h>
 
 static const size_t PATH_BUF_SIZE = 4096;
-static const size_t READ_CHUNK = 4096;
 
 /* release - file_unlock with its message; 0, or 1 when it failed */
 static int release(FileLock *lock, const char *path)
@@ -39,20 +38,6 @@ static int fail(FileLock *lock, const char *path)
 {
     release(lock, path);
     return 1;
-}
-
-/* read_all - the whole stream into text; 0, or -1 on a read error */
-static int read_all(FILE *in, TextBuf *text)
-{
-    char chunk[READ_CHUNK];
-    size_t got;
-
-    while ((got = fread(chunk, 1, sizeof(chunk), in)) > 0)
-        if (text_buf_append(text, chunk, got) != 0) {
-            errno = ENOMEM;
-            return -1;
-        }
-    return ferror(in) ? -1 : 0;
 }
 
 /* close_reported - fclose with the close message; 0 or -1 */
@@ -130,7 +115,7 @@ static int edit_rewrite(PathAt *at, const char *const *lines, int operation, int
         report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
         return 1;
     }
-    if (read_all(in, &text) != 0) {
+    if (text_buf_read(&text, fileno(in)) != 0) {
         report(0, "Unable to read file %s: %s\n", at->path, strerror(errno));
         fclose(in);
         text_buf_free(&text);
@@ -178,7 +163,7 @@ static int edit_prepend(PathAt *at, const char *const *lines, int *kept)
     if (!out)
         return 1;
     in = open_stream(at, O_RDONLY, "r");
-    if (in && read_all(in, &text) != 0) {
+    if (in && text_buf_read(&text, fileno(in)) != 0) {
         report(0, "Unable to read file %s: %s\n", at->path, strerror(errno));
         fclose(in);
         fclose(out);
@@ -268,11 +253,14 @@ int apply_edit(PathAt *at, const char *const *lines, int operation, int mode)
         missing = 1;
     }
 
-    if (operation == FILE_STR_REMOVE) {
-        if (missing)
-            return 1;
-        result = edit_rewrite(at, lines, operation, mode, &kept);
-    } else if (operation == FILE_STR_REMOVE_MATCHING) {
+    /* Adding at the beginning leaves the temporary file holding the new
+     * lines before it fails at the missing file. */
+    if (missing && !(operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
+        int rc = file_str_missing(at->path, operation, mode);
+        if (rc >= 0)
+            return rc;
+    }
+    if (operation == FILE_STR_REMOVE || operation == FILE_STR_REMOVE_MATCHING) {
         result = edit_rewrite(at, lines, operation, mode, &kept);
     } else if (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN) {
         result = edit_prepend(at, lines, &kept);
@@ -321,16 +309,28 @@ int file_str_list(const Effects *fx, const char *path, const char *const *lines,
      * works through it: in the mail tree no link is followed, and the
      * directory cannot be swapped between two steps. */
     if (path_at(fx, path, &at) != 0) {
-        if (errno == ENOENT && operation == FILE_STR_REMOVE)
-            return fail(lock, path);
-        report(0, "Unable to open file %s: %s\n", path, strerror(errno));
-        return fail(lock, path);
+        result = errno == ENOENT ? file_str_missing(path, operation, mode) : -1;
+        if (result < 0)
+            report(0, "Unable to open file %s: %s\n", path, strerror(errno));
+        return result == 0 ? release(lock, path) : fail(lock, path);
     }
     result = fx->edit(&at, lines, operation, mode);
     path_at_close(&at);
     if (result != 0)
         return fail(lock, path);
     return release(lock, path);
+}
+
+int file_str_missing(const char *path, int operation, int mode)
+{
+    if (operation == FILE_STR_ADD && mode == FILE_STR_AT_END)
+        return -1;
+    if (operation == FILE_STR_REMOVE_MATCHING || (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
+        errno = ENOENT;
+        report(0, "Unable to open file %s: %s\n", path, strerror(ENOENT));
+        return 1;
+    }
+    return operation == FILE_STR_REMOVE;
 }
 
 int file_str(const Effects *fx, const char *path, const char *line, int operation, int mode)

@@ -2,16 +2,15 @@
  *
  * Each held file keeps its lock handle, its text, two flags (whether the
  * copy has been read from disk yet, whether the file exists as far as the
- * edits know) and the owner, group and mode it is to have.  The edit
- * replays the decisions of file_str_list on the copy (what a missing file
- * means for each operation, the same messages), so the file written at the
- * end is the one the edits would have left.
+ * edits know) and the owner, group and mode it is to have.  What a missing
+ * file means for each operation is file_str's decision (file_str_missing),
+ * so the file written at the end is the one the edits would have left.
  */
 #include "fs/held_file.h"
 
 #include "fs/file_lock.h"
 #include "fs/line_edit.h"
-#include "fs/line_store.h"
+#include "fs/file_str.h"
 #include "fs/path_at.h"
 #include "fs/replace_file.h"
 #include "runtime/report.h"
@@ -157,24 +156,6 @@ int held_file_owner(const char *path, uid_t uid, gid_t gid, mode_t mode)
     return 0;
 }
 
-/* read_whole - append the rest of the open file fd to text; 0, or -1 with
- * errno on a read error */
-static int read_whole(int fd, TextBuf *text)
-{
-    char chunk[4096];
-    ssize_t got;
-
-    while ((got = read(fd, chunk, sizeof(chunk))) != 0) {
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return -1;
-        if (text_buf_append(text, chunk, static_cast<size_t>(got)) != 0)
-            report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    }
-    return 0;
-}
-
 /* load - read the copy from disk at its first edit; 0 or 1.  The file is
  * opened first and stat()ed only when that fails, to tell the message
  * file_str would give: a missing file, or one that cannot be looked at. */
@@ -200,7 +181,7 @@ static int load(HeldFile *h)
     } else {
         /* An empty file (a delivery file just made) needs no read. */
         int empty = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0;
-        if (!empty && read_whole(fd, &text) != 0) {
+        if (!empty && text_buf_read(&text, fd) != 0) {
             report(0, "Unable to read file %s: %s\n", h->path, strerror(errno));
             close(fd);
             text_buf_free(&text);
@@ -227,17 +208,9 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
     if (load(h) != 0)
         return 1;
     if (!h->exists) {
-        /* What each operation makes of a missing file, as on disk. */
-        if (operation == FILE_STR_REMOVE)
-            return 1;
-        if (operation == FILE_STR_REMOVE_MATCHING
-            || (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
-            errno = ENOENT;
-            report(0, "Unable to open file %s: %s\n", path, strerror(ENOENT));
-            return 1;
-        }
-        if (operation != FILE_STR_ADD || mode != FILE_STR_AT_END)
-            return 0;
+        int rc = file_str_missing(path, operation, mode);
+        if (rc >= 0)
+            return rc;
         h->exists = 1;
     }
     if (line_store_apply(h->store, lines, operation, mode) < 0)
