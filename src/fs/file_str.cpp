@@ -96,43 +96,54 @@ static void keep_fd(FILE *out, int *kept)
     *kept = dup(fileno(out));
 }
 
-/* edit_rewrite - the removals: read the file, edit, write the temporary
- * file, rename it over the file.  0 or 1; the lock stays with the caller.
- * A read error is reported and leaves the file untouched (a short read
- * must not be taken for the whole file).  A write failure ends the process
- * for both removals, as for a kept line that cannot be written: a
- * half-written copy must not replace the file. */
+/* edit_rewrite - the removals and the addition at the beginning: read the
+ * file, edit, write the temporary file, rename it over the file.  0 or 1;
+ * the lock stays with the caller.  The addition opens the temporary file
+ * first: when the file itself cannot be opened it is left holding the new
+ * lines.  A read error is reported and leaves the file untouched (a short
+ * read must not be taken for the whole file).  A removal whose copy cannot
+ * be written ends the process: a half-written copy must not replace the
+ * file. */
 static int edit_rewrite(PathAt *at, const char *const *lines, int operation, int mode, int *kept)
 {
     char tmp_path[PATH_BUF_SIZE];
     PathAt tmp;
     TextBuf text = {}, edited = {};
-    FILE *in, *out;
-    int bad = 0;
+    int prepend = operation == FILE_STR_ADD;
+    FILE *out = nullptr;
 
-    in = open_stream(at, O_RDONLY, "r");
-    if (!in) {
-        report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
+    if (prepend && !(out = open_temporary(at, &tmp, tmp_path)))
         return 1;
-    }
-    if (text_buf_read(&text, fileno(in)) != 0) {
-        report(0, "Unable to read file %s: %s\n", at->path, strerror(errno));
-        fclose(in);
+    FILE *in = open_stream(at, O_RDONLY, "r");
+    int open_err = errno;
+    if ((!in && !prepend) || (in && text_buf_read(&text, fileno(in)) != 0)) {
+        report(0, in ? "Unable to read file %s: %s\n" : "Unable to open file %s: %s\n", at->path, strerror(errno));
+        if (in)
+            fclose(in);
+        if (out)
+            fclose(out);
         text_buf_free(&text);
         return 1;
     }
-    out = open_temporary(at, &tmp, tmp_path);
-    if (!out) {
+    if (!out && !(out = open_temporary(at, &tmp, tmp_path))) {
         fclose(in);
         text_buf_free(&text);
         return 1;
     }
     if (line_edit_apply(text.data, text.len, lines, operation, mode, &edited) < 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    if (write_all(out, &edited) != 0)
-        report(1, "cannot write a line to %s.tmp", at->path);
+    int bad = write_all(out, &edited);
     text_buf_free(&text);
     text_buf_free(&edited);
+    if (!in) {
+        fclose(out);
+        report(0, "Unable to open file %s: %s\n", at->path, strerror(open_err));
+        return 1;
+    }
+    if (bad && !prepend)
+        report(1, "cannot write a line to %s.tmp", at->path);
+    if (bad)
+        report(0, "Unable to fputs to file %s: %s\n", at->path, strerror(errno));
     keep_fd(out, kept);
     bad |= close_reported(in, at->path);
     bad |= close_reported(out, tmp_path);
@@ -142,60 +153,8 @@ static int edit_rewrite(PathAt *at, const char *const *lines, int operation, int
         if (operation == FILE_STR_REMOVE)
             report(0, "Error while rename file %s: %s\n", at->path, strerror(errno));
         else
-            report_stderr("Error while rename file %s: %s\n", tmp_path, strerror(errno));
-        return 1;
-    }
-    return 0;
-}
-
-/* edit_prepend - the entries, then the file's content, into the temporary
- * file, renamed over the file.  The temporary file is opened first: when
- * the file itself cannot be opened it is left holding the new lines. */
-static int edit_prepend(PathAt *at, const char *const *lines, int *kept)
-{
-    char tmp_path[PATH_BUF_SIZE];
-    PathAt tmp;
-    TextBuf text = {}, edited = {};
-    FILE *in, *out;
-    int bad = 0;
-
-    out = open_temporary(at, &tmp, tmp_path);
-    if (!out)
-        return 1;
-    in = open_stream(at, O_RDONLY, "r");
-    if (in && text_buf_read(&text, fileno(in)) != 0) {
-        report(0, "Unable to read file %s: %s\n", at->path, strerror(errno));
-        fclose(in);
-        fclose(out);
-        text_buf_free(&text);
-        return 1;
-    }
-    if (!in) {
-        int err = errno;
-        if (line_edit_apply("", 0, lines, FILE_STR_ADD, FILE_STR_AT_BEGIN, &edited) < 0)
-            report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-        write_all(out, &edited);
-        text_buf_free(&edited);
-        fclose(out);
-        errno = err;
-        report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
-        return 1;
-    }
-    if (line_edit_apply(text.data, text.len, lines, FILE_STR_ADD, FILE_STR_AT_BEGIN, &edited) < 0)
-        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    if (write_all(out, &edited) != 0) {
-        report(0, "Unable to fputs to file %s: %s\n", at->path, strerror(errno));
-        bad = -1;
-    }
-    text_buf_free(&text);
-    text_buf_free(&edited);
-    keep_fd(out, kept);
-    bad |= close_reported(in, at->path);
-    bad |= close_reported(out, tmp_path);
-    if (bad)
-        return 1;
-    if (renameat(tmp.dir, tmp.name, at->dir, at->name) != 0) {
-        report_stderr("Unable to rename file %s: %s\n", tmp_path, strerror(errno));
+            report_stderr(prepend ? "Unable to rename file %s: %s\n" : "Error while rename file %s: %s\n",
+                          tmp_path, strerror(errno));
         return 1;
     }
     return 0;
@@ -260,10 +219,9 @@ int apply_edit(PathAt *at, const char *const *lines, int operation, int mode)
         if (rc >= 0)
             return rc;
     }
-    if (operation == FILE_STR_REMOVE || operation == FILE_STR_REMOVE_MATCHING) {
+    if (operation == FILE_STR_REMOVE || operation == FILE_STR_REMOVE_MATCHING
+        || (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
         result = edit_rewrite(at, lines, operation, mode, &kept);
-    } else if (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN) {
-        result = edit_prepend(at, lines, &kept);
     } else if (operation == FILE_STR_ADD && mode == FILE_STR_AT_END) {
         result = edit_append(at, lines, &kept);
     }
@@ -296,15 +254,8 @@ int file_str_list(const Effects *fx, const char *path, const char *const *lines,
     int result = held_file_edit(path, lines, operation, mode);
     if (result >= 0)
         return result;
-    lock = fx->lock(path, 1);
-
-    if (!file_lock_held(lock)) {
-        report(0, "Error occurred while locking the file %s\n", path);
-        int failure = errno; /* the caller's message names the same cause */
-        file_lock_dispose(lock);
-        errno = failure;
+    if (!(lock = file_str_lock(fx, path)))
         return 1;
-    }
     /* The file's directory is opened once, and every step of the edit
      * works through it: in the mail tree no link is followed, and the
      * directory cannot be swapped between two steps. */
@@ -319,6 +270,19 @@ int file_str_list(const Effects *fx, const char *path, const char *const *lines,
     if (result != 0)
         return fail(lock, path);
     return release(lock, path);
+}
+
+FileLock *file_str_lock(const Effects *fx, const char *path)
+{
+    FileLock *lock = fx->lock(path, 1);
+
+    if (file_lock_held(lock))
+        return lock;
+    report(0, "Error occurred while locking the file %s\n", path);
+    int failure = errno; /* the caller's message names the same cause */
+    file_lock_dispose(lock);
+    errno = failure;
+    return nullptr;
 }
 
 int file_str_missing(const char *path, int operation, int mode)

@@ -61,21 +61,6 @@ static HeldFile *find_held(const char *path)
     return nullptr;
 }
 
-/* take_lock - the named lock of path through fx, or null after the
- * message */
-static FileLock *take_lock(const Effects *fx, const char *path)
-{
-    FileLock *lock = fx->lock(path, 1);
-
-    if (file_lock_held(lock))
-        return lock;
-    report(0, "Error occurred while locking the file %s\n", path);
-    int failure = errno; /* the caller's message names the same cause */
-    file_lock_dispose(lock);
-    errno = failure;
-    return nullptr;
-}
-
 /* drop_leftover - remove the "<name>.tmp" a run cut short left beside
  * path, unread: the file is held now, and only a whole replacement renamed
  * over it counts (through the effects). */
@@ -102,7 +87,7 @@ static int hold(const Effects *fx, const char *path, int durable, int rebuilt)
         report(0, "Unable to hold %s: too many files held\n", path);
         return 1;
     }
-    FileLock *lock = rebuilt ? nullptr : take_lock(fx, path);
+    FileLock *lock = rebuilt ? nullptr : file_str_lock(fx, path);
     if (!rebuilt && lock == nullptr)
         return 1;
     if (!rebuilt)
@@ -332,7 +317,7 @@ static int locked_to_write(HeldFile *h)
         return 1;
     if (unchanged(h))
         return 0;
-    h->lock = take_lock(h->fx, h->path);
+    h->lock = file_str_lock(h->fx, h->path);
     return h->lock != nullptr ? 1 : -1;
 }
 
