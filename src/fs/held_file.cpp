@@ -111,19 +111,23 @@ int held_file_take_rebuilt(const Effects *fx, const char *path)
     return hold(fx, path, 0, 1);
 }
 
+/* set_text - the copy made to hold len bytes of text, read or reset */
+static void set_text(HeldFile *h, const char *text, size_t len, int exists)
+{
+    line_store_free(h->store);
+    if (!(h->store = line_store_new(text, len)))
+        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    h->loaded = 1;
+    h->exists = exists;
+}
+
 int held_file_reset(const char *path, const char *text)
 {
     HeldFile *h = find_held(path);
 
-    if (h == nullptr)
-        return -1;
-    line_store_free(h->store);
-    h->store = line_store_new(text, strlen(text));
-    if (!h->store)
-        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    h->loaded = 1;
-    h->exists = 1;
-    return 0;
+    if (h != nullptr)
+        set_text(h, text, strlen(text), 1);
+    return h != nullptr ? 0 : -1;
 }
 
 int held_file_owner(const char *path, uid_t uid, gid_t gid, mode_t mode)
@@ -175,12 +179,8 @@ static int load(HeldFile *h)
         close(fd);
         h->exists = 1;
     }
-    line_store_free(h->store);
-    h->store = line_store_new(text.data, text.len);
+    set_text(h, text.data, text.len, h->exists);
     text_buf_free(&text);
-    if (!h->store)
-        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    h->loaded = 1;
     return 0;
 }
 

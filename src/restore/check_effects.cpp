@@ -25,17 +25,14 @@ static int absent(int dir)
 }
 
 /* stand_in - what the walk goes on with below a missing directory */
-static int stand_in(const char *path)
+static int stand_in(const char *)
 {
-    (void)path;
     return open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
 /* check_make_dir - a directory at_dir found missing or of another kind */
-static int check_make_dir(PathAt *at, mode_t mode, int *made)
+static int check_make_dir(PathAt *at, mode_t, int *)
 {
-    (void)mode;
-    (void)made;
     if (!absent(at->dir))
         check_note(errno == ENOENT ? "missing" : "foreign", at->path);
     return stand_in(at->path);
@@ -56,9 +53,8 @@ static int check_owner_mode_fx(int fd, const char *path, uid_t uid, gid_t gid, m
 }
 
 /* check_set_aside - a foreign object the run would set aside */
-static int check_set_aside(PathAt *at, const char *kind)
+static int check_set_aside(PathAt *at, const char *)
 {
-    (void)kind;
     check_note("foreign", at->path);
     errno = EEXIST;
     return -1;
@@ -121,12 +117,9 @@ static void report_drift(PathAt *at, const char *text, size_t len, uid_t uid, gi
 /* check_replace_prepare - a replacement the run would make, reported; never
  * ready to commit */
 static int check_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid,
-                                 mode_t mode, int durable, const char **step, PathAt *tmp,
-                                 char *tmp_path)
+                                 mode_t mode, int durable, const char **, PathAt *,
+                                 char *)
 {
-    (void)step;
-    (void)tmp;
-    (void)tmp_path;
     if (durable)
         diff_shared(at, text, len, uid, gid, mode);
     else if (!file_matches_at(at, text, len, uid, gid, mode))
@@ -135,12 +128,8 @@ static int check_replace_prepare(PathAt *at, const char *text, size_t len, uid_t
 }
 
 /* check_replace_commit - nothing is ever prepared, so nothing commits */
-static int check_replace_commit(PathAt *at, PathAt *tmp, int durable, const char **step)
+static int check_replace_commit(PathAt *, PathAt *, int, const char **)
 {
-    (void)at;
-    (void)tmp;
-    (void)durable;
-    (void)step;
     return 0;
 }
 
@@ -179,40 +168,32 @@ static int check_remove(PathAt *at)
 
 /* check_move - an object a restore would move to a deferred name: one
  * the panel no longer has */
-static int check_move(PathAt *from, PathAt *to)
+static int check_move(PathAt *from, PathAt *)
 {
-    (void)to;
     check_note("surplus", from->path);
     return 0;
 }
 
 /* check_remove_dir - nothing was made, so nothing is taken back */
-static int check_remove_dir(int dir, const char *name)
+static int check_remove_dir(int, const char *)
 {
-    (void)dir;
-    (void)name;
     return 0;
 }
 
 /* check_drop_leftover - a leftover temporary file stays */
-static void check_drop_leftover(PathAt *tmp)
+static void check_drop_leftover(PathAt *)
 {
-    (void)tmp;
 }
 
 /* check_signal - no process is signalled */
-static int check_signal(const char *name, int sig)
+static int check_signal(const char *, int)
 {
-    (void)name;
-    (void)sig;
     return 0;
 }
 
 /* check_run_util - no program is run */
-static int check_run_util(const char *name, char *const argv[])
+static int check_run_util(const char *, char *const[])
 {
-    (void)name;
-    (void)argv;
     return 0;
 }
 
