@@ -89,13 +89,6 @@ static int write_all(FILE *out, const TextBuf *text)
     return fwrite(text->data, 1, text->len, out) == text->len ? 0 : -1;
 }
 
-/* keep_fd - a descriptor of the written file, kept past its fclose so that
- * its owner and mode are set on the very file written */
-static void keep_fd(FILE *out, int *kept)
-{
-    *kept = dup(fileno(out));
-}
-
 /* edit_rewrite - the removals and the addition at the beginning: read the
  * file, edit, write the temporary file, rename it over the file.  0 or 1;
  * the lock stays with the caller.  The addition opens the temporary file
@@ -144,7 +137,7 @@ static int edit_rewrite(PathAt *at, const char *const *lines, int operation, int
         report(1, "cannot write a line to %s.tmp", at->path);
     if (bad)
         report(0, "Unable to fputs to file %s: %s\n", at->path, strerror(errno));
-    keep_fd(out, kept);
+    *kept = dup(fileno(out)); /* the owner and mode go on the very file written */
     bad |= close_reported(in, at->path);
     bad |= close_reported(out, tmp_path);
     if (bad)
@@ -188,7 +181,7 @@ static int edit_append(PathAt *at, const char *const *lines, int *kept)
         bad = 1;
     }
     text_buf_free(&edited);
-    keep_fd(out, kept);
+    *kept = dup(fileno(out)); /* the owner and mode go on the very file written */
     if (close_reported(out, at->path) != 0)
         bad = 1;
     return bad;

@@ -51,25 +51,6 @@ void deferred_bases(const char *bases[3])
     bases[2] = nullptr;
 }
 
-/* fill_unique_name - replace the trailing six X of templ with letters and
- * digits so that no entry of that name exists yet; 0 on success, -1 */
-static int fill_unique_name(char *templ)
-{
-    size_t len = strlen(templ);
-    struct stat st;
-
-    if (len < 6 || strcmp(templ + len - 6, "XXXXXX") != 0)
-        return -1;
-    for (int attempt = 0; attempt < 100; attempt++) {
-        if (random_letters(templ + len - 6, 6) != 0)
-            return -1;
-        if (lstat(templ, &st) != 0 && errno == ENOENT)
-            return 0;
-        memcpy(templ + len - 6, "XXXXXX", 6);
-    }
-    return -1;
-}
-
 void deferred_remove(const Effects *fx, const char *dir)
 {
     const char *bases[3];
@@ -92,7 +73,9 @@ void deferred_remove(const Effects *fx, const char *dir)
         report(1, "deferred_remove(): can't stat directory, skip it.\n");
     errno = 0; /* a name cut by the buffer is no system error */
     int n = snprintf(deferred, sizeof(deferred), "%s/%sXXXXXX", base, DEFERRED_PREFIX);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof(deferred) || fill_unique_name(deferred) != 0)
+    /* Six random letters and digits for the X; the move never goes over
+     * an existing name. */
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(deferred) || random_letters(deferred + n - 6, 6) != 0)
         report(1, "deferred_remove(): Unable create filename for delete directory\n");
     errno = 0;
     report(0, "deferred_remove(): rename dir %s to %s\n", dir, deferred);

@@ -52,6 +52,8 @@ TEST(FileUtil, EachCallItsResultMessageAndWhatItLeaves)
     ASSERT_NE(realpath(d.c_str(), real), nullptr);
     snprintf(parents, sizeof(parents), "%s/p/q/r", d.c_str());
     auto at = [&](const char *name) { return std::string(d + "/" + name); };
+    std::string dom = sandbox_path("qmail/mailnames/dom");
+    ASSERT_EQ(run_command("mkdir -p " + dom + "/info").status, 0);
     std::string f = at("f"), g = at("g"), src = at("src"), none = at("none"), tree = at("tree");
     const char *weak[] = {"abcd", "abcdefghijklmnopq", "xjohnx1", "caf\xc3\xa9s"};
     const char *found = "x", *list[] = {none.c_str(), src.c_str(), nullptr};
@@ -101,6 +103,9 @@ TEST(FileUtil, EachCallItsResultMessageAndWhatItLeaves)
          "link,missing"},
         {[&] { return (rename_in_tree(fx, at("tree/a").c_str(), "a", "b", 1), 0); }, 0,
          "It's a regulat entry(not directory): " + at("tree/a"), "tree/a", "0644 0 7781 "},
+        {[&] { return (deferred_remove(fx, dom.c_str()), 0); }, 0,
+         "deferred_remove(): rename dir " + dom + " to " + sandbox_path("qmail/mailnames/__deleted"),
+         "../qmail/mailnames/dom", "missing"},
         /* the path helpers */
         {[&] { return std::string(real_path(at("tree/sub/../a").c_str())) == std::string(real) + "/tree/a"; }, 1, "", "", ""},
         {[&] { return std::string(real_path(at("tree/sub/").c_str())) == std::string(real) + "/tree/sub"; }, 1, "", "", ""},
@@ -135,6 +140,8 @@ TEST(FileUtil, EachCallItsResultMessageAndWhatItLeaves)
                 "copy_file_atomic\\(.*/u -> .*/u/f\\): read failed");
     EXPECT_EXIT(chmod_tree(fx, none.c_str(), 0644, 0755, 1), testing::ExitedWithCode(1),
                 "Unable to get entry .*/none: No such file or directory");
+    EXPECT_EXIT(deferred_remove(fx, d.c_str()), testing::ExitedWithCode(1),
+                "not supported directory for deferred remove: .*/u\n");
     EXPECT_EXIT(read_first_line(none.c_str()), testing::ExitedWithCode(1), "Unable to open file '.*/none'");
     EXPECT_EQ(read_file(f), "line one\nsecond\n");
 }
