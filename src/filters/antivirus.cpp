@@ -9,7 +9,6 @@
 #include "filters/antivirus.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -17,6 +16,7 @@
 #include <unistd.h>
 
 #include "fs/file_str.h"
+#include "fs/file_util.h"
 #include "fs/held_file.h"
 #include "fs/path_ops.h"
 #include "mailconf/value_check.h"
@@ -56,16 +56,6 @@ static void users_conf_path(char *buf, size_t size)
     snprintf(buf, size, "%s/%s", panel_config.DRWEB_ETC_D, "/users.conf");
 }
 
-/* give_to_root - owner root and mode 0644 for users.conf (when it is held,
- * at its write) */
-static void give_to_root(const Effects *fx, const char *path)
-{
-    FileStep step;
-
-    if (file_owner_mode(fx, path, 0, 0, 0644, &step) != 0 && errno != ENOENT)
-        report(0, "ERROR: unable to %s %s: %s\n", step_word(step), path, strerror(errno));
-}
-
 int remove_antivirus_records(const Effects *fx, const char *domain, const char *local_part)
 {
     char path[AV_BUF_SIZE];
@@ -86,7 +76,7 @@ int remove_antivirus_records(const Effects *fx, const char *domain, const char *
 
     /* A missing file has nothing to remove: the result is not an error. */
     file_str_list(fx, path, forms, FILE_STR_REMOVE, FILE_STR_AT_END);
-    give_to_root(fx, path);
+    set_owner_mode(fx, path, 0, 0, 0644);
     for (char **form = forms; *form; form++)
         free(*form);
     return 0;
@@ -120,7 +110,7 @@ int add_antivirus_record(const Effects *fx, const char *domain, const char *loca
         report(0, "Unable to add record for '%s' to '%s' file", address, path);
         return -1;
     }
-    give_to_root(fx, path);
+    set_owner_mode(fx, path, 0, 0, 0644);
     return 0;
 }
 
@@ -179,28 +169,24 @@ static void av_run_query(const Effects *fx, MYSQL *conn, const char *query, cons
     mysql_free_result(res);
 }
 
-/* reset_held - start the held file from its head: the template's text when
- * there is a readable one, else "[version=2]" */
-static void reset_held(const char *path)
+int reset_users_conf(const Effects *fx)
 {
-    char tmpl[AV_BUF_SIZE], chunk[4096];
-    TextBuf text = {};
-    const char *head = "[version=2]\n";
-    int fd = -1;
+    char path[AV_BUF_SIZE], tmpl[AV_BUF_SIZE];
+    struct stat st;
+    FileStep step;
 
-    if (snprintf(tmpl, sizeof tmpl, "%s.in", path) < static_cast<int>(sizeof tmpl))
-        fd = open(tmpl, O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-        ssize_t got;
-        while ((got = read(fd, chunk, sizeof chunk)) > 0)
-            if (text_buf_append(&text, chunk, static_cast<size_t>(got)) != 0)
-                report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-        close(fd);
-        if (got == 0 && text_buf_append(&text, "", 1) == 0)
-            head = text.data;
-    }
-    held_file_reset(path, head);
-    text_buf_free(&text);
+    users_conf_path(path, sizeof path);
+    if (snprintf(tmpl, sizeof tmpl, "%s.in", path) < static_cast<int>(sizeof tmpl) && stat(tmpl, &st) == 0
+        && copy_file_locked(fx, tmpl, path) == 0)
+        return 0;
+    if (held_file_reset(path, "[version=2]\n") == 0
+        || file_put(fx, path, "[version=2]\n", geteuid(), getegid(), 0644, &step) >= 0)
+        return 0;
+    if (step == STEP_OPEN || step == STEP_LOCK)
+        report(0, "Unable to open %s file for writing: %s\n", path, strerror(errno));
+    else
+        report(0, "An error occured during writing the file %s: %s\n", path, strerror(errno));
+    return -1;
 }
 
 void restore_antivirus_settings(const Effects *fx, MYSQL *conn)
@@ -217,8 +203,8 @@ void restore_antivirus_settings(const Effects *fx, MYSQL *conn)
     users_conf_path(path, sizeof path);
     if (held_file_take(fx, path, 1) != 0)
         report(1, "Unable to lock %s for the rebuild", path);
-    reset_held(path);
-    give_to_root(fx, path);
+    reset_users_conf(fx);
+    set_owner_mode(fx, path, 0, 0, 0644);
     for (const auto &q : av_queries)
         av_run_query(fx, conn, q.query, q.failure);
     held_file_release(path);

@@ -1,7 +1,9 @@
 /* file_lock - named advisory locks on lock files under the product root.
  *
  * Offers a writer's and a reader's waiting lock, the held test,
- * file_unlock(), and md5_hex() which names the lock files.
+ * file_unlock(), and md5_hex() which names the lock files (what a run
+ * takes through its effects); the non-waiting lock, the busy test and the
+ * lock path of a data file serve the panel's other utilities.
  */
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "fs/file_lock.h"
@@ -116,7 +118,7 @@ static FileLock *file_lock_open(const char *path, int open_flags, int operation,
     if (flock(lock->fd, operation) != 0) {
         int err = errno;
         close(lock->fd);
-        lock->fd = -1;
+        lock->fd = err == EWOULDBLOCK ? 0 : -1;
         errno = err;
     }
     return lock;
@@ -143,9 +145,24 @@ FileLock *file_lock_shared(const char *path, short hashed)
     return lock;
 }
 
+FileLock *file_trylock(const char *path, short hashed)
+{
+    return file_lock_open(path, O_RDWR | O_CREAT | O_TRUNC, LOCK_EX | LOCK_NB, hashed);
+}
+
+char *file_lock_path(const char *path)
+{
+    return build_lock_path(path, 1);
+}
+
 int file_lock_held(const FileLock *lock)
 {
     return lock && lock->fd > 0;
+}
+
+int file_lock_busy(const FileLock *lock)
+{
+    return !lock || lock->fd == 0;
 }
 
 int file_unlock(FileLock *lock)

@@ -4,15 +4,19 @@
  * separate, always empty lock file.  With the hashed-name flag set the lock
  * file is PRODUCT_ROOT_D/var/lock/files/<md5 of the path as spelled>, so
  * every program that derives the name the same way shares the lock.
- * Offers the FileLock handle, taking a lock (a writer's or a reader's),
- * testing it, releasing it, and the hex MD5 the lock files are named by.
+ * Offers the FileLock handle, taking a lock (a writer's or a reader's,
+ * waited for; a writer's not waited for), testing it (held, busy),
+ * releasing it, the lock file path of a data file, and the hex MD5 the
+ * lock files are named by.  A run takes its locks through its effects; the
+ * non-waiting lock, the busy test and the lock path are library members
+ * the panel's other utilities use.
  */
 #ifndef REBOX_FS_FILE_LOCK_H
 #define REBOX_FS_FILE_LOCK_H
 
-/* FileLock - a lock handle.  fd > 0: held; otherwise the lock file could
- * not be opened or locked.  path is the lock file's path, kept for
- * messages. */
+/* FileLock - a lock handle.  fd > 0: held; 0: busy (held elsewhere, seen
+ * by a non-waiting attempt); < 0: the lock file could not be opened or
+ * locked.  path is the lock file's path, kept for messages. */
 struct FileLock {
     int fd;
     char *path;
@@ -24,7 +28,15 @@ struct FileLock {
  * effects it was handed (fs/effect), which choose one of the two. */
 FileLock *file_lock(const char *path, short hashed);
 FileLock *file_lock_shared(const char *path, short hashed);
+/* file_trylock - the writer's lock, not waited for: busy when held
+ * elsewhere */
+FileLock *file_trylock(const char *path, short hashed);
 int file_lock_held(const FileLock *lock);
+/* file_lock_busy - 1 for a null handle or one that found the lock busy */
+int file_lock_busy(const FileLock *lock);
+/* file_lock_path - the hashed lock file path of a data file, newly
+ * allocated; null when PRODUCT_ROOT_D is not configured */
+char *file_lock_path(const char *path);
 int file_unlock(FileLock *lock);
 /* file_lock_dispose - same as file_unlock; used for handles whose lock
  * was not obtained */

@@ -42,29 +42,47 @@ int file_str_list(const Effects *fx, const char *path, const char *const *lines,
     int result = held_file_edit(path, lines, operation, mode);
     if (result >= 0)
         return result;
-    lock = fx->lock(path, 1);
-
-    if (!file_lock_held(lock)) {
-        report(0, "Error occurred while locking the file %s\n", path);
-        int failure = errno; /* the caller's message names the same cause */
-        file_lock_dispose(lock);
-        errno = failure;
+    if (!(lock = file_str_lock(fx, path)))
         return 1;
-    }
     /* The file's directory is opened once, and every step of the edit
      * works through it: in the mail tree no link is followed, and the
      * directory cannot be swapped between two steps. */
     if (path_at(fx, path, &at) != 0) {
-        if (errno == ENOENT && operation == FILE_STR_REMOVE)
-            return fail(lock, path);
-        report(0, "Unable to open file %s: %s\n", path, strerror(errno));
-        return fail(lock, path);
+        result = errno == ENOENT ? file_str_missing(path, operation, mode) : -1;
+        if (result < 0)
+            report(0, "Unable to open file %s: %s\n", path, strerror(errno));
+        return result == 0 ? release(lock, path) : fail(lock, path);
     }
     result = fx->edit(&at, lines, operation, mode);
     path_at_close(&at);
     if (result != 0)
         return fail(lock, path);
     return release(lock, path);
+}
+
+FileLock *file_str_lock(const Effects *fx, const char *path)
+{
+    FileLock *lock = fx->lock(path, 1);
+
+    if (file_lock_held(lock))
+        return lock;
+    report(0, "Error occurred while locking the file %s\n", path);
+    int failure = errno; /* the caller's message names the same cause */
+    file_lock_dispose(lock);
+    errno = failure;
+    return nullptr;
+}
+
+int file_str_missing(const char *path, int operation, int mode)
+{
+    if (operation == FILE_STR_ADD && mode == FILE_STR_AT_END)
+        return -1;
+    if (operation == FILE_STR_REMOVE_MATCHING || (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
+        errno = ENOENT;
+        report(0, "Unable to open file %s: %s\n", path, strerror(ENOENT));
+        return 1;
+    }
+    return operation == FILE_STR_REMOVE;
 }
 
 int file_str(const Effects *fx, const char *path, const char *line, int operation, int mode)

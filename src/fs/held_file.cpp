@@ -2,16 +2,16 @@
  *
  * Each held file keeps its lock handle, its text, two flags (whether the
  * copy has been read from disk yet, whether the file exists as far as the
- * edits know) and the owner, group and mode it is to have.  The edit
- * replays the decisions of file_str_list on the copy (what a missing file
- * means for each operation, the same messages), so the file written at the
- * end is the one the edits would have left.
+ * edits know) and the owner, group and mode it is to have.  What a missing
+ * file means for each operation is file_str's decision (file_str_missing),
+ * so the file written at the end is the one the edits would have left.
  */
 #include "fs/held_file.h"
 
 #include "fs/file_lock.h"
 #include "fs/line_edit.h"
-#include "fs/line_store.h"
+#include "fs/file_str.h"
+#include "fs/path_at.h"
 #include "fs/path_ops.h"
 #include "fs/replace_file.h"
 #include "runtime/report.h"
@@ -62,21 +62,6 @@ static HeldFile *find_held(const char *path)
     return nullptr;
 }
 
-/* take_lock - the named lock of path through fx, or null after the
- * message */
-static FileLock *take_lock(const Effects *fx, const char *path)
-{
-    FileLock *lock = fx->lock(path, 1);
-
-    if (file_lock_held(lock))
-        return lock;
-    report(0, "Error occurred while locking the file %s\n", path);
-    int failure = errno; /* the caller's message names the same cause */
-    file_lock_dispose(lock);
-    errno = failure;
-    return nullptr;
-}
-
 /* drop_leftover - remove the "<name>.tmp" a run cut short left beside
  * path, unread: the file is held now, and only a whole replacement renamed
  * over it counts (through the effects). */
@@ -103,7 +88,7 @@ static int hold(const Effects *fx, const char *path, int durable, int rebuilt)
         errno = 0; /* a failed hold leaves its cause in errno: here none */
         return 1;
     }
-    FileLock *lock = rebuilt ? nullptr : take_lock(fx, path);
+    FileLock *lock = rebuilt ? nullptr : file_str_lock(fx, path);
     if (!rebuilt && lock == nullptr)
         return 1;
     if (!rebuilt)
@@ -127,19 +112,23 @@ int held_file_take_rebuilt(const Effects *fx, const char *path)
     return hold(fx, path, 0, 1);
 }
 
+/* set_text - the copy made to hold len bytes of text, read or reset */
+static void set_text(HeldFile *h, const char *text, size_t len, int exists)
+{
+    line_store_free(h->store);
+    if (!(h->store = line_store_new(text, len)))
+        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    h->loaded = 1;
+    h->exists = exists;
+}
+
 int held_file_reset(const char *path, const char *text)
 {
     HeldFile *h = find_held(path);
 
-    if (h == nullptr)
-        return -1;
-    line_store_free(h->store);
-    h->store = line_store_new(text, strlen(text));
-    if (!h->store)
-        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    h->loaded = 1;
-    h->exists = 1;
-    return 0;
+    if (h != nullptr)
+        set_text(h, text, strlen(text), 1);
+    return h != nullptr ? 0 : -1;
 }
 
 int held_file_owner(const char *path, uid_t uid, gid_t gid, mode_t mode)
@@ -154,24 +143,6 @@ int held_file_owner(const char *path, uid_t uid, gid_t gid, mode_t mode)
         h->gid = gid;
     if (mode != static_cast<mode_t>(-1))
         h->mode = mode;
-    return 0;
-}
-
-/* read_whole - append the rest of the open file fd to text; 0, or -1 with
- * errno on a read error */
-static int read_whole(int fd, TextBuf *text)
-{
-    char chunk[4096];
-    ssize_t got;
-
-    while ((got = read(fd, chunk, sizeof(chunk))) != 0) {
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return -1;
-        if (text_buf_append(text, chunk, static_cast<size_t>(got)) != 0)
-            report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    }
     return 0;
 }
 
@@ -200,7 +171,7 @@ static int load(HeldFile *h)
     } else {
         /* An empty file (a delivery file just made) needs no read. */
         int empty = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0;
-        if (!empty && read_whole(fd, &text) != 0) {
+        if (!empty && text_buf_read(&text, fd) != 0) {
             report(0, "Unable to read file %s: %s\n", h->path, strerror(errno));
             close(fd);
             text_buf_free(&text);
@@ -209,12 +180,8 @@ static int load(HeldFile *h)
         close(fd);
         h->exists = 1;
     }
-    line_store_free(h->store);
-    h->store = line_store_new(text.data, text.len);
+    set_text(h, text.data, text.len, h->exists);
     text_buf_free(&text);
-    if (!h->store)
-        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    h->loaded = 1;
     return 0;
 }
 
@@ -227,17 +194,9 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
     if (load(h) != 0)
         return 1;
     if (!h->exists) {
-        /* What each operation makes of a missing file, as on disk. */
-        if (operation == FILE_STR_REMOVE)
-            return 1;
-        if (operation == FILE_STR_REMOVE_MATCHING
-            || (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
-            errno = ENOENT;
-            report(0, "Unable to open file %s: %s\n", path, strerror(ENOENT));
-            return 1;
-        }
-        if (operation != FILE_STR_ADD || mode != FILE_STR_AT_END)
-            return 0;
+        int rc = file_str_missing(path, operation, mode);
+        if (rc >= 0)
+            return rc;
         h->exists = 1;
     }
     if (line_store_apply(h->store, lines, operation, mode) < 0)
@@ -363,7 +322,7 @@ static int locked_to_write(HeldFile *h)
         return 1;
     if (unchanged(h))
         return 0;
-    h->lock = take_lock(h->fx, h->path);
+    h->lock = file_str_lock(h->fx, h->path);
     return h->lock != nullptr ? 1 : -1;
 }
 

@@ -1,11 +1,12 @@
 /* line_edit - the editing rules of line-oriented text files, in memory.
  *
- * line_edit_apply() takes a whole file's text and a null-terminated list of
- * entries and produces the edited text: entries added at the beginning or
+ * One implementation serves every edit: entries added at the beginning or
  * the end, lines equal to an entry removed, or lines matching an entry by
- * prefix, suffix or substring removed.  No files, locks or owners are
- * involved here; file_str wraps this with the locked on-disk update, and
- * callers that keep a file in memory apply the very same edits directly.
+ * prefix, suffix or substring removed.  A LineStore holds a text for many
+ * edits, each costing what it changes (the in-memory copies of held_file);
+ * line_edit_apply() is one edit of a whole text through a store of its
+ * own (file_str's on-disk edit, the check table's comparison).  No files,
+ * locks or owners are involved here.
  *
  * The text is cut into pieces as a 4096-byte line reader would see it: a
  * piece ends after a newline or after LINE_EDIT_PIECE_MAX bytes, so a line
@@ -50,12 +51,25 @@ struct TextBuf {
 
 int text_buf_append(TextBuf *buf, const char *bytes, size_t len);
 void text_buf_free(TextBuf *buf);
+/* text_buf_read - append the rest of the open file fd; 0, or -1 with
+ * errno (ENOMEM when memory runs out) */
+int text_buf_read(TextBuf *buf, int fd);
 
-/* line_edit_apply - append to out the result of applying operation/mode
- * with the entries to the in_len bytes at in.  Returns the number of
- * pieces removed (0 for additions and for combinations that change
- * nothing, whose result is the input unchanged), or -1 when memory runs
- * out. */
+struct LineStore;
+
+/* line_store_new - a store holding len bytes of text; null when memory
+ * runs out */
+LineStore *line_store_new(const char *text, size_t len);
+void line_store_free(LineStore *store);
+/* line_store_apply - operation/mode with the null-terminated entries on
+ * the held text: the number of pieces removed (0 for additions and for
+ * combinations that change nothing), or -1 when memory runs out */
+int line_store_apply(LineStore *store, const char *const *entries, int operation, int mode);
+/* line_store_text - append the held text to out; 0 or -1 */
+int line_store_text(const LineStore *store, TextBuf *out);
+
+/* line_edit_apply - append to out the in_len bytes at in as the edit
+ * leaves them; as line_store_apply, the pieces removed or -1 */
 int line_edit_apply(const char *in, size_t in_len, const char *const *entries,
                     int operation, int mode, TextBuf *out);
 

@@ -1,4 +1,5 @@
-/* tree - whole directory trees removed by path, at once or deferred.
+/* tree - whole directory trees: removal by path, at once or deferred,
+ * owner and mode walks, renaming of files by name, and path helpers.
  *
  * remove_tree() removes a file, or a directory with everything in it,
  * reached through the mail tree's door (fs/path_at) and removed through
@@ -6,14 +7,20 @@
  * marker is present (hdv1_marker_present), a domain directory is not
  * removed at once: deferred_remove() moves it, in one step, to a
  * "__deleted" name in its base directory (HTTPD_VHOSTS_D or
- * QMAIL_MAILNAMES_D), for the purge of proc/purge to delete later.
- * is_subdir() tells which base a directory lies in; it changes the working
- * directory of the process while it runs and restores it afterwards.
+ * QMAIL_MAILNAMES_D), for the purge of proc/purge to delete later;
+ * is_subdir() tells which base a directory lies in.  The restore command
+ * uses those.  chmod_tree(), chown_tree(), chown_chmod_tree(),
+ * rename_in_tree(), real_path() and is_empty_string() serve the panel's
+ * other utilities; the walks change through the effects, never follow a
+ * link, leave links and special files alone and end the process on any
+ * failure.
  */
 #ifndef REBOX_FS_TREE_H
 #define REBOX_FS_TREE_H
 
 #include "fs/effect.h"
+
+#include <sys/types.h>
 
 /* remove_tree - delete path, a directory with everything in it, through
  * fx.  A missing path is no failure; any other ends the process */
@@ -29,6 +36,28 @@ void deferred_remove(const Effects *fx, const char *dir);
 /* deferred_bases - the directories whose subdirectories may be set aside,
  * in their order, followed by a null */
 void deferred_bases(const char *bases[3]);
+
+/* chmod_tree - regular files get file_mode, directories dir_mode (the top
+ * directory only with top 1) */
+void chmod_tree(const Effects *fx, const char *path, mode_t file_mode, mode_t dir_mode, int top);
+
+/* chown_tree - regular files and directories get uid and gid (the top
+ * directory only with top 1) */
+void chown_tree(const Effects *fx, const char *path, uid_t uid, gid_t gid, int top);
+
+/* chown_chmod_tree - chown_tree and chmod_tree in one walk; returns 0 */
+int chown_chmod_tree(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t file_mode,
+                     mode_t dir_mode, int top);
+
+/* rename_in_tree - regular files called old_name renamed to new_name in
+ * their own directory (in the top directory only with top 1) */
+void rename_in_tree(const Effects *fx, const char *path, const char *old_name, const char *new_name, int top);
+
+/* real_path - the resolved absolute path in a static buffer, or null */
+const char *real_path(const char *path);
+
+/* is_empty_string - 1 when text is null or empty */
+int is_empty_string(const char *text);
 
 /* is_subdir - 1 when path and base are directories (not links) and path
  * lies strictly inside base, else 0 */

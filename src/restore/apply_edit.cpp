@@ -3,6 +3,7 @@
 #include "restore/apply_edit.h"
 
 #include "fs/at_name.h"
+#include "fs/file_str.h"
 #include "fs/line_edit.h"
 #include "runtime/report.h"
 
@@ -14,21 +15,6 @@
 #include <unistd.h>
 
 static const size_t PATH_BUF_SIZE = 4096;
-static const size_t READ_CHUNK = 4096;
-
-/* read_all - the whole stream into text; 0, or -1 on a read error */
-static int read_all(FILE *in, TextBuf *text)
-{
-    char chunk[READ_CHUNK];
-    size_t got;
-
-    while ((got = fread(chunk, 1, sizeof(chunk), in)) > 0)
-        if (text_buf_append(text, chunk, got) != 0) {
-            errno = ENOMEM;
-            return -1;
-        }
-    return ferror(in) ? -1 : 0;
-}
 
 /* close_reported - fclose with the close message; 0 or -1 */
 static int close_reported(FILE *stream, const char *name)
@@ -79,51 +65,55 @@ static int write_all(FILE *out, const TextBuf *text)
     return fwrite(text->data, 1, text->len, out) == text->len ? 0 : -1;
 }
 
-/* keep_fd - a descriptor of the written file, kept past its fclose so that
- * its owner and mode are set on the very file written */
-static void keep_fd(FILE *out, int *kept)
-{
-    *kept = dup(fileno(out));
-}
-
-/* edit_rewrite - the removals: read the file, edit, write the temporary
- * file, rename it over the file.  0 or 1; the lock stays with the caller.
- * A read error is reported and leaves the file untouched (a short read
- * must not be taken for the whole file).  A write failure ends the process
- * for both removals, as for a kept line that cannot be written: a
- * half-written copy must not replace the file. */
+/* edit_rewrite - the removals and the addition at the beginning: read the
+ * file, edit, write the temporary file, rename it over the file.  0 or 1;
+ * the lock stays with the caller.  The addition opens the temporary file
+ * first: when the file itself cannot be opened it is left holding the new
+ * lines.  A read error is reported and leaves the file untouched (a short
+ * read must not be taken for the whole file).  A removal whose copy cannot
+ * be written ends the process: a half-written copy must not replace the
+ * file. */
 static int edit_rewrite(PathAt *at, const char *const *lines, int operation, int mode, int *kept)
 {
     char tmp_path[PATH_BUF_SIZE];
     PathAt tmp;
     TextBuf text = {}, edited = {};
-    FILE *in, *out;
-    int bad = 0;
+    int prepend = operation == FILE_STR_ADD;
+    FILE *out = nullptr;
 
-    in = open_stream(at, O_RDONLY, "r");
-    if (!in) {
-        report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
+    if (prepend && !(out = open_temporary(at, &tmp, tmp_path)))
         return 1;
-    }
-    if (read_all(in, &text) != 0) {
-        report(0, "Unable to read file %s: %s\n", at->path, strerror(errno));
-        fclose(in);
+    FILE *in = open_stream(at, O_RDONLY, "r");
+    int open_err = errno;
+    if ((!in && !prepend) || (in && text_buf_read(&text, fileno(in)) != 0)) {
+        report(0, in ? "Unable to read file %s: %s\n" : "Unable to open file %s: %s\n", at->path, strerror(errno));
+        if (in)
+            fclose(in);
+        if (out)
+            fclose(out);
         text_buf_free(&text);
         return 1;
     }
-    out = open_temporary(at, &tmp, tmp_path);
-    if (!out) {
+    if (!out && !(out = open_temporary(at, &tmp, tmp_path))) {
         fclose(in);
         text_buf_free(&text);
         return 1;
     }
     if (line_edit_apply(text.data, text.len, lines, operation, mode, &edited) < 0)
         report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    if (write_all(out, &edited) != 0)
-        report(1, "cannot write a line to %s.tmp", at->path);
+    int bad = write_all(out, &edited);
     text_buf_free(&text);
     text_buf_free(&edited);
-    keep_fd(out, kept);
+    if (!in) {
+        fclose(out);
+        report(0, "Unable to open file %s: %s\n", at->path, strerror(open_err));
+        return 1;
+    }
+    if (bad && !prepend)
+        report(1, "cannot write a line to %s.tmp", at->path);
+    if (bad)
+        report(0, "Unable to fputs to file %s: %s\n", at->path, strerror(errno));
+    *kept = dup(fileno(out)); /* the owner and mode go on the very file written */
     bad |= close_reported(in, at->path);
     bad |= close_reported(out, tmp_path);
     if (bad)
@@ -132,60 +122,8 @@ static int edit_rewrite(PathAt *at, const char *const *lines, int operation, int
         if (operation == FILE_STR_REMOVE)
             report(0, "Error while rename file %s: %s\n", at->path, strerror(errno));
         else
-            report_stderr("Error while rename file %s: %s\n", tmp_path, strerror(errno));
-        return 1;
-    }
-    return 0;
-}
-
-/* edit_prepend - the entries, then the file's content, into the temporary
- * file, renamed over the file.  The temporary file is opened first: when
- * the file itself cannot be opened it is left holding the new lines. */
-static int edit_prepend(PathAt *at, const char *const *lines, int *kept)
-{
-    char tmp_path[PATH_BUF_SIZE];
-    PathAt tmp;
-    TextBuf text = {}, edited = {};
-    FILE *in, *out;
-    int bad = 0;
-
-    out = open_temporary(at, &tmp, tmp_path);
-    if (!out)
-        return 1;
-    in = open_stream(at, O_RDONLY, "r");
-    if (in && read_all(in, &text) != 0) {
-        report(0, "Unable to read file %s: %s\n", at->path, strerror(errno));
-        fclose(in);
-        fclose(out);
-        text_buf_free(&text);
-        return 1;
-    }
-    if (!in) {
-        int err = errno;
-        if (line_edit_apply("", 0, lines, FILE_STR_ADD, FILE_STR_AT_BEGIN, &edited) < 0)
-            report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-        write_all(out, &edited);
-        text_buf_free(&edited);
-        fclose(out);
-        errno = err;
-        report(0, "Unable to open file %s: %s\n", at->path, strerror(errno));
-        return 1;
-    }
-    if (line_edit_apply(text.data, text.len, lines, FILE_STR_ADD, FILE_STR_AT_BEGIN, &edited) < 0)
-        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-    if (write_all(out, &edited) != 0) {
-        report(0, "Unable to fputs to file %s: %s\n", at->path, strerror(errno));
-        bad = -1;
-    }
-    text_buf_free(&text);
-    text_buf_free(&edited);
-    keep_fd(out, kept);
-    bad |= close_reported(in, at->path);
-    bad |= close_reported(out, tmp_path);
-    if (bad)
-        return 1;
-    if (renameat(tmp.dir, tmp.name, at->dir, at->name) != 0) {
-        report_stderr("Unable to rename file %s: %s\n", tmp_path, strerror(errno));
+            report_stderr(prepend ? "Unable to rename file %s: %s\n" : "Error while rename file %s: %s\n",
+                          tmp_path, strerror(errno));
         return 1;
     }
     return 0;
@@ -219,7 +157,7 @@ static int edit_append(PathAt *at, const char *const *lines, int *kept)
         bad = 1;
     }
     text_buf_free(&edited);
-    keep_fd(out, kept);
+    *kept = dup(fileno(out)); /* the owner and mode go on the very file written */
     if (close_reported(out, at->path) != 0)
         bad = 1;
     return bad;
@@ -243,14 +181,16 @@ int apply_edit(PathAt *at, const char *const *lines, int operation, int mode)
         missing = 1;
     }
 
-    if (operation == FILE_STR_REMOVE) {
-        if (missing)
-            return 1;
+    /* Adding at the beginning leaves the temporary file holding the new
+     * lines before it fails at the missing file. */
+    if (missing && !(operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
+        int rc = file_str_missing(at->path, operation, mode);
+        if (rc >= 0)
+            return rc;
+    }
+    if (operation == FILE_STR_REMOVE || operation == FILE_STR_REMOVE_MATCHING
+        || (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
         result = edit_rewrite(at, lines, operation, mode, &kept);
-    } else if (operation == FILE_STR_REMOVE_MATCHING) {
-        result = edit_rewrite(at, lines, operation, mode, &kept);
-    } else if (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN) {
-        result = edit_prepend(at, lines, &kept);
     } else if (operation == FILE_STR_ADD && mode == FILE_STR_AT_END) {
         result = edit_append(at, lines, &kept);
     }

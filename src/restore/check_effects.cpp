@@ -5,6 +5,8 @@
 #include "fs/at_name.h"
 #include "fs/path_ops.h"
 #include "fs/file_lock.h"
+#include "fs/file_str.h"
+#include "fs/path_at.h"
 #include "fs/replace_file.h"
 #include "restore/check_report.h"
 #include "runtime/config.h"
@@ -57,39 +59,26 @@ static int check_owner_mode_fx(int fd, const char *path, uid_t uid, gid_t gid, m
 }
 
 /* check_set_aside - a foreign object the run would set aside */
-static int check_set_aside(PathAt *at, const char *kind)
+static int check_set_aside(PathAt *at, const char *)
 {
-    (void)kind;
     check_note("foreign", at->path);
     errno = EEXIST;
     return -1;
 }
 
 /* read_file_at - the whole content of the file reached through at into
- * text; 0, or -1 when it cannot be opened (text empty) */
-static int read_file_at(PathAt *at, std::string &text, struct stat *st)
+ * text (empty at first); 0, or -1 with errno when it cannot be opened */
+static int read_file_at(PathAt *at, TextBuf *text, struct stat *st)
 {
-    char chunk[4096];
     int fd = at_open(at, O_RDONLY, 0);
 
-    text.clear();
     if (fd < 0)
         return -1;
-    if (fstat(fd, st) != 0) {
-        close(fd);
-        return -1;
-    }
-    for (ssize_t got; (got = read(fd, chunk, sizeof(chunk))) != 0;) {
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0) {
-            report(0, "Unable to read file %s: %s\n", at->path, strerror(errno));
-            break;
-        }
-        text.append(chunk, static_cast<size_t>(got));
-    }
+    int rc = fstat(fd, st);
+    if (rc == 0 && text_buf_read(text, fd) != 0)
+        report(0, "Unable to read file %s: %s\n", at->path, strerror(errno));
     close(fd);
-    return 0;
+    return rc;
 }
 
 /* diff_shared - a shared file's report: the unified diff of its text on
@@ -97,15 +86,16 @@ static int read_file_at(PathAt *at, std::string &text, struct stat *st)
  * its owner and mode where they differ */
 static void diff_shared(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid, mode_t mode)
 {
-    std::string disk;
+    TextBuf disk = {};
     struct stat st;
-    int found = read_file_at(at, disk, &st) == 0;
+    int found = read_file_at(at, &disk, &st) == 0;
     size_t plen = strlen(at->path);
 
-    check_diff(at->path, disk.data(), disk.size(), text, len,
+    check_diff(at->path, disk.data ? disk.data : "", disk.len, text, len,
                plen >= 10 && strcmp(at->path + plen - 10, "/poppasswd") == 0);
     if (found)
         check_owner_mode(at->path, st.st_uid, st.st_gid, st.st_mode, uid, gid, mode);
+    text_buf_free(&disk);
 }
 
 /* report_drift - what is wrong with a file that does not match; nothing
@@ -136,9 +126,6 @@ static int check_replace_prepare(PathAt *at, const char *text, size_t len, uid_t
                                  mode_t mode, int durable, FileStep *step, PathAt *tmp,
                                  char *tmp_path)
 {
-    (void)step;
-    (void)tmp;
-    (void)tmp_path;
     if (durable)
         diff_shared(at, text, len, uid, gid, mode);
     else if (!file_matches_at(at, text, len, uid, gid, mode))
@@ -149,21 +136,32 @@ static int check_replace_prepare(PathAt *at, const char *text, size_t len, uid_t
 /* check_replace_commit - nothing is ever prepared, so nothing commits */
 static int check_replace_commit(PathAt *at, PathAt *tmp, int durable, FileStep *step)
 {
-    (void)at;
-    (void)tmp;
-    (void)durable;
-    (void)step;
     return 0;
 }
 
-/* check_edit - a file that is not held would be edited in place: reported
- * as differing */
+/* check_edit - a file that is not held, edited in place: what the edit
+ * would write, compared with what is there.  A missing file gets the
+ * edit's own result; one the edit would create is reported missing. */
 static int check_edit(PathAt *at, const char *const *lines, int operation, int mode)
 {
-    (void)lines;
-    (void)operation;
-    (void)mode;
-    check_note("wrong-content", at->path);
+    TextBuf disk = {}, edited = {};
+    struct stat st;
+    int rc = 0;
+
+    if (read_file_at(at, &disk, &st) != 0) {
+        rc = errno == ENOENT ? file_str_missing(at->path, operation, mode) : -1;
+        /* Nothing more where the directory is already reported missing or
+         * the object was reported foreign as it was opened. */
+        if (rc < 0 && errno != EEXIST && !at->absent)
+            check_note(errno == ENOENT ? "missing" : "foreign", at->path);
+        return rc < 0 ? 0 : rc;
+    }
+    if (line_edit_apply(disk.data, disk.len, lines, operation, mode, &edited) < 0)
+        report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+    if (edited.len != disk.len || (disk.len && memcmp(edited.data, disk.data, disk.len) != 0))
+        check_note("wrong-content", at->path);
+    text_buf_free(&disk);
+    text_buf_free(&edited);
     return 0;
 }
 
@@ -176,40 +174,32 @@ static int check_remove(PathAt *at)
 
 /* check_move - an object a restore would move to a deferred name: one
  * the panel no longer has */
-static int check_move(PathAt *from, PathAt *to)
+static int check_move(PathAt *from, PathAt *)
 {
-    (void)to;
     check_note("surplus", from->path);
     return 0;
 }
 
 /* check_remove_dir - nothing was made, so nothing is taken back */
-static int check_remove_dir(int dir, const char *name)
+static int check_remove_dir(int, const char *)
 {
-    (void)dir;
-    (void)name;
     return 0;
 }
 
 /* check_drop_leftover - a leftover temporary file stays */
-static void check_drop_leftover(PathAt *tmp)
+static void check_drop_leftover(PathAt *)
 {
-    (void)tmp;
 }
 
 /* check_signal - no process is signalled */
-static int check_signal(const char *name, int sig)
+static int check_signal(const char *, int)
 {
-    (void)name;
-    (void)sig;
     return 0;
 }
 
 /* check_run_util - no program is run */
-static int check_run_util(const char *name, char *const argv[])
+static int check_run_util(const char *, char *const[])
 {
-    (void)name;
-    (void)argv;
     return 0;
 }
 

@@ -75,6 +75,14 @@ TEST_F(AntivirusTest, HeadDirectionsTemplateAndRepeatedAddress)
     EXPECT_EQ(file_meta(conf), "0644 0 0");
     EXPECT_EQ(read_file(conf + ".in"), tmpl);
     EXPECT_EQ(read_calls(virusctl).size(), 2u);
+
+    /* Outside the pass the first step writes the file itself: the
+     * template, or without one the head alone. */
+    for (const std::string &head : {tmpl, std::string("[version=2]\n")}) {
+        EXPECT_EQ(reset_users_conf(&APPLY_EFFECTS), 0);
+        EXPECT_EQ(read_file(conf), head);
+        unlink((conf + ".in").c_str());
+    }
 }
 
 TEST_F(AntivirusTest, MailAliasesUnderDomainAliasesAndFailingQuery)

@@ -8,6 +8,7 @@
 #include "support/snapshot.h"
 
 #include <fcntl.h>
+#include <stdlib.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -28,6 +29,23 @@ TEST(FileLock, NamesAndLockFilesLeftInPlace)
     EXPECT_EQ(file_meta(lock_file), "0644 0 0");
     EXPECT_EQ(read_file(lock_file), "");
     EXPECT_EQ(file_unlock(nullptr), -1);
+    char *named = file_lock_path(data);
+    EXPECT_EQ(std::string(named), lock_file);
+    free(named);
+
+    /* A lock held through another handle (even of this process) is busy
+     * for the non-waiting attempt, and free for it once released. */
+    FileLock *holder = file_lock(data, 1), *tries[2];
+    for (FileLock *&attempt : tries) {
+        attempt = file_trylock(data, 1);
+        file_unlock(holder);
+        holder = nullptr;
+    }
+    EXPECT_EQ(file_lock_busy(tries[0]) * 2 + file_lock_held(tries[0]), 2);
+    EXPECT_EQ(file_lock_busy(tries[1]) * 2 + file_lock_held(tries[1]), 1);
+    EXPECT_EQ(file_lock_busy(nullptr), 1);
+    file_unlock(tries[0]);
+    file_unlock(tries[1]);
 
     /* Standard input closed: the lock file must not take descriptor 0,
      * which a handle reads as "busy". */

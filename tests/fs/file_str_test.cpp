@@ -3,6 +3,7 @@
  * The editing rules themselves are covered in line_edit_test. */
 #include "fs/file_str.h"
 #include "restore/apply_effects.h"
+#include "restore/check_effects.h"
 
 #include "fs/file_lock.h"
 
@@ -85,4 +86,34 @@ TEST(FileStr, MissingFileOverlongPathAndFailedChown)
     std::string err = stderr_of([&] { EXPECT_EQ(file_str(&APPLY_EFFECTS, file.c_str(), "x", FILE_STR_ADD, 5), 1); });
     run_command("chattr -a " + file);
     EXPECT_TRUE(has(err, "Unable to chown file " + file) && !has(err, "chmod")) << err;
+}
+
+/* A check run reports an edit only where what it would write differs from
+ * the disk, and the file stays as it was. */
+TEST(FileStr, CheckReportsOnlyEditsThatChangeTheFile)
+{
+    REQUIRE_SANDBOX();
+    load_panel_config();
+    std::string path = sandbox_path("qmail/control/virtualdomains"), gone = sandbox_path("qmail/control/none");
+    write_file(path, "a.b:1\nc.d:2\n");
+    struct { std::string file; const char *line; int op, mode, rc; std::string note; } rows[] = {
+        {path, "absent", FILE_STR_REMOVE, 1, 0, ""},
+        {path, "c.d:2\n", FILE_STR_REMOVE, 1, 0, "wrong-content " + path},
+        {path, ".b:1", FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX, 0, "wrong-content " + path},
+        {path, "zz", FILE_STR_REMOVE_MATCHING, FILE_STR_PREFIX, 0, ""},
+        {path, "e.f:3", FILE_STR_ADD, FILE_STR_AT_END, 0, "wrong-content " + path},
+        {path, "e.f:3", FILE_STR_ADD, 7, 0, ""},
+        {gone, "x", FILE_STR_REMOVE, 1, 1, ""},
+        {gone, "x", FILE_STR_ADD, FILE_STR_AT_END, 0, "missing " + gone},
+    };
+    for (const auto &r : rows) {
+        testing::internal::CaptureStdout();
+        int rc = file_str(&CHECK_EFFECTS, r.file.c_str(), r.line, r.op, r.mode);
+        fflush(stdout);
+        std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(rc, r.rc) << r.line;
+        EXPECT_EQ(out, r.note.empty() ? "" : r.note + "\n") << r.line;
+    }
+    EXPECT_EQ(read_file(path), "a.b:1\nc.d:2\n");
+    EXPECT_NE(access(gone.c_str(), F_OK), 0);
 }

@@ -1,6 +1,7 @@
-/* The in-memory line store must edit exactly as the line-edit engine does:
- * random edits applied to both, compared after every step. */
-#include "fs/line_store.h"
+/* A store edited many times must hold what one edit of its whole text at
+ * each step gives: random edits applied both ways, compared after every
+ * step (dead pieces, lazily built indexes, additions at both ends). */
+#include "fs/line_edit.h"
 
 #include <gtest/gtest.h>
 
