@@ -98,6 +98,7 @@ void domain_facts(MYSQL *conn, const MailDomainRow *d, DomainFacts *facts)
     value(conn, q[Q_LIMIT], facts->limit, GET_DOM_LIMIT_REFUSED, "mbox_quota");
     facts->aliases = rows(conn, q[Q_ALIASES], "Unable to query domain aliases: %s");
     facts->mailboxes = rows(conn, q[Q_MAILBOXES], "Unable to query mailnames: %s");
+    mailbox_rows(facts->mailboxes, &facts->boxes);
     if (get_answer(conn, q[Q_POLICY_NUL], 0, count) == GET_REFUSED) {
         report_plain(1, "Unable to query the unknown-recipient policy of domain id %s: %s\n", d->id,
                mysql_error(conn));
@@ -149,15 +150,6 @@ void mailbox_lists_prefetch(const MailboxRow *m)
     pipeline_prefetch(mail_aliases_query(m->id, query));
 }
 
-/* id_before - a domain row comes before another by its identifier, a
- * number: the shorter text first, then the smaller */
-static bool id_before(const MailDomainRow &a, const MailDomainRow &b)
-{
-    size_t la = strlen(a.id), lb = strlen(b.id);
-
-    return la != lb ? la < lb : strcmp(a.id, b.id) < 0;
-}
-
 void read_mail_domains(MYSQL *conn, MailDomains *list)
 {
     list->res = rows(conn, DOMAINS_QUERY, "Unable to query domains: %s");
@@ -170,8 +162,10 @@ void read_mail_domains(MYSQL *conn, MailDomains *list)
      * plan it picks follows its statistics and indexes): every pass takes
      * the domains in the order of their identifiers, so that a rerun on an
      * unchanged panel writes the same lines in the same order and runs
-     * the sibling utilities in the same order. */
-    std::stable_sort(list->rows.begin(), list->rows.end(), id_before);
+     * the sibling utilities in the same order.  Sorted here rather than by
+     * the query, which stays the panel's own text. */
+    std::stable_sort(list->rows.begin(), list->rows.end(),
+                     [](const MailDomainRow &a, const MailDomainRow &b) { return id_before(a.id, b.id); });
 }
 
 void free_mail_domains(MailDomains *list)

@@ -35,7 +35,8 @@ struct DomainFacts {
     char limit[PANEL_QUERY_SIZE]; /* the mbox_quota limit, "" for none */
     NonexistPolicy policy;
     MYSQL_RES *aliases;   /* one column: a domain alias name */
-    MYSQL_RES *mailboxes; /* rows of mailbox_row() */
+    MYSQL_RES *mailboxes; /* owns the texts of boxes */
+    std::vector<MailboxRow> boxes; /* the mailboxes, in the order of their identifiers */
 };
 
 void read_mail_domains(MYSQL *conn, MailDomains *list);

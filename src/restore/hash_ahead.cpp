@@ -51,6 +51,7 @@ struct HashList {
 static MYSQL *thread_conn;
 static const char *const *list_query;
 static size_t list_count;
+static HashOrder list_order;
 static HashPlain list_plain;
 static const char *run_salt;
 static unsigned char *list_state;
@@ -113,8 +114,10 @@ static HashList *read_list(const char *query)
     MYSQL_RES *res = mysql_store_result(thread_conn);
     if (res == nullptr)
         return nullptr;
-    size_t n = mysql_num_rows(res), bytes = 1;
-    while (MYSQL_ROW row = mysql_fetch_row(res))
+    std::vector<MYSQL_ROW> rows;
+    list_order(res, &rows);
+    size_t n = rows.size(), bytes = 1;
+    for (MYSQL_ROW row : rows)
         if (const char *plain = list_plain(row))
             bytes += strlen(plain) + 1;
     HashList *list = static_cast<HashList *>(calloc(1, sizeof(HashList)));
@@ -130,10 +133,9 @@ static HashList *read_list(const char *query)
         mysql_free_result(res);
         return nullptr;
     }
-    mysql_data_seek(res, 0);
     char *text = list->texts;
-    for (size_t i = 0; MYSQL_ROW row = mysql_fetch_row(res); i++) {
-        const char *plain = list_plain(row);
+    for (size_t i = 0; i < n; i++) {
+        const char *plain = list_plain(rows[i]);
         if (plain == nullptr) {
             list->entry[i].state = ENTRY_DONE;
             continue;
@@ -186,9 +188,10 @@ static void *hash_all(void *)
     return nullptr;
 }
 
-void hash_ahead_start(MYSQL *conn, const char *const *queries, size_t n, HashPlain plain,
+void hash_ahead_start(MYSQL *conn, const char *const *queries, size_t n, HashOrder order, HashPlain plain,
                       const char *salt)
 {
+    list_order = order;
     thread_conn = conn;
     list_query = queries;
     list_count = n;

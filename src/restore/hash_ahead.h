@@ -24,14 +24,18 @@
 #include <mysql.h>
 #include <stddef.h>
 
+#include <vector>
+
 /* HashPlain - the plain password of a mailbox list row, or null when the
  * row needs no hash made */
 typedef const char *(*HashPlain)(MYSQL_ROW row);
+/* HashOrder - the rows of a list in the order the pass takes them */
+typedef void (*HashOrder)(MYSQL_RES *res, std::vector<MYSQL_ROW> *rows);
 
 /* hash_ahead_start - start the thread on conn (which it closes; null: no
  * thread) over queries[0..n) (null entries are passed over); queries and
  * salt must stay untouched until hash_ahead_stop() */
-void hash_ahead_start(MYSQL *conn, const char *const *queries, size_t n, HashPlain plain,
+void hash_ahead_start(MYSQL *conn, const char *const *queries, size_t n, HashOrder order, HashPlain plain,
                       const char *salt);
 
 /* hash_ahead_domain - the pass starts on list k; the thread's reading of

@@ -7,6 +7,7 @@
 #include "restore/finish.h"
 #include "runtime/report.h"
 
+#include <algorithm>
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -95,14 +96,42 @@ const char *mailbox_row(MYSQL_RES *res, MYSQL_ROW row, MailboxRow *fields)
     fields->mbox_quota = row[MB_QUOTA];
     /* The name and password columns, the name, and (postbox on, stored
      * crypt hash) the hash. */
-    for (int col = MB_TYPE; col <= MB_PASSWORD; col++)
-        if (const char *why = check_no_nul(row[col], lengths[col]))
-            return why;
-    if (const char *why = column_rule(res, row, MB_NAME, check_mail_name))
-        return why;
-    if (fields->postbox && fields->plain == nullptr && fields->password != nullptr)
-        return check_crypt_hash(fields->password);
-    return nullptr;
+    fields->rule = nullptr;
+    for (int col = MB_TYPE; col <= MB_PASSWORD && fields->rule == nullptr; col++)
+        fields->rule = check_no_nul(row[col], lengths[col]);
+    if (fields->rule == nullptr)
+        fields->rule = column_rule(res, row, MB_NAME, check_mail_name);
+    if (fields->rule == nullptr && fields->postbox && fields->plain == nullptr && fields->password != nullptr)
+        fields->rule = check_crypt_hash(fields->password);
+    return fields->rule;
+}
+
+bool id_before(const char *a, const char *b)
+{
+    size_t la = a != nullptr ? strlen(a) : 0, lb = b != nullptr ? strlen(b) : 0;
+
+    return la != lb ? la < lb : la != 0 && strcmp(a, b) < 0;
+}
+
+void mailbox_rows(MYSQL_RES *res, std::vector<MailboxRow> *rows)
+{
+    rows->clear();
+    /* Decoded as fetched: a row's column lengths are those of the row
+     * fetched last. */
+    while (MYSQL_ROW row = mysql_fetch_row(res)) {
+        rows->emplace_back();
+        mailbox_row(res, row, &rows->back());
+    }
+    std::stable_sort(rows->begin(), rows->end(),
+                     [](const MailboxRow &a, const MailboxRow &b) { return id_before(a.id, b.id); });
+}
+
+void rows_by_id(MYSQL_RES *res, std::vector<MYSQL_ROW> *rows)
+{
+    rows->clear();
+    while (MYSQL_ROW row = mysql_fetch_row(res))
+        rows->push_back(row);
+    std::stable_sort(rows->begin(), rows->end(), [](MYSQL_ROW a, MYSQL_ROW b) { return id_before(a[0], b[0]); });
 }
 
 void skip_row(const char *kind, const char *value, const char *mailbox, const char *domain,
@@ -126,11 +155,16 @@ void skip_row(const char *kind, const char *value, const char *mailbox, const ch
                      why);
 }
 
+/* The lists of one column (a domain's aliases, a mail group's members, a
+ * mailbox's aliases) end in "ORDER BY id": without their identifiers in
+ * the answer the pass could not order them itself, and in the order the
+ * server happens to pick, a rerun on an unchanged panel would rewrite
+ * assign, virtualdomains and the delivery files. */
 const char *domain_aliases_query(const char *domain_id, char *buf)
 {
     snprintf(buf, PANEL_QUERY_SIZE,
-             "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'", domain_id,
-             0u);
+             "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true' ORDER BY id",
+             domain_id, 0u);
     return buf;
 }
 
@@ -146,12 +180,12 @@ const char *mailboxes_query(const char *domain_id, char *buf)
 
 const char *mailgroup_query(const char *mailbox_id, char *buf)
 {
-    snprintf(buf, PANEL_QUERY_SIZE, "SELECT address FROM mail_redir WHERE mn_id=%s", mailbox_id);
+    snprintf(buf, PANEL_QUERY_SIZE, "SELECT address FROM mail_redir WHERE mn_id=%s ORDER BY id", mailbox_id);
     return buf;
 }
 
 const char *mail_aliases_query(const char *mailbox_id, char *buf)
 {
-    snprintf(buf, PANEL_QUERY_SIZE, "SELECT alias FROM mail_aliases WHERE mn_id=%s", mailbox_id);
+    snprintf(buf, PANEL_QUERY_SIZE, "SELECT alias FROM mail_aliases WHERE mn_id=%s ORDER BY id", mailbox_id);
     return buf;
 }

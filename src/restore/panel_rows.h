@@ -20,6 +20,8 @@
 #include <mysql.h>
 #include <stddef.h>
 
+#include <vector>
+
 #define DOMAINS_QUERY                                                                              \
     "SELECT d.id, d.name, d.status, s.status FROM domains d LEFT JOIN DomainServices s "          \
     "ON d.id=s.dom_id WHERE s.type='mail'"
@@ -43,12 +45,27 @@ struct MailboxRow {
     int mail_group;
     int autoresponder;
     const char *mbox_quota;      /* bytes, decimal; negative: no limit */
+    const char *rule;            /* the rule the row breaks (it is then skipped), or null */
 };
 
 /* domain_row, mailbox_row - decode row into fields; the rule the row
  * breaks (the row is then skipped), or null */
 const char *domain_row(MYSQL_RES *res, MYSQL_ROW row, MailDomainRow *fields);
 const char *mailbox_row(MYSQL_RES *res, MYSQL_ROW row, MailboxRow *fields);
+
+/* id_before - identifier a comes before identifier b (decimal texts): the
+ * shorter first, then the smaller.  The passes walk rows in this order
+ * whatever order the server hands them over in, so that a rerun on an
+ * unchanged panel writes the same lines in the same order. */
+bool id_before(const char *a, const char *b);
+
+/* mailbox_rows - the rows of a domain's mailbox list decoded, in the order
+ * of their identifiers */
+void mailbox_rows(MYSQL_RES *res, std::vector<MailboxRow> *rows);
+
+/* rows_by_id - the rows of a mailbox list in the order mailbox_rows()
+ * gives them (for the hashing thread, which reads the lists itself) */
+void rows_by_id(MYSQL_RES *res, std::vector<MYSQL_ROW> *rows);
 
 /* row_plain - the plain password of a raw mailbox list row, as in
  * MailboxRow.plain (for the hashing thread, which reads the lists itself) */

@@ -45,21 +45,18 @@ void read_ahead_start(const MailDomains *domains)
         list_texts.push_back(q.empty() ? nullptr : q.c_str());
     /* Without a connection (the server may allow no third one) the pass
      * hashes the passwords itself, as fast as ever, without a word. */
-    hash_ahead_start(db_open_session(err, sizeof(err)), list_texts.data(), list_texts.size(), row_plain,
+    hash_ahead_start(db_open_session(err, sizeof(err)), list_texts.data(), list_texts.size(), rows_by_id, row_plain,
                      run_salt);
     if (!domains->rows.empty())
         domain_facts_prefetch(&domains->rows[0]);
 }
 
-void read_ahead_domain(const MailDomains *domains, MYSQL_RES *mailboxes, size_t k)
+void read_ahead_domain(const MailDomains *domains, const std::vector<MailboxRow> &boxes, size_t k)
 {
-    MailboxRow m;
-
     hash_ahead_domain(k);
-    while (MYSQL_ROW row = mysql_fetch_row(mailboxes))
-        if (mailbox_row(mailboxes, row, &m) == nullptr)
+    for (const MailboxRow &m : boxes)
+        if (m.rule == nullptr)
             mailbox_lists_prefetch(&m);
-    mysql_data_seek(mailboxes, 0);
     if (k + 1 < domains->rows.size())
         domain_facts_prefetch(&domains->rows[k + 1]);
 }

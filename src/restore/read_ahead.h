@@ -36,7 +36,7 @@ void read_ahead_start(const MailDomains *domains);
 /* read_ahead_domain - domain row k's mailbox list has arrived: its
  * mailboxes' queries and the next domain's questions queued (both lists
  * stay where they were) */
-void read_ahead_domain(const MailDomains *domains, MYSQL_RES *mailboxes, size_t k);
+void read_ahead_domain(const MailDomains *domains, const std::vector<MailboxRow> &boxes, size_t k);
 
 /* read_ahead_hash - the hash of plain password of mailbox row i of the
  * current domain, with the run's salt (made ahead when it could be) */

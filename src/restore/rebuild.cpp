@@ -140,16 +140,14 @@ struct Pass {
 /* restore_mailbox - row number i of a domain's mailbox list, all its
  * records; its delivery file is held in memory from add_mailbox to the
  * end */
-static void restore_mailbox(Pass *pass, MYSQL_RES *rows, MYSQL_ROW row, size_t i, const MailDomain *d,
-                            int disabled)
+static void restore_mailbox(Pass *pass, const MailboxRow &m, size_t i, const MailDomain *d, int disabled)
 {
     const char *domain = d->name;
     char qmail[QMAIL_BUF_SIZE], home[QMAIL_BUF_SIZE];
     MYSQL_RES *group, *aliases;
-    MailboxRow m;
 
-    if (const char *why = mailbox_row(rows, row, &m)) {
-        skip_row("mailbox", m.mail_name, nullptr, domain, why);
+    if (m.rule != nullptr) {
+        skip_row("mailbox", m.mail_name, nullptr, domain, m.rule);
         return;
     }
     mailbox_lists(pass->conn, &m, &group, &aliases);
@@ -219,7 +217,7 @@ static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
     mail_domain(pass->fx, d, &pass->popuser, &md, "empty domain");
     md.reread_due = &pass->reread_due;
     domain_facts(pass->conn, d, &facts);
-    read_ahead_domain(domains, facts.mailboxes, k);
+    read_ahead_domain(domains, facts.boxes, k);
     /* A domain whose directory is root's link that cannot be followed
      * keeps its records; its files on disk stay as they are. */
     int dir_skipped = add_mail_domain(&md, d->disabled) != 0;
@@ -243,8 +241,8 @@ static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
             add_reject(pass->fx, a[0]);
     }
 
-    for (size_t i = 0; MYSQL_ROW m = mysql_fetch_row(facts.mailboxes); i++)
-        restore_mailbox(pass, facts.mailboxes, m, i, &md, d->disabled);
+    for (size_t i = 0; i < facts.boxes.size(); i++)
+        restore_mailbox(pass, facts.boxes[i], i, &md, d->disabled);
     domain_facts_free(&facts);
     pass->fx->panel_has(mail_path(dir, md.ascii, nullptr, nullptr));
     pass->fx->dir_done(dir);

@@ -66,7 +66,7 @@ TEST_F(Batch, FailedOrKilledRunsLeaveThePreviousFiles)
          "RENAME TABLE domainaliases TO alias_rows;"
          "INSERT INTO alias_rows (name, displayName, dom_id, status, dns, mail, web) VALUES"
          " ('fatal.example', 'fatal.example', 2, 0, 'true', 'true', 'true');"
-         "CREATE VIEW domainaliases AS SELECT IF(dom_id = 2, (SELECT 1 UNION SELECT 2), name) AS name,"
+         "CREATE VIEW domainaliases AS SELECT id, IF(dom_id = 2, (SELECT 1 UNION SELECT 2), name) AS name,"
          " dom_id, status, mail FROM alias_rows",
          "DROP VIEW domainaliases; RENAME TABLE alias_rows TO domainaliases;"
          "DELETE FROM domainaliases WHERE name='fatal.example'", nullptr, nullptr},

@@ -300,7 +300,7 @@ TEST_F(RebuildFaults, DatabaseStoppedHalfwayEndsThePassWithFinishedFilesIntact)
      * read: the pass is there when the first domain is done. */
     testdb_exec("RENAME TABLE mail_aliases TO mail_alias_rows;"
                 "INSERT INTO mail_alias_rows (mn_id, alias) VALUES (7, 'slow');"
-                "CREATE VIEW mail_aliases AS SELECT mn_id, "
+                "CREATE VIEW mail_aliases AS SELECT id, mn_id, "
                 "IF(mn_id = 7 AND SLEEP(60) = 0, alias, alias) AS alias FROM mail_alias_rows");
     Files before = prepare_qmail();
     pid_t pass = start_rebox("--without-spam");

@@ -30,6 +30,12 @@ static const char *first_column(MYSQL_ROW row)
     return row[0];
 }
 
+static void as_fetched(MYSQL_RES *res, std::vector<MYSQL_ROW> *rows)
+{
+    while (MYSQL_ROW row = mysql_fetch_row(res))
+        rows->push_back(row);
+}
+
 TEST(HashAhead, EachPasswordGetsTheHashOfItsOwnText)
 {
     REQUIRE_SANDBOX();
@@ -66,7 +72,7 @@ TEST(HashAhead, EachPasswordGetsTheHashOfItsOwnText)
                 hash_ahead_stop();
             MYSQL *conn = s.with_thread ? db_open_session(err, sizeof(err)) : nullptr;
             ASSERT_TRUE(conn || !s.with_thread) << err;
-            hash_ahead_start(conn, texts.data(), texts.size(), first_column, SALT);
+            hash_ahead_start(conn, texts.data(), texts.size(), as_fetched, first_column, SALT);
             started = s.with_thread;
             /* Time for the thread to read and hash the lists up to its
              * lead, so that the steps meet hashes it made (a late thread
