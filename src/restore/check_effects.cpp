@@ -123,8 +123,7 @@ static void report_drift(PathAt *at, const char *text, size_t len, uid_t uid, gi
 /* check_replace_prepare - a replacement the run would make, reported; never
  * ready to commit */
 static int check_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid,
-                                 mode_t mode, int durable, FileStep *step, PathAt *tmp,
-                                 char *tmp_path)
+                                 mode_t mode, int durable, FileStep *, PathAt *, char *)
 {
     if (durable)
         diff_shared(at, text, len, uid, gid, mode);
@@ -134,7 +133,7 @@ static int check_replace_prepare(PathAt *at, const char *text, size_t len, uid_t
 }
 
 /* check_replace_commit - nothing is ever prepared, so nothing commits */
-static int check_replace_commit(PathAt *at, PathAt *tmp, int durable, FileStep *step)
+static int check_replace_commit(PathAt *, PathAt *, int, FileStep *)
 {
     return 0;
 }

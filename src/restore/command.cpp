@@ -44,7 +44,7 @@
          "         restore all settings\n"
          "  --spam-only [--daemon-mode]\n"
          "         restore only SpamAssassin settings\n"
-         "  --check [--daemon-mode]\n"
+         "  --check\n"
          "         report what a restore would change, without changing anything");
     exit(0);
 }
@@ -119,6 +119,10 @@ int rebox_main(int argc, char **argv)
     if (argc == 3) {
         if (strcmp(argv[2], "daemon-mode") != 0 && strcmp(argv[2], "--daemon-mode") != 0)
             usage();
+        /* A detached run's standard output is /dev/null: a check's report
+         * would go nowhere. */
+        if (check)
+            report_plain(1, "--check cannot run in daemon mode: its report goes to standard output");
         /* Detached, the terminal is gone: messages go to syslog as well. */
         process_start_restore_output();
         (void)!daemon(0, 0);
@@ -128,7 +132,7 @@ int rebox_main(int argc, char **argv)
     clock_gettime(CLOCK_MONOTONIC, &start);
     MailDomains domains = {};
     if (!spam_only)
-        rebuild_mail_configuration(fx, &domains);
+        rebuild_mail_configuration(fx, &domains, argc != 3);
     if (with_spam && is_component_installed("vdo-spamassassin"))
         spam_pass(fx, &domains);
     free_mail_domains(&domains);

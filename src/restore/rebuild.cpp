@@ -44,6 +44,7 @@
 #include "restore/domain_facts.h"
 #include "restore/finish.h"
 #include "restore/panel_rows.h"
+#include "restore/progress.h"
 #include "restore/read_ahead.h"
 #include "restore/shared_files.h"
 #include "runtime/config.h"
@@ -135,6 +136,7 @@ struct Pass {
     PopuserIds popuser;
     int full_names_required;
     int reread_due;
+    Progress progress;
 };
 
 /* restore_mailbox - row number i of a domain's mailbox list, all its
@@ -150,6 +152,14 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, size_t i, const Mai
         skip_row("mailbox", m.mail_name, nullptr, domain, m.rule);
         return;
     }
+    /* A plain password crypt refuses (it takes at most 511 bytes) gives
+     * no hash but crypt's failure token, a login that can never succeed:
+     * such a mailbox is skipped like a row that breaks a rule. */
+    const char *hash = m.postbox && m.plain != nullptr ? read_ahead_hash(i, m.plain) : m.password;
+    if (m.postbox && m.plain != nullptr && (hash == nullptr || *hash == '*')) {
+        skip_row("mailbox", m.mail_name, nullptr, domain, "its password cannot be hashed");
+        return;
+    }
     mailbox_lists(pass->conn, &m, &group, &aliases);
     mail_path(qmail, d->ascii, m.mail_name, DELIVERY_FILE);
     mail_path(home, d->ascii, m.mail_name, nullptr);
@@ -159,9 +169,9 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, size_t i, const Mai
      * its records but none of its files on disk changes. */
     int tree_skipped = add_mailbox(d, m.mail_name) != 0;
     run_count(RUN_MAILBOXES);
+    progress_mailbox(&pass->progress);
     d->fx->panel_has(home);
     if (m.postbox) {
-        const char *hash = m.plain != nullptr ? read_ahead_hash(i, m.plain) : m.password;
         add_postbox(d, m.mail_name, d->fx->login_hash(home, m.plain, hash), disabled,
                     pass->full_names_required);
     }
@@ -246,12 +256,25 @@ static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
     domain_facts_free(&facts);
     pass->fx->panel_has(mail_path(dir, md.ascii, nullptr, nullptr));
     pass->fx->dir_done(dir);
+    progress_domain(&pass->progress);
 }
 
-void rebuild_mail_configuration(const Effects *fx, MailDomains *domains)
+/* mailbox_total - the number of mailboxes of the domains with mail
+ * service, for the progress line (0 when the server does not say) */
+static size_t mailbox_total(MYSQL *conn)
+{
+    char count[PANEL_QUERY_SIZE];
+
+    if (get_answer(conn, "SELECT COUNT(*) FROM mail m, DomainServices s WHERE m.dom_id=s.dom_id AND s.type='mail'",
+                   0, count) != GET_FOUND)
+        return 0;
+    return strtoul(count, nullptr, 10);
+}
+
+void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int progress)
 {
     unsigned gid = lookup_user_ids("qmails", 1);
-    Pass pass = {fx, nullptr, {0, 0}, 0, 0};
+    Pass pass = {fx, nullptr, {0, 0}, 0, 0, {}};
 
     if (chdir(panel_config.QMAIL_ROOT_D) != 0)
         report(1, "ERROR: Unable to chdir to qmail dir: %s", strerror(errno));
@@ -266,17 +289,19 @@ void rebuild_mail_configuration(const Effects *fx, MailDomains *domains)
      * as they were.  "No such row" keeps its meaning. */
     pass.conn = panel_db_open();
     if (pass.conn == nullptr)
-        report(1, "Unable to connect to the mysql database");
+        report_plain(1, "Unable to connect to the mysql database");
     MYSQL *ahead = panel_db_open();
     if (ahead == nullptr)
-        report(1, "Unable to connect to the mysql database");
+        report_plain(1, "Unable to connect to the mysql database");
     pipeline_open(ahead, pass.conn);
     pass.full_names_required = short_pop3_names_allowed(pass.conn) == 0;
 
     read_mail_domains(pass.conn, domains);
     read_ahead_start(domains);
+    progress_start(&pass.progress, progress, domains->rows.size(), progress ? mailbox_total(pass.conn) : 0);
     for (size_t k = 0; k < domains->rows.size(); k++)
         restore_domain(&pass, domains, k);
+    progress_end(&pass.progress);
     read_ahead_stop();
     pipeline_close();
     mysql_close(ahead);

@@ -15,8 +15,8 @@
 
 /* rebuild_mail_configuration - the pass, every change through fx; the
  * domains it read are left in domains for the spam-filter pass (the
- * caller frees them) */
-void rebuild_mail_configuration(const Effects *fx, MailDomains *domains);
+ * caller frees them); progress: a progress line may be shown */
+void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int progress);
 int short_pop3_names_allowed(MYSQL *conn);
 
 #endif

@@ -36,6 +36,9 @@ static int stdout_copy = 1;
 static int syslog_on = 0;
 static const char SYSLOG_IDENT[] = "rebox";
 static const char *syslog_mode = "";
+/* A progress line stands on standard error (report_progress): a message
+ * clears it first, and the next progress line comes below the message. */
+static int progress_shown;
 
 /* syslog_copy - one message to syslog, without its trailing newlines */
 static void syslog_copy(int priority, const char *text)
@@ -100,6 +103,16 @@ void report_stderr(const char *format, ...)
         syslog_copy(LOG_ERR, text);
 }
 
+void report_progress(const char *text)
+{
+    if (text != nullptr)
+        fprintf(stderr, "\r%s: %s\033[K", SYSLOG_IDENT, text);
+    else
+        fputs("\r\033[K", stderr);
+    fflush(stderr);
+    progress_shown = text != nullptr;
+}
+
 /* write_decorated - one stream: prefix, text, newline rule, flush */
 static void write_decorated(FILE *stream, const char *prefix, const char *text)
 {
@@ -116,6 +129,9 @@ static void write_decorated(FILE *stream, const char *prefix, const char *text)
 int report_text(const char *text, int exit_status)
 {
     int saved_errno = errno;
+
+    if (progress_shown)
+        report_progress(nullptr);
     const char *prefix = nullptr;
     char *copy = nullptr;
 

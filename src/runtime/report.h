@@ -44,5 +44,8 @@ void report_syslog_finish(int exit_status);
  * detached or not: standard output and error get nothing */
 void report_syslog_info(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void report_stderr(const char *format, ...) __attribute__((format(printf, 1, 2)));
+/* report_progress - text as the one line of a terminal rewritten in place
+ * on standard error (null: the line cleared); nothing else gets it */
+void report_progress(const char *text);
 
 #endif

@@ -39,7 +39,7 @@ TEST_F(Command, BadCommandLinesPrintUsageAndExitZero)
                          "         restore all settings\n"
                          "  --spam-only [--daemon-mode]\n"
                          "         restore only SpamAssassin settings\n"
-                         "  --check [--daemon-mode]\n"
+                         "  --check\n"
                          "         report what a restore would change, without changing anything\n")
             << args;
     }
