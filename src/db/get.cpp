@@ -72,11 +72,13 @@ GetAnswer get_answer(MYSQL *conn, const char *query, unsigned column, char *buf)
     row = mysql_fetch_row(res);
     if (row != nullptr && column < mysql_num_fields(res) && row[column] != nullptr) {
         size_t len = mysql_fetch_lengths(res)[column];
-        if (len > GET_BUF_SIZE - 1)
+        answer = GET_FOUND;
+        if (len > GET_BUF_SIZE - 1) {
             len = GET_BUF_SIZE - 1;
+            answer = GET_CUT;
+        }
         memcpy(buf, row[column], len);
         buf[len] = '\0';
-        answer = GET_FOUND;
     }
     mysql_free_result(res);
     return answer;

@@ -4,6 +4,7 @@
 
 #include "db/get.h"
 #include "db/pipeline.h"
+#include "mailconf/value_check.h"
 #include "runtime/report.h"
 
 #include <algorithm>
@@ -50,11 +51,26 @@ static const char *(*const DOMAIN_QUESTIONS[Q_COUNT])(const char *id, char *buf)
     report_exit(1);
 }
 
-/* value - the answer to a one-value question into buf ("" for none) */
-static void value(MYSQL *conn, const char *query, char *buf, const char *format, const char *name)
+/* value - the answer to a one-value question about domain d, what it
+ * asks for, into buf ("" for none); a refusal ends the process with format
+ * (and name); an answer longer than the buffer is cut, with a warning
+ * naming the domain and what was asked */
+static void value(MYSQL *conn, const MailDomainRow *d, const char *what, const char *query, char *buf,
+                  const char *format, const char *name)
 {
-    if (get_answer(conn, query, 0, buf) == GET_REFUSED)
+    char shown[VALUE_PRINTABLE_SIZE];
+
+    switch (get_answer(conn, query, 0, buf)) {
+    case GET_REFUSED:
         refused(conn, format, name);
+    case GET_CUT:
+        report_plain(0, "Warning: the %s of mail domain '%s' is longer than %zu bytes: only its first %zu are used",
+                     what, value_printable(d->name, shown, sizeof(shown)),
+                     strlen(buf), strlen(buf));
+        break;
+    default:
+        break;
+    }
 }
 
 /* rows - the rows of a list question */
@@ -74,14 +90,16 @@ static void catch_address(MYSQL *conn, const MailDomainRow *d, char *buf)
 {
     char query[PANEL_QUERY_SIZE];
 
-    value(conn, domain_service_parameter_query(d->id, "mail", "catch_addr", query, sizeof(query)), buf,
-          GET_PARAMETER_REFUSED, "catch_addr");
+    domain_service_parameter_query(d->id, "mail", "catch_addr", query, sizeof(query));
+    value(conn, d, "catch_addr", query, buf, GET_PARAMETER_REFUSED, "catch_addr");
     if (*buf != '\0')
         return;
-    value(conn, client_email_query(d->id, query, sizeof(query)), buf, GET_CLIENT_EMAIL_REFUSED, nullptr);
+    client_email_query(d->id, query, sizeof(query));
+    value(conn, d, "client's e-mail", query, buf, GET_CLIENT_EMAIL_REFUSED, nullptr);
     if (*buf != '\0')
         return;
-    value(conn, misc_param_query("admin_email", query, sizeof(query)), buf, GET_QUERY_REFUSED, query);
+    misc_param_query("admin_email", query, sizeof(query));
+    value(conn, d, "admin_email", query, buf, GET_QUERY_REFUSED, query);
     if (*buf != '\0')
         return;
     report_plain(0, GET_NO_ADMIN_EMAIL);
@@ -95,7 +113,7 @@ void domain_facts(MYSQL *conn, const MailDomainRow *d, DomainFacts *facts)
 
     for (int i = 0; i < Q_COUNT; i++)
         DOMAIN_QUESTIONS[i](d->id, q[i]);
-    value(conn, q[Q_LIMIT], facts->limit, GET_DOM_LIMIT_REFUSED, "mbox_quota");
+    value(conn, d, "mbox_quota", q[Q_LIMIT], facts->limit, GET_DOM_LIMIT_REFUSED, "mbox_quota");
     facts->aliases = rows(conn, q[Q_ALIASES], "Unable to query domain aliases: %s");
     facts->mailboxes = rows(conn, q[Q_MAILBOXES], "Unable to query mailnames: %s");
     mailbox_rows(facts->mailboxes, &facts->boxes);
@@ -108,11 +126,11 @@ void domain_facts(MYSQL *conn, const MailDomainRow *d, DomainFacts *facts)
     p->choice[0] = p->value[0] = '\0';
     if (p->has_nul)
         return;
-    value(conn, q[Q_POLICY], p->choice, GET_PARAMETER_REFUSED, "nonexist_mail");
+    value(conn, d, "nonexist_mail", q[Q_POLICY], p->choice, GET_PARAMETER_REFUSED, "nonexist_mail");
     if (strcmp(p->choice, "catch") == 0)
         catch_address(conn, d, p->value);
     else if (strcmp(p->choice, "bounce") == 0)
-        value(conn, domain_service_parameter_query(d->id, "mail", "bounce_mess", q[0], PANEL_QUERY_SIZE),
+        value(conn, d, "bounce_mess", domain_service_parameter_query(d->id, "mail", "bounce_mess", q[0], PANEL_QUERY_SIZE),
               p->value, GET_PARAMETER_REFUSED, "bounce_mess");
 }
 
