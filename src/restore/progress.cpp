@@ -63,6 +63,7 @@ void progress_domain(Progress *p)
 
 void progress_end(Progress *p)
 {
+    show(p, 1);
     if (p->on)
         report_progress(nullptr);
     p->on = 0;
