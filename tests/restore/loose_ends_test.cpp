@@ -40,11 +40,14 @@ TEST(LooseEnds, EachRow)
         const char *sql;   /* run after the panel is loaded */
         std::function<void()> check;
     } rows[] = {
-        {"a plan that hands the domains over in name order changes nothing", "120 3",
-         "UPDATE domains SET name = CONCAT('d', LPAD(1000 - id, 4, '0'), '.example')", [] {
+        /* The join is driven by the services' rows and a domain's
+         * mailboxes come in the order of an index: renumbered rows and
+         * another index hand both over in another order. */
+        {"a plan that hands the rows over in another order changes nothing", "120 3", "", [] {
              ASSERT_EQ(run_rebox("--without-spam").status, 0);
              std::string before = inodes();
-             testdb_exec("ALTER TABLE domains ADD KEY name_status (name, status); ANALYZE TABLE domains");
+             testdb_exec("UPDATE DomainServices SET id = 100000 - id;"
+                         "ALTER TABLE mail DROP KEY dom_id, ADD KEY dom_id (dom_id); ANALYZE TABLE DomainServices, mail");
              CommandResult again = run_rebox("--without-spam");
              EXPECT_EQ(again.status, 0) << again.err;
              EXPECT_EQ(inodes(), before);
