@@ -7,8 +7,7 @@
  * printing them.  db_escape() and xrealloc() help build statements, and
  * db_check_plain() guards values that are put between quotes unescaped.
  */
-#ifndef REBOX_DB_CONNECT_H
-#define REBOX_DB_CONNECT_H
+#pragma once
 
 #include <mysql.h>
 #include <stddef.h>
@@ -31,5 +30,3 @@ void *xrealloc(void *ptr, size_t size);
  * single quote; otherwise report that member refuses it (with exit_status)
  * and return 0 */
 int db_check_plain(const char *member, const char *value, int exit_status);
-
-#endif

@@ -24,8 +24,7 @@
  * get_dom_Limit and get_DomainService_Parameter into buf (the values
  * already converted and checked), so that they can be prefetched.
  */
-#ifndef REBOX_DB_GET_H
-#define REBOX_DB_GET_H
+#pragma once
 
 #include <mysql.h>
 #include <stddef.h>
@@ -79,5 +78,3 @@ const char *dom_id_query(const char *ascii, char *buf, size_t size);
 const char *dom_limit_query(const char *dom_id, const char *limit_name, char *buf, size_t size);
 const char *domain_service_parameter_query(const char *dom_id, const char *type,
                                            const char *parameter, char *buf, size_t size);
-
-#endif

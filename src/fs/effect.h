@@ -23,8 +23,7 @@
  * A change that fails tells the step it failed at as a FileStep, for the
  * caller to choose its message.
  */
-#ifndef REBOX_FS_EFFECT_H
-#define REBOX_FS_EFFECT_H
+#pragma once
 
 #include <stddef.h>
 #include <sys/types.h>
@@ -76,5 +75,3 @@ struct Effects {
     /* every directory or link in dir the panel does not have is surplus */
     void (*dir_done)(const char *dir);
 };
-
-#endif

@@ -11,8 +11,7 @@
  * non-waiting lock, the busy test and the lock path are library members
  * the panel's other utilities use.
  */
-#ifndef REBOX_FS_FILE_LOCK_H
-#define REBOX_FS_FILE_LOCK_H
+#pragma once
 
 /* FileLock - a lock handle.  fd > 0: held; 0: busy (held elsewhere, seen
  * by a non-waiting attempt); < 0: the lock file could not be opened or
@@ -42,5 +41,3 @@ int file_unlock(FileLock *lock);
  * was not obtained */
 int file_lock_dispose(FileLock *lock);
 const char *md5_hex(const char *prefix, const char *text);
-
-#endif

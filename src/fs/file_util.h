@@ -12,8 +12,7 @@
  * path_at, so no link is followed below a domain directory.  Results are
  * 0 for success and -1 for failure unless told otherwise.
  */
-#ifndef REBOX_FS_FILE_UTIL_H
-#define REBOX_FS_FILE_UTIL_H
+#pragma once
 
 #include "fs/effect.h"
 
@@ -56,5 +55,3 @@ int fclose_report(FILE *stream);
 /* password_policy_check - 0 when text is 5 to 16 ASCII bytes and does not
  * contain word, else -1 */
 int password_policy_check(const char *word, const char *text);
-
-#endif

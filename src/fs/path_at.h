@@ -20,8 +20,7 @@
  * descriptor is one that absent_dir_fd() made.  What is done with the last
  * name is in fs/at_name; the wrappers over single paths in fs/path_ops.
  */
-#ifndef REBOX_FS_PATH_AT_H
-#define REBOX_FS_PATH_AT_H
+#pragma once
 
 #include "fs/effect.h"
 
@@ -65,5 +64,3 @@ int absent_dir_fd(void);
 /* is_absent_dir - 1 when fd was made by absent_dir_fd (or is a copy of
  * one), else 0 */
 int is_absent_dir(int fd);
-
-#endif

@@ -4,8 +4,7 @@
  * directory, stat, remove an empty directory, give owner and mode, make a
  * directory with its owner and mode.
  */
-#ifndef REBOX_FS_PATH_OPS_H
-#define REBOX_FS_PATH_OPS_H
+#pragma once
 
 #include "fs/at_name.h"
 
@@ -49,5 +48,3 @@ const char *step_word(FileStep step);
  * failed); a trusted link that cannot be opened fails with ENOLINK and no
  * message, for the caller to tell */
 int make_dir_noting(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, int *made);
-
-#endif

@@ -15,8 +15,7 @@
  * link, leave links and special files alone and end the process on any
  * failure.
  */
-#ifndef REBOX_FS_TREE_H
-#define REBOX_FS_TREE_H
+#pragma once
 
 #include "fs/effect.h"
 
@@ -66,5 +65,3 @@ int is_subdir(const char *path, const char *base);
 /* hdv1_marker_present - 1 when /dev/hdv1 is an empty regular file (asked
  * once per process), else 0 */
 int hdv1_marker_present(void);
-
-#endif

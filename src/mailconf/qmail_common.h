@@ -8,8 +8,7 @@
  * writer refuses a name that breaks one with its own invalid-name message,
  * before it touches anything.
  */
-#ifndef REBOX_MAILCONF_QMAIL_COMMON_H
-#define REBOX_MAILCONF_QMAIL_COMMON_H
+#pragma once
 
 #include "fs/effect.h"
 
@@ -88,5 +87,3 @@ char *domain_ascii_valid(const char *domain, const char *message);
 [[noreturn]] void value_refused(const char *message);
 int mail_name_valid(const char *mail_name);
 int popuser_lookup(PopuserIds *ids);
-
-#endif

@@ -23,8 +23,7 @@
  * caller frees; null when the child wrote nothing to that stream.
  * admin_util_exec and admin_util_execv need load_panel_config() first.
  */
-#ifndef REBOX_PROC_EXEC_H
-#define REBOX_PROC_EXEC_H
+#pragma once
 
 #include <stddef.h>
 #include <sys/types.h>
@@ -65,5 +64,3 @@ int redirect_fd(int fd, int target);
 void check_params_consumed(int expected, int consumed);
 void check_param_present(int required, const char *value, const char *name);
 void *xmalloc(size_t size);
-
-#endif

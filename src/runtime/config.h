@@ -4,8 +4,7 @@
  * load_panel_config() fills the process-wide PanelConfig with the 34
  * installation settings and ends the process at the first one missing.
  */
-#ifndef REBOX_RUNTIME_CONFIG_H
-#define REBOX_RUNTIME_CONFIG_H
+#pragma once
 
 #define PANEL_CONFIG_FILE "/etc/vdo/vdo.conf"
 
@@ -51,5 +50,3 @@ extern PanelConfig panel_config;
 
 const char *conf_get(const char *key);
 void load_panel_config(void);
-
-#endif

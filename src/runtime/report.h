@@ -17,8 +17,7 @@
  * and at the end of the run; report_stderr() is for the few low-level
  * messages printed without the program prefix.
  */
-#ifndef REBOX_RUNTIME_REPORT_H
-#define REBOX_RUNTIME_REPORT_H
+#pragma once
 
 /* report_progname - the program path (argv[0]) used for the message prefix;
  * null until main() stores it. */
@@ -44,5 +43,3 @@ void report_syslog_finish(int exit_status);
  * detached or not: standard output and error get nothing */
 void report_syslog_info(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void report_stderr(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
-#endif
