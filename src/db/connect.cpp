@@ -170,9 +170,8 @@ MYSQL *panel_db_open(void)
 
     err[0] = '\0';
     conn = db_open_session(err, sizeof(err));
-    if (conn == nullptr) {
+    if (conn == nullptr)
         report_plain(0, "%s", err);
-    }
     return conn;
 }
 

@@ -239,9 +239,8 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
     if (c == nullptr)
         return nullptr;
     dom_id_query(name, buf, sizeof(buf));
-    if (get_answer(c, buf, 0, buf) == GET_REFUSED) {
+    if (get_answer(c, buf, 0, buf) == GET_REFUSED)
         report_plain(1, "Unable to query domain ID: %s\n", mysql_error(c));
-    }
     close_own(c, given);
     if (buf[0] == '\0') {
         if (quiet)
@@ -273,9 +272,8 @@ const char *get_exist_case_dom_name(const char *name)
         report_plain(1, "%s", CONNECT_MSG);
     }
     snprintf(buf, sizeof(buf), "select name from domains where name='%s'", name);
-    if (get_answer(conn, buf, 0, buf) == GET_REFUSED) {
+    if (get_answer(conn, buf, 0, buf) == GET_REFUSED)
         report_plain(1, "Unable to query domain name: %s\n", mysql_error(conn));
-    }
     mysql_close(conn);
     /* Stored names are never empty: "" is no row or a NULL name. */
     if (buf[0] == '\0')

@@ -28,9 +28,8 @@ static MYSQL *open_own(MYSQL *conn, const char *connect_msg)
     if (conn != nullptr)
         return conn;
     c = panel_db_open();
-    if (c == nullptr) {
+    if (c == nullptr)
         report_plain(0, "%s", connect_msg);
-    }
     return c;
 }
 

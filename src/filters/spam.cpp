@@ -68,9 +68,8 @@ static const char *misc_value(MYSQL *conn, const char *name, char *buf)
     char query[SPAM_BUF_SIZE];
 
     misc_param_query(name, query, sizeof query);
-    if (get_answer(conn, query, 0, buf) == GET_REFUSED) {
+    if (get_answer(conn, query, 0, buf) == GET_REFUSED)
         report_plain(1, GET_QUERY_REFUSED, query, mysql_error(conn));
-    }
     return buf;
 }
 
@@ -404,19 +403,17 @@ void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *
     /* The name goes into every full mail name: a row the rebuild skips is
      * skipped here too, each named before the first mailbox is applied. */
     for (size_t k = 0; k < count; k++) {
-        if (domains[k].rule != nullptr) {
+        if (domains[k].rule != nullptr)
             report_plain(0, "Skipping spam filter settings of domain '%s': %s",
                    value_printable(domains[k].name, shown, sizeof shown), domains[k].rule);
-        }
     }
     for (size_t k = 0; k < count; k++) {
         const MailDomainRow *d = &domains[k];
         if (d->rule != nullptr)
             continue;
         snprintf(query, sizeof query, "SELECT mail_name FROM mail WHERE dom_id=%s", d->id);
-        if ((mailboxes = spam_query(conn, query)) == nullptr) {
+        if ((mailboxes = spam_query(conn, query)) == nullptr)
             report_plain(1, "Unable to query mailnames: %s", mysql_error(conn));
-        }
         while ((box = mysql_fetch_row(mailboxes)) != nullptr)
             if (mailbox_row_usable(mailboxes, box, d->name))
                 apply_mailbox_spam_settings(fx, box[0], d->name, conn);

@@ -66,9 +66,8 @@ void deferred_remove(const Effects *fx, const char *dir)
             break;
         }
     }
-    if (base == nullptr) {
+    if (base == nullptr)
         report_plain(1, "deferred_remove(): not supported directory for deferred remove: %s\n", dir);
-    }
     if (stat(dir, &st) != 0)
         report(1, "deferred_remove(): can't stat directory, skip it.\n");
     errno = 0; /* a name cut by the buffer is no system error */

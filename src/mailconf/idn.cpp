@@ -104,10 +104,9 @@ char *idn_toascii_safe(const char *name)
 {
     char *out = to_ascii(name);
 
-    if (out == nullptr) {
+    if (out == nullptr)
         report_plain(1, "%s(%s) failed: %s", "idn_toascii_safe", name,
                      idn_error_text(idn_last_error));
-    }
     return out;
 }
 
@@ -129,10 +128,9 @@ char *idn_toutf8_safe(const char *name)
 {
     char *out = idn_toutf8(name);
 
-    if (out == nullptr) {
+    if (out == nullptr)
         report_plain(1, "%s(%s) failed: %s", "idn_toutf8_safe", name,
                      idn_error_text(idn_last_error));
-    }
     return out;
 }
 
@@ -157,10 +155,9 @@ char *idn_email_toascii_safe(const char *address)
 {
     char *out = idn_email_toascii(address);
 
-    if (out == nullptr) {
+    if (out == nullptr)
         report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe", address,
                      idn_error_text(idn_last_error));
-    }
     return out;
 }
 

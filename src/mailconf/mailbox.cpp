@@ -117,9 +117,8 @@ static void start_qmail(const Effects *fx, int home_fd, const char *home, const 
     PathAt at;
 
     /* A path cut by the buffer would name another file's lock. */
-    if (snprintf(path, sizeof(path), "%s/.qmail", home) >= static_cast<int>(sizeof(path))) {
+    if (snprintf(path, sizeof(path), "%s/.qmail", home) >= static_cast<int>(sizeof(path)))
         report_plain(1, "Unable to add string to .qmail file\n");
-    }
     if (held_file_reset(path, "") == 0) {
         held_file_owner(path, ids.uid, ids.gid, 0600);
     } else {
@@ -237,9 +236,8 @@ int remove_mailbox(const MailDomain *d, const char *mail_name)
     char home[QMAIL_BUF_SIZE];
     PopuserIds ids = {d->uid, d->gid};
 
-    if (!mail_name_valid(mail_name)) {
+    if (!mail_name_valid(mail_name))
         report_plain(1, "empty mailname or maildomain");
-    }
     format_mailbox_record(record, d->id, mail_name, &ids, d->ascii);
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
     if (file_str(d->fx, path, record, FILE_STR_REMOVE, 1) != 0)

@@ -157,10 +157,9 @@ int restore_nonexist_policy(const MailDomain *d, const NonexistPolicy *p)
     char line[QMAIL_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
 
     if (strcmp(p->choice, "catch") == 0) {
-        if (const char *why = catch_line(p->value, line)) {
+        if (const char *why = catch_line(p->value, line))
             report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
                    value_printable(p->value, shown, sizeof(shown)), why);
-        }
     }
     apply(d, p, line);
     return 0;
@@ -170,9 +169,8 @@ int restore_nonexist_policy(const MailDomain *d, const NonexistPolicy *p)
  * line (caller frees); an empty or refused name ends the process */
 static char *reject_ascii(const char *domain)
 {
-    if (domain == nullptr || *domain == '\0') {
+    if (domain == nullptr || *domain == '\0')
         report_plain(1, "set_reject: empty domain");
-    }
     return domain_ascii_valid(domain, "set_reject: empty domain");
 }
 
@@ -225,10 +223,9 @@ int set_catch_all(const MailDomain *d, const char *address)
     /* An address that does not convert, or that would make the line a
      * program, a file or a special instruction, ends the process with the
      * conversion's message, before anything is touched. */
-    if (const char *why = catch_line(address, line)) {
+    if (const char *why = catch_line(address, line))
         report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
                      value_printable(address, shown, sizeof(shown)), why);
-    }
     set_reject(d->fx, d->name, 0);
     return add_bounce(d, line);
 }

@@ -66,9 +66,8 @@ char *domain_ascii(const char *domain)
 {
     char *ascii = idn_toascii(domain);
 
-    if (ascii == nullptr) {
+    if (ascii == nullptr)
         report_plain(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
-    }
     return ascii;
 }
 

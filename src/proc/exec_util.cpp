@@ -66,17 +66,15 @@ int redirect_fd(int fd, int target)
 
 void check_params_consumed(int expected, int consumed)
 {
-    if (expected != consumed) {
+    if (expected != consumed)
         report_plain(1, "Some parameters in command string leave unprocessed. "
                         "Check parameters please.");
-    }
 }
 
 void check_param_present(int required, const char *value, const char *name)
 {
-    if (required && (value == nullptr || *value == 0)) {
+    if (required && (value == nullptr || *value == 0))
         report_plain(1, "Miss parameter '%s' or previos parameter empty.\n", name);
-    }
 }
 
 void *xmalloc(size_t size)

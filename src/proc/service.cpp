@@ -68,9 +68,8 @@ static int control_app_server(const char *name, const char *action)
     if (action == nullptr)
         return 0;
     MYSQL *conn = panel_db_open();
-    if (conn == nullptr) {
+    if (conn == nullptr)
         report_plain(1, "Unable to connect to the mysql database\n");
-    }
     /* The answer lives in the query module's static buffer, which outlives
      * the connection. */
     const char *instance = get_misc_param("cf_instance_path", conn);
@@ -287,9 +286,8 @@ int run_init_script(const char *path, const char *name, const char *action,
     }
     if (WEXITSTATUS(status) == 0)
         return 0;
-    if (strcmp(verb, "status") != 0 && report_failure) {
+    if (strcmp(verb, "status") != 0 && report_failure)
         report_plain(0, "Service %s failed to %s\n", name, verb);
-    }
     return -1;
 }
 

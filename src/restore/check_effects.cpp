@@ -26,19 +26,16 @@
 #include <unordered_map>
 
 /* check_missing_dir - below a missing directory the walk goes on absent */
-static int check_missing_dir(const char *path)
+static int check_missing_dir(const char *)
 {
-    (void)path;
     return absent_dir_fd();
 }
 
 /* check_make_dir - a directory at_dir found missing or of another kind,
  * reported unless it lies in one already reported; the walk goes on below
  * it absent */
-static int check_make_dir(PathAt *at, mode_t mode, int *made)
+static int check_make_dir(PathAt *at, mode_t, int *)
 {
-    (void)mode;
-    (void)made;
     if (!at->absent)
         check_note(errno == ENOENT ? "missing" : "foreign", at->path);
     return absent_dir_fd();
@@ -123,8 +120,7 @@ static void report_drift(PathAt *at, const char *text, size_t len, uid_t uid, gi
 /* check_replace_prepare - a replacement the run would make, reported; never
  * ready to commit */
 static int check_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid,
-                                 mode_t mode, int durable, FileStep *step, PathAt *tmp,
-                                 char *tmp_path)
+                                 mode_t mode, int durable, FileStep *, PathAt *, char *)
 {
     if (durable)
         diff_shared(at, text, len, uid, gid, mode);
@@ -134,7 +130,7 @@ static int check_replace_prepare(PathAt *at, const char *text, size_t len, uid_t
 }
 
 /* check_replace_commit - nothing is ever prepared, so nothing commits */
-static int check_replace_commit(PathAt *at, PathAt *tmp, int durable, FileStep *step)
+static int check_replace_commit(PathAt *, PathAt *, int, FileStep *)
 {
     return 0;
 }

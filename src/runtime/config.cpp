@@ -96,9 +96,8 @@ static const char *conf_require(const char *key)
 {
     const char *value = conf_get(key);
 
-    if (value == nullptr || *value == 0) {
+    if (value == nullptr || *value == 0)
         report_plain(1, "Error: %s not defined\n", key);
-    }
     return value;
 }
 
