@@ -199,9 +199,7 @@ int fork_execv_getout(char **out, const char *path, char *const argv[])
     return capture_run(out, nullptr, path, argv);
 }
 
-/* vector_from_list - a heap argument vector of arg0 and the listed texts up
- * to the terminating null */
-static char **vector_from_list(const char *arg0, va_list ap)
+char **vector_from_list(const char *arg0, va_list ap)
 {
     va_list count_ap;
     size_t count = 1;

@@ -25,6 +25,7 @@
  */
 #pragma once
 
+#include <stdarg.h>
 #include <stddef.h>
 #include <sys/types.h>
 
@@ -43,6 +44,9 @@ pid_t fork_execl_pipes(int fd_in, int fd_out, int fd_err, const char *path,
 int fork_execl_getouterr(char **out, char **err, const char *path,
                          const char *arg0, ...);
 int fork_execl_getout(char **out, const char *path, const char *arg0, ...);
+/* vector_from_list - a heap argument vector of arg0 and the listed texts up
+ * to the terminating null */
+char **vector_from_list(const char *arg0, va_list ap);
 
 int util_execv(const char *path, char *const argv[], int quiet);
 int util_execv(const char *path, char *const argv[]);

@@ -73,24 +73,10 @@ int util_execv(const char *path, char *const argv[])
 int util_execl(const char *path, const char *arg0, ...)
 {
     va_list ap;
-    size_t count = 1;
 
     va_start(ap, arg0);
-    if (arg0)
-        while (va_arg(ap, const char *) != nullptr)
-            count++;
+    char **argv = vector_from_list(arg0, ap);
     va_end(ap);
-
-    char **argv = static_cast<char **>(malloc((count + 1) * sizeof(char *)));
-    if (argv == nullptr)
-        report(1, "malloc() failed: %s", strerror(errno));
-    argv[0] = const_cast<char *>(arg0);
-    va_start(ap, arg0);
-    for (size_t i = 1; i < count; i++)
-        argv[i] = const_cast<char *>(va_arg(ap, const char *));
-    va_end(ap);
-    argv[count] = nullptr;
-
     int result = util_execv(path, argv, 0);
     free(argv);
     return result;
