@@ -273,11 +273,8 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
             errno = err;
             rc = -1;
         }
-        if (rc <= 0) {
-            int err = errno;
+        if (rc <= 0)
             path_at_close(at);
-            errno = err;
-        }
     }
     text_buf_free(&text);
     if (rc < 0)

@@ -42,6 +42,7 @@ struct PathAt {
 /* path_at - open the directory holding path's last name, for changes
  * through fx; 0, or -1 with errno set and nothing open */
 int path_at(const Effects *fx, const char *path, PathAt *at);
+/* path_at_close - close what path_at opened; errno is left as it was */
 void path_at_close(PathAt *at);
 /* path_at_forget - drop the directories path_at keeps open between calls
  * (after a domain directory was renamed) */

@@ -176,9 +176,7 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
         /* The domain directory, for taking back a home made here. */
         domain_fd = dup(at.dir);
         home_fd = make_owned_dir(&at, domain_fd, mail_name, ids, &what, &made);
-        int err = errno;
         path_at_close(&at);
-        errno = err;
     }
     if (home_fd < 0) {
         if (at_in_the_way(errno)) {
