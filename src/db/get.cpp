@@ -1,21 +1,9 @@
-/* get - the query family: small read-only questions to the panel database.
+/* get - the query family (see get.h).
  *
- * Each text member owns a 4096-byte static buffer: the query is formatted in
- * it and the answer copied over it.  A member handed no connection opens a
- * session of its own and closes it before every return.
- *
- * Values go between quotes unescaped.  A value holding a backslash or a
- * quote is a fault of the caller: the member reports it (naming itself), sends
- * nothing and fails the call as it fails on a refused query.  Only
- * get_dom_id without the quiet flag ends the process instead, since its
+ * A value holding a backslash or a quote is the caller's fault: it is
+ * reported and fails the call as a refused query does.  Only get_dom_id
+ * without the quiet flag ends the process on such a value, since its
  * callers rely on getting an id whenever it returns.
- *
- * A refused query is reported as a warning and fails the call (null, a
- * negative number): the library reports, its caller decides.  A caller
- * that must not go on without an answer asks through get_answer(), which
- * reports nothing and tells a value, no row and a refusal apart, and
- * picks its own message (the members' texts are the GET_*_REFUSED
- * formats) and whether it is fatal.
  */
 #include "db/get.h"
 

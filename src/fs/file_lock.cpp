@@ -1,10 +1,5 @@
-/* file_lock - named advisory locks on lock files under the product root.
- *
- * Offers a writer's and a reader's waiting lock, the held test,
- * file_unlock(), and md5_hex() which names the lock files (what a run
- * takes through its effects); the non-waiting lock, the busy test and the
- * lock path of a data file serve the panel's other utilities.
- */
+/* file_lock - named advisory locks on lock files under the product root
+ * (see file_lock.h). */
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "fs/file_lock.h"
 

@@ -126,16 +126,8 @@ static void start_qmail(const Effects *fx, int home_fd, const char *home, const 
         FileStep step;
         at_child(fx, &at, home_fd, ".qmail", path);
         if (replace_file_at(&at, "", 0, ids.uid, ids.gid, 0600, 0, &step) < 0) {
-            switch (step) {
-            case STEP_CHOWN:
-                report(1, "Unable to chown .qmail file: %s", strerror(errno));
-                break;
-            case STEP_CHMOD:
-                report(1, "Unable to chmod .qmail file: %s", strerror(errno));
-                break;
-            default:
-                break;
-            }
+            if (step == STEP_CHOWN || step == STEP_CHMOD)
+                report(1, "Unable to %s .qmail file: %s", step_word(step), strerror(errno));
             report(0, "Unable to truncate or create file %s: %s", path, strerror(errno));
             report(1, "Unable to create %s file\n", ".qmail");
         }

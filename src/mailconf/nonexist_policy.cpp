@@ -83,16 +83,9 @@ static void put_default(const MailDomain *d, const char *line)
             report_plain(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
             return;
         }
-        switch (step) {
-        case STEP_CHOWN:
-            report(1, "add_bounce: chown %s failed: %s", path, strerror(errno));
-            break;
-        case STEP_CHMOD:
-            report(1, "add_bounce: chmod %s failed: %s\n", path, strerror(errno));
-            break;
-        default:
-            break;
-        }
+        if (step == STEP_CHOWN || step == STEP_CHMOD)
+            report(1, step == STEP_CHOWN ? "add_bounce: chown %s failed: %s" : "add_bounce: chmod %s failed: %s\n",
+                   path, strerror(errno));
         report(1, "add_bounce: Unable to add record to %s file.", path);
     }
 }

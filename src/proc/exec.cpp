@@ -1,11 +1,5 @@
-/* exec - the engines that start a child program and capture its output.
- *
- * fork_execv_pipes starts a child on chosen descriptors and returns its id;
- * fork_execv_getouterr and fork_execv_getout capture its standard output
- * (and error) through non-blocking pipes read in a select() loop, and
- * fork_exec_read_chunk moves what one pipe has to offer into its buffer.
- * The fork_execl_* forms take the argument vector as a list.
- */
+/* exec - the engines that start a child program and capture its output
+ * (see exec.h). */
 #include "proc/exec.h"
 
 #include "runtime/report.h"

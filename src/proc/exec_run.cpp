@@ -1,12 +1,5 @@
-/* exec_run - runners that start a program, wait for it and report failures.
- *
- * util_execv and its list forms run a program with captured output and
- * report a failed run with what the program printed; admin_util_exec and
- * admin_util_execv run one of the panel's sibling utilities by bare name;
- * exec_quiet runs a program with all standard streams on /dev/null;
- * util_exec_fd runs one on given descriptors and relays its standard error;
- * popen_exec and popen_exec_report run a shell command line.
- */
+/* exec_run - runners that start a program, wait for it and report failures
+ * (see exec.h). */
 #include "proc/exec.h"
 
 #include "runtime/config.h"

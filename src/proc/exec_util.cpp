@@ -1,10 +1,5 @@
-/* exec_util - small helpers around child processes and command strings.
- *
- * find_in_path looks a program up in a directory list; close_fds_from_3 and
- * redirect_fd prepare a child's descriptors; check_params_consumed,
- * check_param_present and xmalloc end the process on a broken command
- * string or when memory runs out.
- */
+/* exec_util - small helpers around child processes and command strings
+ * (see exec.h). */
 #include "proc/exec.h"
 
 #include "runtime/report.h"

@@ -1,12 +1,8 @@
-/* service - init-script actions on the server's daemons.
+/* service - init-script actions on the server's daemons (see service.h).
  *
- * service_control() looks the service up in KNOWN_SERVICES, finds its script
- * in PRODUCT_RC_D (or under the application server's instance directory)
- * and runs it through run_init_script(), which starts the script in a
- * session of its own with its standard streams on /dev/null and waits for
- * it.  The web server is polled until it answers "status" after a start;
- * the servlet engine is stopped by force when its script fails to stop it.
- * kill_by_field() signals processes found in the output of ps.
+ * A script runs in a session of its own with its standard streams on
+ * /dev/null.  The web server is polled until it answers "status" after a
+ * start; the servlet engine is stopped by force when its script fails to.
  */
 #include "proc/service.h"
 

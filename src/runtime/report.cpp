@@ -1,17 +1,9 @@
-/* report - diagnostics: every warning and fatal message of the program.
+/* report - every warning and fatal message of the program (see report.h).
  *
- * Messages are printed on standard error and then, unless report_stdout(0)
- * turned that copy off, on standard output, each behind "<program>: ", with
- * a newline added when missing and a system error appended as
- * "\nSystem error %d: %s": report() appends errno's (nothing when it is 0),
- * report_errno() the number it is handed, report_plain() none.  errno is
- * left as it was, so a second message about the same failure names the same
- * cause.  A
- * non-zero status ends the process inside the call.  After
- * report_syslog_start() every message is copied to syslog, since a detached
- * process has no terminal to print on.
- * The syslog identity is always "rebox": argv[0] is the caller's choice,
- * and root's log lines must not appear under a name the caller picked.
+ * errno is left as it was, so a second message about the same failure
+ * names the same cause.  The syslog identity is always "rebox": argv[0] is
+ * the caller's choice, and root's log lines must not appear under a name
+ * the caller picked.
  */
 #include "runtime/report.h"
 
