@@ -19,17 +19,8 @@
 static const size_t MD5_TEXT_SIZE = 4096;
 static const mode_t LOCK_FILE_MODE = 0644;
 
-/* Result buffer of md5_hex() and md5_hex_digest(). */
+/* Result buffer of md5_hex(). */
 static char md5_hex_buf[2 * MD5_DIGEST_LENGTH + 1];
-
-/* md5_hex_digest - a digest in lower-case hexadecimal, in the result
- * buffer */
-static const char *md5_hex_digest(const unsigned char *digest)
-{
-    for (int i = 0; i < MD5_DIGEST_LENGTH; i++)
-        snprintf(md5_hex_buf + 2 * i, 3, "%02x", digest[i]);
-    return md5_hex_buf;
-}
 
 const char *md5_hex(const char *prefix, const char *text)
 {
@@ -38,7 +29,9 @@ const char *md5_hex(const char *prefix, const char *text)
 
     snprintf(joined, sizeof(joined), "%s%s", prefix, text);
     MD5(reinterpret_cast<const unsigned char *>(joined), strlen(joined), digest);
-    return md5_hex_digest(digest);
+    for (int i = 0; i < MD5_DIGEST_LENGTH; i++)
+        snprintf(md5_hex_buf + 2 * i, 3, "%02x", digest[i]);
+    return md5_hex_buf;
 }
 
 /* product_root - PRODUCT_ROOT_D, from the loaded configuration when it

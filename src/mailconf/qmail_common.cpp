@@ -62,7 +62,7 @@ void set_shared_mode(const Effects *fx, const char *path, unsigned mode)
 
 /* domain_ascii - the ASCII form of a domain name (caller frees); a name
  * that does not convert ends the process */
-char *domain_ascii(const char *domain)
+static char *domain_ascii(const char *domain)
 {
     char *ascii = idn_toascii(domain);
 

@@ -82,7 +82,6 @@ void qmail_file_path(char *buf, size_t size, const char *name);
 /* set_shared_mode - the mode of a shared qmail file after an edit (when the
  * rebuild holds it, at its write); failures are not reported */
 void set_shared_mode(const Effects *fx, const char *path, unsigned mode);
-char *domain_ascii(const char *domain);
 char *domain_ascii_valid(const char *domain, const char *message);
 [[noreturn]] void value_refused(const char *message);
 int mail_name_valid(const char *mail_name);
