@@ -137,51 +137,20 @@ int report_text(const char *text, int exit_status)
 static int report_with(int err, int exit_status, const char *format, va_list args)
 {
     int saved_errno = errno;
-    size_t size = REPORT_BUF_SIZE;
-    char *buf = static_cast<char *>(malloc(size));
+    char *text = nullptr, *full = nullptr;
     va_list ap;
-    int n;
 
-    if (buf == nullptr) {
-        report_text("Can't allocate memory for error message", exit_status);
-        return 0;
-    }
     va_copy(ap, args);
-    n = vsnprintf(buf, size, format, ap);
+    if (vasprintf(&text, format, ap) < 0)
+        text = nullptr;
     va_end(ap);
-    if (n < 0) {
-        buf[0] = 0;
-    } else if (static_cast<size_t>(n) >= size) {
-        char *bigger = static_cast<char *>(realloc(buf, n + 1));
-        if (bigger) {
-            buf = bigger;
-            size = n + 1;
-            va_copy(ap, args);
-            vsnprintf(buf, size, format, ap);
-            va_end(ap);
-        }
-        /* Without memory to grow, the text stays cut to the first buffer. */
-    }
-    if (err != 0) {
-        char suffix[512];
-        int slen = snprintf(suffix, sizeof(suffix), "\nSystem error %d: %s", err, strerror(err));
-        size_t used = strlen(buf);
-        if (slen > 0) {
-            size_t need = used + static_cast<size_t>(slen) + 1;
-            if (need > size) {
-                char *bigger = static_cast<char *>(realloc(buf, need));
-                if (bigger) {
-                    buf = bigger;
-                    size = need;
-                }
-            }
-            /* Cut the suffix to what fits when the buffer could not grow. */
-            snprintf(buf + used, size - used, "%s", suffix);
-        }
+    if (text != nullptr && err != 0 && asprintf(&full, "%s\nSystem error %d: %s", text, err, strerror(err)) >= 0) {
+        free(text);
+        text = full;
     }
     errno = saved_errno;
-    report_text(buf, exit_status);
-    free(buf);
+    report_text(text != nullptr ? text : "Can't allocate memory for error message", exit_status);
+    free(text);
     errno = saved_errno;
     return 0;
 }
