@@ -18,7 +18,6 @@
 #include <string.h>
 
 static const size_t GET_BUF_SIZE = 4096;
-static const size_t GET_ERR_SIZE = 4097;
 static const char CONNECT_MSG[] = "Unable to connect to the mysql database\n";
 
 static char query_value_buf[GET_BUF_SIZE];
@@ -27,15 +26,10 @@ static char query_value_buf[GET_BUF_SIZE];
  * reported as the connect reason followed by connect_msg */
 static MYSQL *open_own(const char *connect_msg)
 {
-    char err[GET_ERR_SIZE];
-    MYSQL *conn;
+    MYSQL *conn = panel_db_open();
 
-    err[0] = '\0';
-    conn = db_open_session(err, sizeof(err));
-    if (conn == nullptr) {
-        report_plain(0, "%s", err);
+    if (conn == nullptr)
         report_plain(0, "%s", connect_msg);
-    }
     return conn;
 }
 
@@ -93,8 +87,7 @@ static const char *ask_text(const char *query, char *buf, MYSQL *conn, unsigned 
     return buf;
 }
 
-/* starts_true - flag rule: the stored value begins with "true" */
-static int starts_true(const char *value)
+int starts_true(const char *value)
 {
     return value != nullptr && strncmp(value, "true", 4) == 0;
 }
@@ -247,18 +240,14 @@ const char *get_exist_case_dom_name(const char *name)
 {
     static char buf[GET_BUF_SIZE];
     static char lower[GET_BUF_SIZE];
-    char err[GET_ERR_SIZE];
     MYSQL *conn;
     size_t i;
 
     if (!db_check_plain(__func__, name, 0))
         return nullptr;
-    err[0] = '\0';
-    conn = db_open_session(err, sizeof(err));
-    if (conn == nullptr) {
-        report_plain(0, "%s", err);
+    conn = panel_db_open();
+    if (conn == nullptr)
         report_plain(1, "%s", CONNECT_MSG);
-    }
     snprintf(buf, sizeof(buf), "select name from domains where name='%s'", name);
     if (get_answer(conn, buf, 0, buf) == GET_REFUSED)
         report_plain(1, "Unable to query domain name: %s\n", mysql_error(conn));

@@ -68,6 +68,9 @@ enum GetAnswer {
 #define GET_CLIENT_EMAIL_REFUSED "Unable to define clients email: %s\n"
 #define GET_NO_ADMIN_EMAIL "Unable to define admin email\n"
 
+/* starts_true - a panel flag that is on: the stored value begins with
+ * "true" */
+int starts_true(const char *value);
 /* get_answer - column of query's first row over conn (or its prefetched
  * result) into buf (4096 bytes, at most 4095 of the value); reports
  * nothing */

@@ -54,12 +54,6 @@ static const char *value_rule(MYSQL_RES *res, MYSQL_ROW row, unsigned col)
     return check_line_value(row[col]);
 }
 
-/* starts_with_true - a panel flag that is on */
-static int starts_with_true(const char *value)
-{
-    return value != nullptr && strncmp(value, "true", 4) == 0;
-}
-
 /* misc_value - a panel-wide setting into buf ("" for none); a refused
  * question ends the process: read as "off", it would switch the
  * server-wide settings off */
@@ -81,9 +75,9 @@ static void add_server_entries(ArgVec *vec, MYSQL *conn)
     unsigned max_children = SPAM_DEFAULT_MAX_CHILDREN;
 
     argv_add(vec, "start");
-    if (starts_with_true(misc_value(conn, "spamfilter_enabled", value))) {
+    if (starts_true(misc_value(conn, "spamfilter_enabled", value))) {
         argv_add(vec, "--enable-server-configs");
-        if (starts_with_true(misc_value(conn, "spamfilter_use_mailuser_prefs", value)))
+        if (starts_true(misc_value(conn, "spamfilter_use_mailuser_prefs", value)))
             argv_add(vec, "--enable-user-configs");
     }
     if (sscanf(misc_value(conn, "spamfilter_max_children", value), "%u", &max_children) != 1)
@@ -109,7 +103,7 @@ static int add_mailbox_switch(ArgVec *vec, MYSQL *conn, const char *name, const 
     if ((res = spam_query(conn, query)) == nullptr)
         return settings_failed(name, conn);
     if ((row = mysql_fetch_row(res)) != nullptr) {
-        if (starts_with_true(row[0])) {
+        if (starts_true(row[0])) {
             argv_add(vec, "--enable-mailname");
             argv_add(vec, "--action");
             argv_add(vec, action);
