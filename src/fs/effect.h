@@ -1,16 +1,11 @@
 /* effect - the one door through which a run changes the system.
  *
- * Every change a run may make goes through a table of effects: a directory
- * opened or made, an owner and mode set, a foreign object set aside, a file
- * replaced (written beside itself, then renamed), a file edited in place,
- * an object the panel no longer has removed or moved to a deferred name,
- * an empty directory the run made taken back, a leftover temporary file
- * dropped, a named lock taken, processes signalled by name and a sibling
- * utility run.  The command chooses the table and hands it down: the pass
- * and the writers carry it in the state they are given (a domain's
- * MailDomain), the file layer in every PathAt it opens, so no layer below
- * the command can reach a change except through the table it was handed,
- * and none learns which table that is.  The command's apply table makes
+ * Every change a run may make goes through a table of effects, one slot
+ * for each kind of change.  The command chooses the table and hands it
+ * down: the pass and the writers carry it in the state they are given (a
+ * domain's MailDomain), the file layer in every PathAt it opens, so no
+ * layer below the command can reach a change except through the table it
+ * was handed, and none learns which table that is.  The command's apply table makes
  * the changes; its check table compares and reports them and writes
  * nothing, undo paths included.
  *

@@ -3,13 +3,9 @@
  * A data file is never locked itself: its lock is an exclusive flock on a
  * separate, always empty lock file.  With the hashed-name flag set the lock
  * file is PRODUCT_ROOT_D/var/lock/files/<md5 of the path as spelled>, so
- * every program that derives the name the same way shares the lock.
- * Offers the FileLock handle, taking a lock (a writer's or a reader's,
- * waited for; a writer's not waited for), testing it (held, busy),
- * releasing it, the lock file path of a data file, and the hex MD5 the
- * lock files are named by.  A run takes its locks through its effects; the
- * non-waiting lock, the busy test and the lock path are library members
- * the panel's other utilities use.
+ * every program that derives the name the same way shares the lock.  A run
+ * takes its locks through its effects; the non-waiting lock, the busy test
+ * and the lock path serve the panel's other utilities.
  */
 #pragma once
 

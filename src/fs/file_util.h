@@ -1,10 +1,5 @@
 /* file_util - small file and directory operations of the panel's library.
  *
- * Creating or emptying a file, making a directory (with its parents) with
- * an owner and mode, setting owner and mode, renaming a directory without
- * overwriting, copying a file under the destination's named lock or in one
- * step through a temporary file, reading a file's first line, picking the
- * first existing path, a reporting fclose and the password policy check.
  * The restore command uses set_owner_mode, copy_file_locked (both on the
  * antivirus file) and rename_dir (deferred removal); the others serve the
  * panel's other utilities.  Those that change anything take the table of
