@@ -1,8 +1,6 @@
 /* path_ops - single operations on a path of the mail tree, each reached as
  * fs/path_at reaches it (no link followed below a domain directory) and
- * each change made through the effects it is handed: open, open a
- * directory, stat, remove an empty directory, give owner and mode, make a
- * directory with its owner and mode.
+ * each change made through the effects it is handed.
  */
 #pragma once
 

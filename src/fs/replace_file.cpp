@@ -11,8 +11,6 @@
 
 static const size_t PATH_BUF_SIZE = 4096;
 
-/* same_bytes - 1 when the open file fd holds exactly len bytes equal to
- * text (its size is already known to be len) */
 int same_bytes(int fd, const char *text, size_t len)
 {
     char chunk[4096];
