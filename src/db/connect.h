@@ -16,6 +16,11 @@
 #define DB_PASSWORD_FILE "/etc/vdo/.vdo.shadow"
 
 MYSQL *panel_db_open(void);
+/* db_open_own, db_close_own - conn, or (null given) a session of the
+ * caller's own, null after reporting why and connect_msg; closed again
+ * when it was the caller's own */
+MYSQL *db_open_own(MYSQL *conn, const char *connect_msg);
+void db_close_own(MYSQL *conn, MYSQL *given);
 MYSQL *db_open_session(char *err, size_t err_size);
 MYSQL *db_connect(char *err, size_t err_size);
 

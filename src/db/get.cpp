@@ -22,24 +22,6 @@ static const char CONNECT_MSG[] = "Unable to connect to the mysql database\n";
 
 static char query_value_buf[GET_BUF_SIZE];
 
-/* open_own - a session for a member handed no connection; a failure is
- * reported as the connect reason followed by connect_msg */
-static MYSQL *open_own(const char *connect_msg)
-{
-    MYSQL *conn = panel_db_open();
-
-    if (conn == nullptr)
-        report_plain(0, "%s", connect_msg);
-    return conn;
-}
-
-/* close_own - close conn when the member opened it itself */
-static void close_own(MYSQL *conn, MYSQL *given)
-{
-    if (given == nullptr && conn != nullptr)
-        mysql_close(conn);
-}
-
 GetAnswer get_answer(MYSQL *conn, const char *query, unsigned column, char *buf)
 {
     MYSQL_RES *res;
@@ -71,7 +53,7 @@ GetAnswer get_answer(MYSQL *conn, const char *query, unsigned column, char *buf)
 static const char *ask_text(const char *query, char *buf, MYSQL *conn, unsigned column,
                             const char *connect_msg, const char *fail_format, const char *fail_name)
 {
-    MYSQL *c = conn != nullptr ? conn : open_own(connect_msg);
+    MYSQL *c = db_open_own(conn, connect_msg);
 
     if (c == nullptr)
         return nullptr;
@@ -80,10 +62,10 @@ static const char *ask_text(const char *query, char *buf, MYSQL *conn, unsigned 
             report_plain(0, fail_format, fail_name, mysql_error(c));
         else
             report_plain(0, fail_format, mysql_error(c));
-        close_own(c, conn);
+        db_close_own(c, conn);
         return nullptr;
     }
-    close_own(c, conn);
+    db_close_own(c, conn);
     return buf;
 }
 
@@ -216,13 +198,13 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
 
     if (!db_check_plain(quiet ? "get_dom_id_noerr" : "get_dom_id", name, quiet ? 0 : 1))
         return nullptr;
-    c = given != nullptr ? given : open_own(CONNECT_MSG);
+    c = db_open_own(given, CONNECT_MSG);
     if (c == nullptr)
         return nullptr;
     dom_id_query(name, buf, sizeof(buf));
     if (get_answer(c, buf, 0, buf) == GET_REFUSED)
         report_plain(1, "Unable to query domain ID: %s\n", mysql_error(c));
-    close_own(c, given);
+    db_close_own(c, given);
     if (buf[0] == '\0') {
         if (quiet)
             return nullptr;
@@ -309,7 +291,7 @@ int get_www_prefix(const char *dom_id, MYSQL *conn)
 
     if (!db_check_plain(__func__, dom_id, 0))
         return -1;
-    c = conn != nullptr ? conn : open_own(CONNECT_MSG);
+    c = db_open_own(conn, CONNECT_MSG);
     if (c == nullptr)
         return -1;
     snprintf(query, sizeof(query), "select * from domains d, dns_zone z, dns_recs r \t\t"
@@ -324,7 +306,7 @@ int get_www_prefix(const char *dom_id, MYSQL *conn)
         if (found >= 0)
             found = !found;
     }
-    close_own(c, conn);
+    db_close_own(c, conn);
     return found;
 }
 
@@ -428,12 +410,12 @@ const char *get_client_email(const char *dom_id, MYSQL *conn)
 
     if (!db_check_plain(__func__, dom_id, 0))
         return nullptr;
-    c = conn != nullptr ? conn : open_own(CONNECT_MSG);
+    c = db_open_own(conn, CONNECT_MSG);
     if (c == nullptr)
         return nullptr;
     client_email_query(dom_id, buf, sizeof(buf));
     if (ask_text(buf, buf, c, 0, CONNECT_MSG, GET_CLIENT_EMAIL_REFUSED, nullptr) == nullptr) {
-        close_own(c, conn);
+        db_close_own(c, conn);
         return nullptr;
     }
     if (buf[0] == '\0') {
@@ -441,11 +423,11 @@ const char *get_client_email(const char *dom_id, MYSQL *conn)
         admin_email = get_param_simple("admin_email", "misc", "param", "val", c);
         if (admin_email == nullptr || admin_email[0] == '\0') {
             report_plain(0, GET_NO_ADMIN_EMAIL);
-            close_own(c, conn);
+            db_close_own(c, conn);
             return nullptr;
         }
         snprintf(buf, sizeof(buf), "%s", admin_email);
     }
-    close_own(c, conn);
+    db_close_own(c, conn);
     return buf;
 }

@@ -322,7 +322,6 @@ int apply_spam_settings(const Effects *fx, const char *name, MYSQL *conn)
     ArgVec vec;
     char path[SPAM_BUF_SIZE];
     struct stat st;
-    MYSQL *own = nullptr;
     int result;
 
     argv_init(&vec);
@@ -338,17 +337,11 @@ int apply_spam_settings(const Effects *fx, const char *name, MYSQL *conn)
         report_plain(0, "empty full mailname");
         return -1;
     }
-    if (conn == nullptr) {
-        own = panel_db_open();
-        if (own == nullptr) {
-            report_plain(0, "Unable to connect to mysql database\n");
-            return -1;
-        }
-        conn = own;
-    }
-    result = apply_record(fx, &vec, name, conn, strncmp(name, "*@*", 3) == 0);
-    if (own != nullptr)
-        mysql_close(own);
+    MYSQL *c = db_open_own(conn, "Unable to connect to mysql database\n");
+    if (c == nullptr)
+        return -1;
+    result = apply_record(fx, &vec, name, c, strncmp(name, "*@*", 3) == 0);
+    db_close_own(c, conn);
     return result;
 }
 
