@@ -28,9 +28,13 @@
 static const size_t SPAM_BUF_SIZE = 4096;
 static const unsigned SPAM_DEFAULT_MAX_CHILDREN = 5;
 
-/* spam_query - send a query and store its whole result; null on failure */
-static MYSQL_RES *spam_query(MYSQL *conn, const char *query)
+/* spam_query - send the query format makes of value and store its whole
+ * result; null on failure */
+static MYSQL_RES *spam_query(MYSQL *conn, const char *format, const char *value)
 {
+    char query[SPAM_BUF_SIZE];
+
+    snprintf(query, sizeof query, format, value);
     if (mysql_real_query(conn, query, strlen(query)) != 0)
         return nullptr;
     return mysql_store_result(conn);
@@ -92,15 +96,11 @@ static void add_server_entries(ArgVec *vec, MYSQL *conn)
 static int add_mailbox_switch(ArgVec *vec, MYSQL *conn, const char *name, const char *escaped,
                               const char *action)
 {
-    char query[SPAM_BUF_SIZE];
     MYSQL_RES *res;
     MYSQL_ROW row;
 
-    snprintf(query, sizeof query,
-             "SELECT spamfilter FROM mail m, domains d WHERE m.dom_id = d.id AND "
-             "CONCAT(m.mail_name, '@', d.name) = '%s'",
-             escaped);
-    if ((res = spam_query(conn, query)) == nullptr)
+    if ((res = spam_query(conn, "SELECT spamfilter FROM mail m, domains d WHERE m.dom_id = d.id AND "
+                                "CONCAT(m.mail_name, '@', d.name) = '%s'", escaped)) == nullptr)
         return settings_failed(name, conn);
     if ((row = mysql_fetch_row(res)) != nullptr) {
         if (starts_true(row[0])) {
@@ -121,15 +121,11 @@ static int add_mailbox_switch(ArgVec *vec, MYSQL *conn, const char *name, const 
  * breaks the line rule. */
 static int add_sensitivity(ArgVec *vec, MYSQL *conn, const char *name, const char *id)
 {
-    char query[SPAM_BUF_SIZE];
     MYSQL_RES *res;
     MYSQL_ROW row;
 
-    snprintf(query, sizeof query,
-             "SELECT value FROM spamfilter_preferences WHERE spamfilter_id = %s AND "
-             "preference = 'required_score' ORDER BY prefid",
-             id);
-    if ((res = spam_query(conn, query)) == nullptr)
+    if ((res = spam_query(conn, "SELECT value FROM spamfilter_preferences WHERE spamfilter_id = %s AND "
+                                "preference = 'required_score' ORDER BY prefid", id)) == nullptr)
         return settings_failed(name, conn);
     if ((row = mysql_fetch_row(res)) != nullptr && row[0] != nullptr && row[0][0] != '\0') {
         if (const char *why = value_rule(res, row, 0)) {
@@ -148,16 +144,12 @@ static int add_sensitivity(ArgVec *vec, MYSQL *conn, const char *name, const cha
  * none, with a warning, when it breaks the line rule */
 static int add_header_rewrite(ArgVec *vec, MYSQL *conn, const char *name, const char *id)
 {
-    char query[SPAM_BUF_SIZE];
     MYSQL_RES *res;
     MYSQL_ROW row;
 
-    snprintf(query, sizeof query,
-             "SELECT TRIM(TRIM(LEADING 'subject' FROM value)) FROM spamfilter_preferences WHERE "
-             "spamfilter_id = %s AND preference = 'rewrite_header' AND value LIKE 'subject%%' "
-             "ORDER BY prefid",
-             id);
-    if ((res = spam_query(conn, query)) == nullptr)
+    if ((res = spam_query(conn, "SELECT TRIM(TRIM(LEADING 'subject' FROM value)) FROM "
+                                "spamfilter_preferences WHERE spamfilter_id = %s AND preference = "
+                                "'rewrite_header' AND value LIKE 'subject%%' ORDER BY prefid", id)) == nullptr)
         return settings_failed(name, conn);
     if ((row = mysql_fetch_row(res)) != nullptr) {
         const char *why = row[0] != nullptr ? value_rule(res, row, 0) : nullptr;
@@ -230,17 +222,14 @@ static int add_list_pair(ArgVec *vec, const char *option, const char *value)
 static int add_lists_and_run(const Effects *fx, ArgVec *vec, MYSQL *conn, const char *name, const char *id,
                              int32_t prefix_count, size_t prefix_used)
 {
-    char query[SPAM_BUF_SIZE];
     MYSQL_RES *res;
     MYSQL_ROW row;
     int result = 0;
 
-    snprintf(query, sizeof query,
-             "SELECT TRIM(TRAILING '_from' FROM preference), value FROM spamfilter_preferences "
-             "WHERE spamfilter_id = %s AND preference IN ('blacklist_from', 'whitelist_from', "
-             "'unblacklist_from', 'unwhitelist_from') ORDER BY prefid",
-             id);
-    if ((res = spam_query(conn, query)) == nullptr)
+    if ((res = spam_query(conn, "SELECT TRIM(TRAILING '_from' FROM preference), value FROM "
+                                "spamfilter_preferences WHERE spamfilter_id = %s AND preference IN "
+                                "('blacklist_from', 'whitelist_from', 'unblacklist_from', "
+                                "'unwhitelist_from') ORDER BY prefid", id)) == nullptr)
         return settings_failed(name, conn);
 
     while (result == 0 && (row = mysql_fetch_row(res)) != nullptr) {
@@ -269,7 +258,6 @@ static int add_lists_and_run(const Effects *fx, ArgVec *vec, MYSQL *conn, const 
 /* apply_record - apply one record on an open connection */
 static int apply_record(const Effects *fx, ArgVec *vec, const char *name, MYSQL *conn, int server_wide)
 {
-    char query[SPAM_BUF_SIZE];
     char id[SPAM_BUF_SIZE];
     char action[SPAM_BUF_SIZE];
     MYSQL_RES *res;
@@ -287,11 +275,8 @@ static int apply_record(const Effects *fx, ArgVec *vec, const char *name, MYSQL 
     prefix_used = vec->used;
 
     escaped = db_escape(conn, name);
-    snprintf(query, sizeof query,
-             "SELECT id, IF(reject_spam = 'true', 'delete', 'save') FROM spamfilter WHERE "
-             "username = '%s'",
-             escaped);
-    if ((res = spam_query(conn, query)) == nullptr) {
+    if ((res = spam_query(conn, "SELECT id, IF(reject_spam = 'true', 'delete', 'save') FROM spamfilter "
+                                "WHERE username = '%s'", escaped)) == nullptr) {
         free(escaped);
         return settings_failed(name, conn);
     }
@@ -382,7 +367,7 @@ static int mailbox_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *domain)
 
 void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *domains, size_t count)
 {
-    char query[SPAM_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
+    char shown[VALUE_PRINTABLE_SIZE];
     MYSQL_RES *mailboxes;
     MYSQL_ROW box;
 
@@ -398,8 +383,7 @@ void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *
         const MailDomainRow *d = &domains[k];
         if (d->rule != nullptr)
             continue;
-        snprintf(query, sizeof query, "SELECT mail_name FROM mail WHERE dom_id=%s", d->id);
-        if ((mailboxes = spam_query(conn, query)) == nullptr)
+        if ((mailboxes = spam_query(conn, "SELECT mail_name FROM mail WHERE dom_id=%s", d->id)) == nullptr)
             report_plain(1, "Unable to query mailnames: %s", mysql_error(conn));
         while ((box = mysql_fetch_row(mailboxes)) != nullptr)
             if (mailbox_row_usable(mailboxes, box, d->name))
