@@ -60,12 +60,9 @@ void deferred_remove(const Effects *fx, const char *dir)
     struct stat st;
 
     deferred_bases(bases);
-    for (int i = 0; bases[i] != nullptr; i++) {
-        if (is_subdir(dir, bases[i]) == 1) {
+    for (int i = 0; base == nullptr && bases[i] != nullptr; i++)
+        if (is_subdir(dir, bases[i]) == 1)
             base = bases[i];
-            break;
-        }
-    }
     if (base == nullptr)
         report_plain(1, "deferred_remove(): not supported directory for deferred remove: %s\n", dir);
     if (stat(dir, &st) != 0)

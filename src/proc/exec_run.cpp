@@ -142,17 +142,8 @@ int exec_quiet(const char *path, ...)
         return 1;
     }
     if (pid == 0) {
-        close(0);
-        close(1);
-        close(2);
-        int null_fd = open("/dev/null", O_RDWR);
-        if (null_fd >= 0) {
-            dup2(null_fd, 0);
-            dup2(null_fd, 1);
-            dup2(null_fd, 2);
-            if (null_fd > 2)
-                close(null_fd);
-        }
+        for (int fd = 0; fd <= 2; fd++)
+            redirect_fd(-1, fd);
         execv(path, slots);
         _exit(255);
     }

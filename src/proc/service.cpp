@@ -141,15 +141,10 @@ static int control_httpd(const char *action)
 
     if (rc == 0 && (strcmp(action, "start") == 0 || strcmp(action, "restart") == 0 ||
                     strcmp(action, "force-reload") == 0)) {
-        int up = 0;
-        for (int poll = 0; poll < HTTPD_STATUS_POLLS; poll++) {
-            if (service_control(panel_config.HTTPD_SERVICE, "status") == 0) {
-                up = 1;
-                break;
-            }
+        int poll = 0;
+        for (; poll < HTTPD_STATUS_POLLS && service_control(panel_config.HTTPD_SERVICE, "status") != 0; poll++)
             sleep(1);
-        }
-        if (!up)
+        if (poll == HTTPD_STATUS_POLLS)
             rc = -1;
     }
 
@@ -220,15 +215,8 @@ static void check_script(const char *path)
         _exit(3);
     }
     close_fds_from_3();
-    int null_fd = open("/dev/null", O_RDWR);
-    close(0);
-    close(1);
-    close(2);
-    dup2(null_fd, 0);
-    dup2(null_fd, 1);
-    dup2(null_fd, 2);
-    if (null_fd > 2)
-        close(null_fd);
+    for (int fd = 0; fd <= 2; fd++)
+        redirect_fd(-1, fd);
     execlp(path, name, action, static_cast<char *>(nullptr));
     _exit(errno);
 }
@@ -244,9 +232,7 @@ int run_init_script(const char *path, const char *name, const char *action,
         return -1;
     }
 
-    size_t compared = strlen(action);
-    if (compared > 9)
-        compared = 9;
+    size_t compared = strnlen(action, 9);
     const char *verb = strncmp(action, "graceful", compared) == 0 ? "gracefully restart" : action;
 
     check_script(path);
