@@ -6,7 +6,6 @@
 
 #include <mysql.h>
 #include <stdio.h>
-#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 

@@ -13,8 +13,6 @@
 
 #include <ctype.h>
 #include <stdio.h>
-#include <errno.h>
-#include <stdlib.h>
 #include <string.h>
 
 static const size_t GET_BUF_SIZE = 4096;

@@ -11,7 +11,6 @@
 #include "db/connect.h"
 #include "runtime/report.h"
 
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

@@ -9,12 +9,10 @@
  */
 #include "filters/spam.h"
 
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-
 
 #include "db/component.h"
 #include "db/connect.h"

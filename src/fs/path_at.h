@@ -24,8 +24,6 @@
 
 #include "fs/effect.h"
 
-#include <sys/types.h>
-
 /* PathAt - the opened directory of a path and the path's last name,
  * with the table of effects every change made through it goes to */
 struct PathAt {

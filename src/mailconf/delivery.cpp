@@ -15,12 +15,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 /* The invalid-name message of every writer here but add_mail_alias. */
 static const char BAD_NAMES[] = "empty mailname or maildomain";
-
 
 /* put_qmail_line - make line the last line of the delivery file, once;
  * the result of the append (0 or 1) */

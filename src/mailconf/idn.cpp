@@ -11,10 +11,8 @@
 
 #include "runtime/report.h"
 
-#include <errno.h>
 #include <idna.h>
 #include <regex.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 

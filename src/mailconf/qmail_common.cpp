@@ -9,7 +9,6 @@
 #include "runtime/report.h"
 #include "runtime/users.h"
 
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

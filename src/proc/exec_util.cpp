@@ -4,7 +4,6 @@
 
 #include "runtime/report.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>

@@ -15,7 +15,6 @@
 #include "runtime/report.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <libgen.h>
 #include <signal.h>
 #include <stdio.h>

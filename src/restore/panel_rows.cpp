@@ -7,7 +7,6 @@
 #include "restore/finish.h"
 #include "runtime/report.h"
 
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

@@ -17,7 +17,6 @@
 #include "mailconf/qmail_common.h"
 
 #include <mysql.h>
-#include <stddef.h>
 
 #define DOMAINS_QUERY                                                                              \
     "SELECT d.id, d.name, d.status, s.status FROM domains d LEFT JOIN DomainServices s "          \
@@ -25,7 +24,6 @@
 
 /* The size of a query buffer. */
 #define PANEL_QUERY_SIZE 4096
-
 
 /* MailboxRow - a mailbox of a domain */
 struct MailboxRow {

@@ -8,14 +8,12 @@
 #include "runtime/report.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <libgen.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
-#include <unistd.h>
 
 const char *report_progname = nullptr;
 

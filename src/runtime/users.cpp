@@ -9,7 +9,6 @@
 #include <grp.h>
 #include <pwd.h>
 #include <stdio.h>
-#include <string.h>
 
 /* Result buffers of group_name() and user_name(). */
 static char group_name_buf[4096];
