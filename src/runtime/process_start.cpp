@@ -59,6 +59,7 @@
  */
 #include "runtime/process_start.h"
 
+#include "proc/exec.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -107,11 +108,7 @@ static void open_standard_fds(void)
         if (open("/dev/null", O_RDWR) == -1)
             report(1, "Unable to open /dev/null: %s", strerror(errno));
     }
-    /* Kernels before close_range() get the descriptors closed one by one,
-     * up to the open-file limit the caller gave us. */
-    if (close_range(3, ~0U, 0) != 0)
-        for (long fd = 3, max = sysconf(_SC_OPEN_MAX); fd < max; fd++)
-            close(static_cast<int>(fd));
+    close_fds_from_3();
 }
 
 /* clear_timers - the real, virtual and profiling timers stopped */
