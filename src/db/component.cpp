@@ -6,7 +6,6 @@
 
 #include <mysql.h>
 #include <stdio.h>
-#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -27,32 +26,27 @@ void get_component_version(const char *name, char *out, size_t size)
     my_ulonglong rows;
 
     conn = panel_db_open();
-    if (conn == nullptr) {
+    if (conn == nullptr)
         report_plain(1, "Unable to connect to the Vardo database");
-    }
     escaped = db_escape(conn, name);
     snprintf(query, sizeof(query), "SELECT version FROM Components WHERE name = '%s'", escaped);
     free(escaped);
 
-    if (mysql_query(conn, query) != 0) {
+    if (mysql_query(conn, query) != 0)
         report_plain(1, "Error during mysql_query: %s", mysql_error(conn));
-    }
     res = mysql_store_result(conn);
-    if (res == nullptr) {
+    if (res == nullptr)
         report_plain(1, "Error during mysql_store_result: %s", mysql_error(conn));
-    }
     rows = mysql_num_rows(res);
     if (rows > 1)
         report_plain(1, "Duplicate record in Components table for package %s", name);
     if (rows == 0)
         report_plain(1, "Package '%s' is not found in Components table", name);
     row = mysql_fetch_row(res);
-    if (row == nullptr) {
+    if (row == nullptr)
         report_plain(1, "Error during mysql_fetch_row: %s", mysql_error(conn));
-    }
-    if (row[0] == nullptr) {
+    if (row[0] == nullptr)
         report_plain(1, "NULL version for package '%s' in database", name);
-    }
     if (size > 0) {
         strncpy(out, row[0], size - 1);
         out[size - 1] = '\0';

@@ -6,13 +6,10 @@
  * record; is_component_installed_noerr answers 0 on every failure.  Each
  * call opens and closes its own database connection.
  */
-#ifndef REBOX_DB_COMPONENT_H
-#define REBOX_DB_COMPONENT_H
+#pragma once
 
 #include <stddef.h>
 
 void get_component_version(const char *name, char *out, size_t size);
 int is_component_installed(const char *name);
 int is_component_installed_noerr(const char *name);
-
-#endif

@@ -170,10 +170,24 @@ MYSQL *panel_db_open(void)
 
     err[0] = '\0';
     conn = db_open_session(err, sizeof(err));
-    if (conn == nullptr) {
+    if (conn == nullptr)
         report_plain(0, "%s", err);
-    }
     return conn;
+}
+
+MYSQL *db_open_own(MYSQL *conn, const char *connect_msg)
+{
+    MYSQL *own = conn != nullptr ? conn : panel_db_open();
+
+    if (own == nullptr)
+        report_plain(0, "%s", connect_msg);
+    return own;
+}
+
+void db_close_own(MYSQL *conn, MYSQL *given)
+{
+    if (given == nullptr && conn != nullptr)
+        mysql_close(conn);
 }
 
 void *xrealloc(void *ptr, size_t size)

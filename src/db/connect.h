@@ -7,8 +7,7 @@
  * printing them.  db_escape() and xrealloc() help build statements, and
  * db_check_plain() guards values that are put between quotes unescaped.
  */
-#ifndef REBOX_DB_CONNECT_H
-#define REBOX_DB_CONNECT_H
+#pragma once
 
 #include <mysql.h>
 #include <stddef.h>
@@ -17,6 +16,11 @@
 #define DB_PASSWORD_FILE "/etc/vdo/.vdo.shadow"
 
 MYSQL *panel_db_open(void);
+/* db_open_own, db_close_own - conn, or (null given) a session of the
+ * caller's own, null after reporting why and connect_msg; closed again
+ * when it was the caller's own */
+MYSQL *db_open_own(MYSQL *conn, const char *connect_msg);
+void db_close_own(MYSQL *conn, MYSQL *given);
 MYSQL *db_open_session(char *err, size_t err_size);
 MYSQL *db_connect(char *err, size_t err_size);
 
@@ -31,5 +35,3 @@ void *xrealloc(void *ptr, size_t size);
  * single quote; otherwise report that member refuses it (with exit_status)
  * and return 0 */
 int db_check_plain(const char *member, const char *value, int exit_status);
-
-#endif

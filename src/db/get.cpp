@@ -1,21 +1,9 @@
-/* get - the query family: small read-only questions to the panel database.
+/* get - the query family (see get.h).
  *
- * Each text member owns a 4096-byte static buffer: the query is formatted in
- * it and the answer copied over it.  A member handed no connection opens a
- * session of its own and closes it before every return.
- *
- * Values go between quotes unescaped.  A value holding a backslash or a
- * quote is a fault of the caller: the member reports it (naming itself), sends
- * nothing and fails the call as it fails on a refused query.  Only
- * get_dom_id without the quiet flag ends the process instead, since its
+ * A value holding a backslash or a quote is the caller's fault: it is
+ * reported and fails the call as a refused query does.  Only get_dom_id
+ * without the quiet flag ends the process on such a value, since its
  * callers rely on getting an id whenever it returns.
- *
- * A refused query is reported as a warning and fails the call (null, a
- * negative number): the library reports, its caller decides.  A caller
- * that must not go on without an answer asks through get_answer(), which
- * reports nothing and tells a value, no row and a refusal apart, and
- * picks its own message (the members' texts are the GET_*_REFUSED
- * formats) and whether it is fatal.
  */
 #include "db/get.h"
 
@@ -25,38 +13,12 @@
 
 #include <ctype.h>
 #include <stdio.h>
-#include <errno.h>
-#include <stdlib.h>
 #include <string.h>
 
 static const size_t GET_BUF_SIZE = 4096;
-static const size_t GET_ERR_SIZE = 4097;
 static const char CONNECT_MSG[] = "Unable to connect to the mysql database\n";
 
 static char query_value_buf[GET_BUF_SIZE];
-
-/* open_own - a session for a member handed no connection; a failure is
- * reported as the connect reason followed by connect_msg */
-static MYSQL *open_own(const char *connect_msg)
-{
-    char err[GET_ERR_SIZE];
-    MYSQL *conn;
-
-    err[0] = '\0';
-    conn = db_open_session(err, sizeof(err));
-    if (conn == nullptr) {
-        report_plain(0, "%s", err);
-        report_plain(0, "%s", connect_msg);
-    }
-    return conn;
-}
-
-/* close_own - close conn when the member opened it itself */
-static void close_own(MYSQL *conn, MYSQL *given)
-{
-    if (given == nullptr && conn != nullptr)
-        mysql_close(conn);
-}
 
 GetAnswer get_answer(MYSQL *conn, const char *query, unsigned column, char *buf)
 {
@@ -91,7 +53,7 @@ GetAnswer get_answer(MYSQL *conn, const char *query, unsigned column, char *buf)
 static const char *ask_text(const char *query, char *buf, MYSQL *conn, unsigned column,
                             const char *connect_msg, const char *fail_format, const char *fail_name)
 {
-    MYSQL *c = conn != nullptr ? conn : open_own(connect_msg);
+    MYSQL *c = db_open_own(conn, connect_msg);
 
     if (c == nullptr)
         return nullptr;
@@ -100,15 +62,14 @@ static const char *ask_text(const char *query, char *buf, MYSQL *conn, unsigned 
             report_plain(0, fail_format, fail_name, mysql_error(c));
         else
             report_plain(0, fail_format, mysql_error(c));
-        close_own(c, conn);
+        db_close_own(c, conn);
         return nullptr;
     }
-    close_own(c, conn);
+    db_close_own(c, conn);
     return buf;
 }
 
-/* starts_true - flag rule: the stored value begins with "true" */
-static int starts_true(const char *value)
+int starts_true(const char *value)
 {
     return value != nullptr && strncmp(value, "true", 4) == 0;
 }
@@ -237,14 +198,13 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
 
     if (!db_check_plain(quiet ? "get_dom_id_noerr" : "get_dom_id", name, quiet ? 0 : 1))
         return nullptr;
-    c = given != nullptr ? given : open_own(CONNECT_MSG);
+    c = db_open_own(given, CONNECT_MSG);
     if (c == nullptr)
         return nullptr;
     dom_id_query(name, buf, sizeof(buf));
-    if (get_answer(c, buf, 0, buf) == GET_REFUSED) {
+    if (get_answer(c, buf, 0, buf) == GET_REFUSED)
         report_plain(1, "Unable to query domain ID: %s\n", mysql_error(c));
-    }
-    close_own(c, given);
+    db_close_own(c, given);
     if (buf[0] == '\0') {
         if (quiet)
             return nullptr;
@@ -262,22 +222,17 @@ const char *get_exist_case_dom_name(const char *name)
 {
     static char buf[GET_BUF_SIZE];
     static char lower[GET_BUF_SIZE];
-    char err[GET_ERR_SIZE];
     MYSQL *conn;
     size_t i;
 
     if (!db_check_plain(__func__, name, 0))
         return nullptr;
-    err[0] = '\0';
-    conn = db_open_session(err, sizeof(err));
-    if (conn == nullptr) {
-        report_plain(0, "%s", err);
+    conn = panel_db_open();
+    if (conn == nullptr)
         report_plain(1, "%s", CONNECT_MSG);
-    }
     snprintf(buf, sizeof(buf), "select name from domains where name='%s'", name);
-    if (get_answer(conn, buf, 0, buf) == GET_REFUSED) {
+    if (get_answer(conn, buf, 0, buf) == GET_REFUSED)
         report_plain(1, "Unable to query domain name: %s\n", mysql_error(conn));
-    }
     mysql_close(conn);
     /* Stored names are never empty: "" is no row or a NULL name. */
     if (buf[0] == '\0')
@@ -336,7 +291,7 @@ int get_www_prefix(const char *dom_id, MYSQL *conn)
 
     if (!db_check_plain(__func__, dom_id, 0))
         return -1;
-    c = conn != nullptr ? conn : open_own(CONNECT_MSG);
+    c = db_open_own(conn, CONNECT_MSG);
     if (c == nullptr)
         return -1;
     snprintf(query, sizeof(query), "select * from domains d, dns_zone z, dns_recs r \t\t"
@@ -351,7 +306,7 @@ int get_www_prefix(const char *dom_id, MYSQL *conn)
         if (found >= 0)
             found = !found;
     }
-    close_own(c, conn);
+    db_close_own(c, conn);
     return found;
 }
 
@@ -455,12 +410,12 @@ const char *get_client_email(const char *dom_id, MYSQL *conn)
 
     if (!db_check_plain(__func__, dom_id, 0))
         return nullptr;
-    c = conn != nullptr ? conn : open_own(CONNECT_MSG);
+    c = db_open_own(conn, CONNECT_MSG);
     if (c == nullptr)
         return nullptr;
     client_email_query(dom_id, buf, sizeof(buf));
     if (ask_text(buf, buf, c, 0, CONNECT_MSG, GET_CLIENT_EMAIL_REFUSED, nullptr) == nullptr) {
-        close_own(c, conn);
+        db_close_own(c, conn);
         return nullptr;
     }
     if (buf[0] == '\0') {
@@ -468,11 +423,11 @@ const char *get_client_email(const char *dom_id, MYSQL *conn)
         admin_email = get_param_simple("admin_email", "misc", "param", "val", c);
         if (admin_email == nullptr || admin_email[0] == '\0') {
             report_plain(0, GET_NO_ADMIN_EMAIL);
-            close_own(c, conn);
+            db_close_own(c, conn);
             return nullptr;
         }
         snprintf(buf, sizeof(buf), "%s", admin_email);
     }
-    close_own(c, conn);
+    db_close_own(c, conn);
     return buf;
 }

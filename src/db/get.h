@@ -24,8 +24,7 @@
  * get_dom_Limit and get_DomainService_Parameter into buf (the values
  * already converted and checked), so that they can be prefetched.
  */
-#ifndef REBOX_DB_GET_H
-#define REBOX_DB_GET_H
+#pragma once
 
 #include <mysql.h>
 #include <stddef.h>
@@ -70,6 +69,9 @@ enum GetAnswer {
 #define GET_CLIENT_EMAIL_REFUSED "Unable to define clients email: %s\n"
 #define GET_NO_ADMIN_EMAIL "Unable to define admin email\n"
 
+/* starts_true - a panel flag that is on: the stored value begins with
+ * "true" */
+int starts_true(const char *value);
 /* get_answer - column of query's first row over conn (or its prefetched
  * result) into buf (4096 bytes, at most 4095 of the value); reports
  * nothing */
@@ -80,5 +82,3 @@ const char *dom_id_query(const char *ascii, char *buf, size_t size);
 const char *dom_limit_query(const char *dom_id, const char *limit_name, char *buf, size_t size);
 const char *domain_service_parameter_query(const char *dom_id, const char *type,
                                            const char *parameter, char *buf, size_t size);
-
-#endif

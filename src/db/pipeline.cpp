@@ -14,7 +14,6 @@
 #include "runtime/report.h"
 
 #include <stdint.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 

@@ -19,8 +19,7 @@
  * answer, whatever order the questions come in.  pipeline_close() drops
  * whatever was not asked and gives the connection back.
  */
-#ifndef REBOX_DB_PIPELINE_H
-#define REBOX_DB_PIPELINE_H
+#pragma once
 
 #include <mysql.h>
 
@@ -37,5 +36,3 @@ void pipeline_prefetch(const char *query);
  * in mysql_error(conn) */
 int pipeline_ask(MYSQL *conn, const char *query, MYSQL_RES **res);
 void pipeline_close(void);
-
-#endif

@@ -11,28 +11,12 @@
 #include "db/connect.h"
 #include "runtime/report.h"
 
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 static const size_t PUT_BUF_SIZE = 4096;
 static const char CONNECT_MSG[] = "Unable to connect to mysql database\n";
-
-/* open_own - conn, or a connection of the function's own (null after
- * reporting connect_msg) */
-static MYSQL *open_own(MYSQL *conn, const char *connect_msg)
-{
-    MYSQL *c;
-
-    if (conn != nullptr)
-        return conn;
-    c = panel_db_open();
-    if (c == nullptr) {
-        report_plain(0, "%s", connect_msg);
-    }
-    return c;
-}
 
 /* send_statement - run statement on c; report fail_format with name and the error
  * text when refused; close c when it is the function's own */
@@ -45,8 +29,7 @@ static int send_statement(MYSQL *c, MYSQL *given, const char *statement, const c
         report_plain(0, fail_format, name, mysql_error(c));
         rc = -1;
     }
-    if (given == nullptr)
-        mysql_close(c);
+    db_close_own(c, given);
     return rc;
 }
 
@@ -98,7 +81,7 @@ int del_param(const char *name, MYSQL *conn)
     char statement[PUT_BUF_SIZE];
     MYSQL *c;
 
-    if (!db_check_plain(__func__, name, 0) || (c = open_own(conn, CONNECT_MSG)) == nullptr)
+    if (!db_check_plain(__func__, name, 0) || (c = db_open_own(conn, CONNECT_MSG)) == nullptr)
         return -1;
     snprintf(statement, sizeof(statement), "delete from misc where param='%s'", name);
     return send_statement(c, conn, statement, "Unable to delete parameter %s from misc: %s", name);
@@ -110,7 +93,7 @@ int del_dom_param(const char *dom_id, const char *param, MYSQL *conn)
     MYSQL *c;
 
     if (!db_check_plain(__func__, dom_id, 0) || !db_check_plain(__func__, param, 0) ||
-        (c = open_own(conn, CONNECT_MSG)) == nullptr)
+        (c = db_open_own(conn, CONNECT_MSG)) == nullptr)
         return -1;
     snprintf(statement, sizeof(statement), "delete from dom_param where dom_id='%s' and param='%s'",
              dom_id, param);
@@ -120,15 +103,14 @@ int del_dom_param(const char *dom_id, const char *param, MYSQL *conn)
 int put_param(const char *name, const char *value, MYSQL *conn)
 {
     static const char fail[] = "Unable to put parameter %s into misc: %s";
-    MYSQL *c = open_own(conn, "Unable to connect to mysql database");
+    MYSQL *c = db_open_own(conn, "Unable to connect to mysql database");
     char *statement;
     int rc;
 
     if (c == nullptr)
         return -1;
     if (!db_check_plain(__func__, name, 0)) {
-        if (conn == nullptr)
-            mysql_close(c);
+        db_close_own(c, conn);
         return -1;
     }
     if (value != nullptr)
@@ -147,7 +129,7 @@ int del_Parameter(const char *id, const char *parameter, const char *value, MYSQ
     MYSQL *c;
 
     if (!db_check_plain(__func__, id, 0) || !db_check_plain(__func__, parameter, 0) ||
-        (c = open_own(conn, CONNECT_MSG)) == nullptr)
+        (c = db_open_own(conn, CONNECT_MSG)) == nullptr)
         return -1;
     if (value != nullptr)
         return send_escaped(c, conn, fail, parameter,
@@ -163,7 +145,7 @@ int put_Parameter(const char *id, const char *parameter, const char *value, MYSQ
     MYSQL *c;
 
     if (!db_check_plain(__func__, id, 0) || !db_check_plain(__func__, parameter, 0) ||
-        !value_given(__func__, parameter, value) || (c = open_own(conn, CONNECT_MSG)) == nullptr)
+        !value_given(__func__, parameter, value) || (c = db_open_own(conn, CONNECT_MSG)) == nullptr)
         return -1;
     return send_escaped(c, conn, "Unable to put parameter %s into Parameters: %s", parameter,
                         "replace into Parameters (id, parameter, value) values('%s', '%s', '%s')",
@@ -175,7 +157,7 @@ int put_dom_param(const char *dom_id, const char *param, const char *value, MYSQ
     MYSQL *c;
 
     if (!db_check_plain(__func__, dom_id, 0) || !db_check_plain(__func__, param, 0) ||
-        !value_given(__func__, param, value) || (c = open_own(conn, CONNECT_MSG)) == nullptr)
+        !value_given(__func__, param, value) || (c = db_open_own(conn, CONNECT_MSG)) == nullptr)
         return -1;
     return send_escaped(c, conn, "Unable to put parameter %s into dom_param: %s", param,
                         "replace into dom_param (dom_id, param, val) values('%s', '%s', '%s')",

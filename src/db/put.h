@@ -7,8 +7,7 @@
  * backslash and quotes (refused with a message otherwise); values are
  * escaped.  Results: 0 success, -1 failure, always reported.
  */
-#ifndef REBOX_DB_PUT_H
-#define REBOX_DB_PUT_H
+#pragma once
 
 #include <mysql.h>
 
@@ -19,5 +18,3 @@ int put_param(const char *name, const char *value, MYSQL *conn);
 int del_Parameter(const char *id, const char *parameter, const char *value, MYSQL *conn);
 int put_Parameter(const char *id, const char *parameter, const char *value, MYSQL *conn);
 int put_dom_param(const char *dom_id, const char *param, const char *value, MYSQL *conn);
-
-#endif

@@ -6,8 +6,7 @@
  * are its steps: start the file from its head, replace the record of one
  * address, remove every record form of one address.
  */
-#ifndef REBOX_FILTERS_ANTIVIRUS_H
-#define REBOX_FILTERS_ANTIVIRUS_H
+#pragma once
 
 #include "fs/effect.h"
 
@@ -23,5 +22,3 @@ int reset_users_conf(const Effects *fx);
 int add_antivirus_record(const Effects *fx, const char *domain, const char *local_part,
                          const char *virusfilter);
 int remove_antivirus_records(const Effects *fx, const char *domain, const char *local_part);
-
-#endif

@@ -6,8 +6,7 @@
  * argv_init() empties a vector, argv_add() appends a copy of a text and
  * argv_cut() rolls a vector back to an earlier count and fill.
  */
-#ifndef REBOX_FILTERS_ARGVEC_H
-#define REBOX_FILTERS_ARGVEC_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -27,5 +26,3 @@ struct ArgVec {
 void argv_init(ArgVec *vec);
 int argv_add(ArgVec *vec, const char *text);
 void argv_cut(ArgVec *vec, int32_t count, size_t used);
-
-#endif

@@ -9,12 +9,10 @@
  */
 #include "filters/spam.h"
 
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-
 
 #include "db/component.h"
 #include "db/connect.h"
@@ -28,9 +26,13 @@
 static const size_t SPAM_BUF_SIZE = 4096;
 static const unsigned SPAM_DEFAULT_MAX_CHILDREN = 5;
 
-/* spam_query - send a query and store its whole result; null on failure */
-static MYSQL_RES *spam_query(MYSQL *conn, const char *query)
+/* spam_query - send the query format makes of value and store its whole
+ * result; null on failure */
+static MYSQL_RES *spam_query(MYSQL *conn, const char *format, const char *value)
 {
+    char query[SPAM_BUF_SIZE];
+
+    snprintf(query, sizeof query, format, value);
     if (mysql_real_query(conn, query, strlen(query)) != 0)
         return nullptr;
     return mysql_store_result(conn);
@@ -54,12 +56,6 @@ static const char *value_rule(MYSQL_RES *res, MYSQL_ROW row, unsigned col)
     return check_line_value(row[col]);
 }
 
-/* starts_with_true - a panel flag that is on */
-static int starts_with_true(const char *value)
-{
-    return value != nullptr && strncmp(value, "true", 4) == 0;
-}
-
 /* misc_value - a panel-wide setting into buf ("" for none); a refused
  * question ends the process: read as "off", it would switch the
  * server-wide settings off */
@@ -68,9 +64,8 @@ static const char *misc_value(MYSQL *conn, const char *name, char *buf)
     char query[SPAM_BUF_SIZE];
 
     misc_param_query(name, query, sizeof query);
-    if (get_answer(conn, query, 0, buf) == GET_REFUSED) {
+    if (get_answer(conn, query, 0, buf) == GET_REFUSED)
         report_plain(1, GET_QUERY_REFUSED, query, mysql_error(conn));
-    }
     return buf;
 }
 
@@ -82,9 +77,9 @@ static void add_server_entries(ArgVec *vec, MYSQL *conn)
     unsigned max_children = SPAM_DEFAULT_MAX_CHILDREN;
 
     argv_add(vec, "start");
-    if (starts_with_true(misc_value(conn, "spamfilter_enabled", value))) {
+    if (starts_true(misc_value(conn, "spamfilter_enabled", value))) {
         argv_add(vec, "--enable-server-configs");
-        if (starts_with_true(misc_value(conn, "spamfilter_use_mailuser_prefs", value)))
+        if (starts_true(misc_value(conn, "spamfilter_use_mailuser_prefs", value)))
             argv_add(vec, "--enable-user-configs");
     }
     if (sscanf(misc_value(conn, "spamfilter_max_children", value), "%u", &max_children) != 1)
@@ -99,18 +94,14 @@ static void add_server_entries(ArgVec *vec, MYSQL *conn)
 static int add_mailbox_switch(ArgVec *vec, MYSQL *conn, const char *name, const char *escaped,
                               const char *action)
 {
-    char query[SPAM_BUF_SIZE];
     MYSQL_RES *res;
     MYSQL_ROW row;
 
-    snprintf(query, sizeof query,
-             "SELECT spamfilter FROM mail m, domains d WHERE m.dom_id = d.id AND "
-             "CONCAT(m.mail_name, '@', d.name) = '%s'",
-             escaped);
-    if ((res = spam_query(conn, query)) == nullptr)
+    if ((res = spam_query(conn, "SELECT spamfilter FROM mail m, domains d WHERE m.dom_id = d.id AND "
+                                "CONCAT(m.mail_name, '@', d.name) = '%s'", escaped)) == nullptr)
         return settings_failed(name, conn);
     if ((row = mysql_fetch_row(res)) != nullptr) {
-        if (starts_with_true(row[0])) {
+        if (starts_true(row[0])) {
             argv_add(vec, "--enable-mailname");
             argv_add(vec, "--action");
             argv_add(vec, action);
@@ -128,15 +119,11 @@ static int add_mailbox_switch(ArgVec *vec, MYSQL *conn, const char *name, const 
  * breaks the line rule. */
 static int add_sensitivity(ArgVec *vec, MYSQL *conn, const char *name, const char *id)
 {
-    char query[SPAM_BUF_SIZE];
     MYSQL_RES *res;
     MYSQL_ROW row;
 
-    snprintf(query, sizeof query,
-             "SELECT value FROM spamfilter_preferences WHERE spamfilter_id = %s AND "
-             "preference = 'required_score' ORDER BY prefid",
-             id);
-    if ((res = spam_query(conn, query)) == nullptr)
+    if ((res = spam_query(conn, "SELECT value FROM spamfilter_preferences WHERE spamfilter_id = %s AND "
+                                "preference = 'required_score' ORDER BY prefid", id)) == nullptr)
         return settings_failed(name, conn);
     if ((row = mysql_fetch_row(res)) != nullptr && row[0] != nullptr && row[0][0] != '\0') {
         if (const char *why = value_rule(res, row, 0)) {
@@ -155,16 +142,12 @@ static int add_sensitivity(ArgVec *vec, MYSQL *conn, const char *name, const cha
  * none, with a warning, when it breaks the line rule */
 static int add_header_rewrite(ArgVec *vec, MYSQL *conn, const char *name, const char *id)
 {
-    char query[SPAM_BUF_SIZE];
     MYSQL_RES *res;
     MYSQL_ROW row;
 
-    snprintf(query, sizeof query,
-             "SELECT TRIM(TRIM(LEADING 'subject' FROM value)) FROM spamfilter_preferences WHERE "
-             "spamfilter_id = %s AND preference = 'rewrite_header' AND value LIKE 'subject%%' "
-             "ORDER BY prefid",
-             id);
-    if ((res = spam_query(conn, query)) == nullptr)
+    if ((res = spam_query(conn, "SELECT TRIM(TRIM(LEADING 'subject' FROM value)) FROM "
+                                "spamfilter_preferences WHERE spamfilter_id = %s AND preference = "
+                                "'rewrite_header' AND value LIKE 'subject%%' ORDER BY prefid", id)) == nullptr)
         return settings_failed(name, conn);
     if ((row = mysql_fetch_row(res)) != nullptr) {
         const char *why = row[0] != nullptr ? value_rule(res, row, 0) : nullptr;
@@ -237,17 +220,14 @@ static int add_list_pair(ArgVec *vec, const char *option, const char *value)
 static int add_lists_and_run(const Effects *fx, ArgVec *vec, MYSQL *conn, const char *name, const char *id,
                              int32_t prefix_count, size_t prefix_used)
 {
-    char query[SPAM_BUF_SIZE];
     MYSQL_RES *res;
     MYSQL_ROW row;
     int result = 0;
 
-    snprintf(query, sizeof query,
-             "SELECT TRIM(TRAILING '_from' FROM preference), value FROM spamfilter_preferences "
-             "WHERE spamfilter_id = %s AND preference IN ('blacklist_from', 'whitelist_from', "
-             "'unblacklist_from', 'unwhitelist_from') ORDER BY prefid",
-             id);
-    if ((res = spam_query(conn, query)) == nullptr)
+    if ((res = spam_query(conn, "SELECT TRIM(TRAILING '_from' FROM preference), value FROM "
+                                "spamfilter_preferences WHERE spamfilter_id = %s AND preference IN "
+                                "('blacklist_from', 'whitelist_from', 'unblacklist_from', "
+                                "'unwhitelist_from') ORDER BY prefid", id)) == nullptr)
         return settings_failed(name, conn);
 
     while (result == 0 && (row = mysql_fetch_row(res)) != nullptr) {
@@ -276,7 +256,6 @@ static int add_lists_and_run(const Effects *fx, ArgVec *vec, MYSQL *conn, const 
 /* apply_record - apply one record on an open connection */
 static int apply_record(const Effects *fx, ArgVec *vec, const char *name, MYSQL *conn, int server_wide)
 {
-    char query[SPAM_BUF_SIZE];
     char id[SPAM_BUF_SIZE];
     char action[SPAM_BUF_SIZE];
     MYSQL_RES *res;
@@ -294,11 +273,8 @@ static int apply_record(const Effects *fx, ArgVec *vec, const char *name, MYSQL 
     prefix_used = vec->used;
 
     escaped = db_escape(conn, name);
-    snprintf(query, sizeof query,
-             "SELECT id, IF(reject_spam = 'true', 'delete', 'save') FROM spamfilter WHERE "
-             "username = '%s'",
-             escaped);
-    if ((res = spam_query(conn, query)) == nullptr) {
+    if ((res = spam_query(conn, "SELECT id, IF(reject_spam = 'true', 'delete', 'save') FROM spamfilter "
+                                "WHERE username = '%s'", escaped)) == nullptr) {
         free(escaped);
         return settings_failed(name, conn);
     }
@@ -329,7 +305,6 @@ int apply_spam_settings(const Effects *fx, const char *name, MYSQL *conn)
     ArgVec vec;
     char path[SPAM_BUF_SIZE];
     struct stat st;
-    MYSQL *own = nullptr;
     int result;
 
     argv_init(&vec);
@@ -345,17 +320,11 @@ int apply_spam_settings(const Effects *fx, const char *name, MYSQL *conn)
         report_plain(0, "empty full mailname");
         return -1;
     }
-    if (conn == nullptr) {
-        own = panel_db_open();
-        if (own == nullptr) {
-            report_plain(0, "Unable to connect to mysql database\n");
-            return -1;
-        }
-        conn = own;
-    }
-    result = apply_record(fx, &vec, name, conn, strncmp(name, "*@*", 3) == 0);
-    if (own != nullptr)
-        mysql_close(own);
+    MYSQL *c = db_open_own(conn, "Unable to connect to mysql database\n");
+    if (c == nullptr)
+        return -1;
+    result = apply_record(fx, &vec, name, c, strncmp(name, "*@*", 3) == 0);
+    db_close_own(c, conn);
     return result;
 }
 
@@ -396,7 +365,7 @@ static int mailbox_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *domain)
 
 void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *domains, size_t count)
 {
-    char query[SPAM_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
+    char shown[VALUE_PRINTABLE_SIZE];
     MYSQL_RES *mailboxes;
     MYSQL_ROW box;
 
@@ -404,19 +373,16 @@ void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *
     /* The name goes into every full mail name: a row the rebuild skips is
      * skipped here too, each named before the first mailbox is applied. */
     for (size_t k = 0; k < count; k++) {
-        if (domains[k].rule != nullptr) {
+        if (domains[k].rule != nullptr)
             report_plain(0, "Skipping spam filter settings of domain '%s': %s",
                    value_printable(domains[k].name, shown, sizeof shown), domains[k].rule);
-        }
     }
     for (size_t k = 0; k < count; k++) {
         const MailDomainRow *d = &domains[k];
         if (d->rule != nullptr)
             continue;
-        snprintf(query, sizeof query, "SELECT mail_name FROM mail WHERE dom_id=%s", d->id);
-        if ((mailboxes = spam_query(conn, query)) == nullptr) {
+        if ((mailboxes = spam_query(conn, "SELECT mail_name FROM mail WHERE dom_id=%s", d->id)) == nullptr)
             report_plain(1, "Unable to query mailnames: %s", mysql_error(conn));
-        }
         while ((box = mysql_fetch_row(mailboxes)) != nullptr)
             if (mailbox_row_usable(mailboxes, box, d->name))
                 apply_mailbox_spam_settings(fx, box[0], d->name, conn);

@@ -7,8 +7,7 @@
  * applies one record by its full mail name ("*@*" for the server-wide one);
  * the other two are its entry points for the server and for one mailbox.
  */
-#ifndef REBOX_FILTERS_SPAM_H
-#define REBOX_FILTERS_SPAM_H
+#pragma once
 
 #include "fs/effect.h"
 #include "mailconf/qmail_common.h"
@@ -21,5 +20,3 @@ void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *
 int apply_server_spam_settings(const Effects *fx, MYSQL *conn);
 int apply_mailbox_spam_settings(const Effects *fx, const char *local_part, const char *domain, MYSQL *conn);
 int apply_spam_settings(const Effects *fx, const char *name, MYSQL *conn);
-
-#endif

@@ -13,8 +13,7 @@
  * A PathAt marked absent holds nothing: every lookup in it answers ENOENT
  * without being made.
  */
-#ifndef REBOX_FS_AT_NAME_H
-#define REBOX_FS_AT_NAME_H
+#pragma once
 
 #include "fs/path_at.h"
 
@@ -53,5 +52,3 @@ int at_dir(PathAt *at, mode_t mode, int *made);
 
 /* at_stat - fstatat of the last name, links not followed when guarded */
 int at_stat(PathAt *at, struct stat *st);
-
-#endif

@@ -1,16 +1,11 @@
 /* effect - the one door through which a run changes the system.
  *
- * Every change a run may make goes through a table of effects: a directory
- * opened or made, an owner and mode set, a foreign object set aside, a file
- * replaced (written beside itself, then renamed), a file edited in place,
- * an object the panel no longer has removed or moved to a deferred name,
- * an empty directory the run made taken back, a leftover temporary file
- * dropped, a named lock taken, processes signalled by name and a sibling
- * utility run.  The command chooses the table and hands it down: the pass
- * and the writers carry it in the state they are given (a domain's
- * MailDomain), the file layer in every PathAt it opens, so no layer below
- * the command can reach a change except through the table it was handed,
- * and none learns which table that is.  The command's apply table makes
+ * Every change a run may make goes through a table of effects, one slot
+ * for each kind of change.  The command chooses the table and hands it
+ * down: the pass and the writers carry it in the state they are given (a
+ * domain's MailDomain), the file layer in every PathAt it opens, so no
+ * layer below the command can reach a change except through the table it
+ * was handed, and none learns which table that is.  The command's apply table makes
  * the changes; its check table compares and reports them and writes
  * nothing, undo paths included.
  *
@@ -23,8 +18,7 @@
  * A change that fails tells the step it failed at as a FileStep, for the
  * caller to choose its message.
  */
-#ifndef REBOX_FS_EFFECT_H
-#define REBOX_FS_EFFECT_H
+#pragma once
 
 #include <stddef.h>
 #include <sys/types.h>
@@ -76,5 +70,3 @@ struct Effects {
     /* every directory or link in dir the panel does not have is surplus */
     void (*dir_done)(const char *dir);
 };
-
-#endif

@@ -1,10 +1,5 @@
-/* file_lock - named advisory locks on lock files under the product root.
- *
- * Offers a writer's and a reader's waiting lock, the held test,
- * file_unlock(), and md5_hex() which names the lock files (what a run
- * takes through its effects); the non-waiting lock, the busy test and the
- * lock path of a data file serve the panel's other utilities.
- */
+/* file_lock - named advisory locks on lock files under the product root
+ * (see file_lock.h). */
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "fs/file_lock.h"
 
@@ -24,17 +19,8 @@
 static const size_t MD5_TEXT_SIZE = 4096;
 static const mode_t LOCK_FILE_MODE = 0644;
 
-/* Result buffer of md5_hex() and md5_hex_digest(). */
+/* Result buffer of md5_hex(). */
 static char md5_hex_buf[2 * MD5_DIGEST_LENGTH + 1];
-
-/* md5_hex_digest - a digest in lower-case hexadecimal, in the result
- * buffer */
-static const char *md5_hex_digest(const unsigned char *digest)
-{
-    for (int i = 0; i < MD5_DIGEST_LENGTH; i++)
-        snprintf(md5_hex_buf + 2 * i, 3, "%02x", digest[i]);
-    return md5_hex_buf;
-}
 
 const char *md5_hex(const char *prefix, const char *text)
 {
@@ -43,7 +29,9 @@ const char *md5_hex(const char *prefix, const char *text)
 
     snprintf(joined, sizeof(joined), "%s%s", prefix, text);
     MD5(reinterpret_cast<const unsigned char *>(joined), strlen(joined), digest);
-    return md5_hex_digest(digest);
+    for (int i = 0; i < MD5_DIGEST_LENGTH; i++)
+        snprintf(md5_hex_buf + 2 * i, 3, "%02x", digest[i]);
+    return md5_hex_buf;
 }
 
 /* product_root - PRODUCT_ROOT_D, from the loaded configuration when it

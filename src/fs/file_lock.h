@@ -3,16 +3,11 @@
  * A data file is never locked itself: its lock is an exclusive flock on a
  * separate, always empty lock file.  With the hashed-name flag set the lock
  * file is PRODUCT_ROOT_D/var/lock/files/<md5 of the path as spelled>, so
- * every program that derives the name the same way shares the lock.
- * Offers the FileLock handle, taking a lock (a writer's or a reader's,
- * waited for; a writer's not waited for), testing it (held, busy),
- * releasing it, the lock file path of a data file, and the hex MD5 the
- * lock files are named by.  A run takes its locks through its effects; the
- * non-waiting lock, the busy test and the lock path are library members
- * the panel's other utilities use.
+ * every program that derives the name the same way shares the lock.  A run
+ * takes its locks through its effects; the non-waiting lock, the busy test
+ * and the lock path serve the panel's other utilities.
  */
-#ifndef REBOX_FS_FILE_LOCK_H
-#define REBOX_FS_FILE_LOCK_H
+#pragma once
 
 /* FileLock - a lock handle.  fd > 0: held; 0: busy (held elsewhere, seen
  * by a non-waiting attempt); < 0: the lock file could not be opened or
@@ -42,5 +37,3 @@ int file_unlock(FileLock *lock);
  * was not obtained */
 int file_lock_dispose(FileLock *lock);
 const char *md5_hex(const char *prefix, const char *text);
-
-#endif

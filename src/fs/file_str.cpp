@@ -1,9 +1,7 @@
-/* file_str - locked editing of shared line-oriented files.
+/* file_str - locked editing of shared line-oriented files (see file_str.h).
  *
- * Offers file_str() and file_str_list(), file_put() and file_owner_mode().
  * The named lock is held from before the file is examined until its owner
- * and mode are back; the edit itself goes to the effects (edit), or, for a
- * file held in memory (held_file), to that copy.
+ * and mode are back.
  */
 #include "fs/file_str.h"
 

@@ -6,8 +6,7 @@
  * the file's owner, group and mode put back afterwards).  The editing rules
  * themselves live in line_edit.  Results: 0 on success, 1 on failure.
  */
-#ifndef REBOX_FS_FILE_STR_H
-#define REBOX_FS_FILE_STR_H
+#pragma once
 
 #include "fs/effect.h"
 #include "fs/line_edit.h"
@@ -43,5 +42,3 @@ int file_put(const Effects *fx, const char *path, const char *text, uid_t uid, g
  * any other at once, through path_owner_mode.  0, or -1 with errno and
  * *step STEP_CHOWN or STEP_CHMOD */
 int file_owner_mode(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, FileStep *step);
-
-#endif

@@ -42,9 +42,7 @@ static int put_empty(const Effects *fx, const char *path, int keep)
     int rc = found && keep ? 0
                            : replace_file_at(&at, "", 0, found ? st.st_uid : geteuid(), found ? st.st_gid : getegid(),
                                              found ? st.st_mode & 07777 : CREATE_MODE, 0, &step);
-    int err = errno;
     path_at_close(&at);
-    errno = err;
     return rc < 0 ? -1 : 0;
 }
 
@@ -179,9 +177,7 @@ static int make_level(const Effects *fx, const char *path, uid_t uid, gid_t gid,
 
     if (path_at(fx, path, &at) == 0) {
         fd = at_dir(&at, mode, &made);
-        int err = errno;
         path_at_close(&at);
-        errno = err;
     }
     if (fd < 0)
         report(1, "Cannot create directory %s: %s", path, strerror(errno));

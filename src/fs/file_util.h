@@ -1,10 +1,5 @@
 /* file_util - small file and directory operations of the panel's library.
  *
- * Creating or emptying a file, making a directory (with its parents) with
- * an owner and mode, setting owner and mode, renaming a directory without
- * overwriting, copying a file under the destination's named lock or in one
- * step through a temporary file, reading a file's first line, picking the
- * first existing path, a reporting fclose and the password policy check.
  * The restore command uses set_owner_mode, copy_file_locked (both on the
  * antivirus file) and rename_dir (deferred removal); the others serve the
  * panel's other utilities.  Those that change anything take the table of
@@ -12,8 +7,7 @@
  * path_at, so no link is followed below a domain directory.  Results are
  * 0 for success and -1 for failure unless told otherwise.
  */
-#ifndef REBOX_FS_FILE_UTIL_H
-#define REBOX_FS_FILE_UTIL_H
+#pragma once
 
 #include "fs/effect.h"
 
@@ -56,5 +50,3 @@ int fclose_report(FILE *stream);
 /* password_policy_check - 0 when text is 5 to 16 ASCII bytes and does not
  * contain word, else -1 */
 int password_policy_check(const char *word, const char *text);
-
-#endif

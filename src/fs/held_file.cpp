@@ -19,7 +19,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -273,11 +272,8 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
             errno = err;
             rc = -1;
         }
-        if (rc <= 0) {
-            int err = errno;
+        if (rc <= 0)
             path_at_close(at);
-            errno = err;
-        }
     }
     text_buf_free(&text);
     if (rc < 0)

@@ -28,8 +28,7 @@
  * replaced.  A rerun that finds such files as they should be takes no lock
  * and writes nothing for them.
  */
-#ifndef REBOX_FS_HELD_FILE_H
-#define REBOX_FS_HELD_FILE_H
+#pragma once
 
 #include "fs/effect.h"
 
@@ -53,5 +52,3 @@ int held_file_release(const char *path);
 /* held_file_drop - forget one held file without writing it; 0, or 1 when
  * its lock could not be released */
 int held_file_drop(const char *path);
-
-#endif

@@ -13,8 +13,7 @@
  * longer than that is matched piece by piece.  A piece's content is the
  * piece less its trailing newline.
  */
-#ifndef REBOX_FS_LINE_EDIT_H
-#define REBOX_FS_LINE_EDIT_H
+#pragma once
 
 #include <stddef.h>
 
@@ -72,5 +71,3 @@ int line_store_text(const LineStore *store, TextBuf *out);
  * leaves them; as line_store_apply, the pieces removed or -1 */
 int line_edit_apply(const char *in, size_t in_len, const char *const *entries,
                     int operation, int mode, TextBuf *out);
-
-#endif

@@ -265,9 +265,12 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
 
 void path_at_close(PathAt *at)
 {
+    int err = errno;
+
     if (at->dir >= 0 && at->owned)
         close(at->dir);
     at->dir = -1;
+    errno = err;
 }
 
 void at_child(const Effects *fx, PathAt *at, int dir_fd, const char *name, const char *path)

@@ -20,12 +20,9 @@
  * descriptor is one that absent_dir_fd() made.  What is done with the last
  * name is in fs/at_name; the wrappers over single paths in fs/path_ops.
  */
-#ifndef REBOX_FS_PATH_AT_H
-#define REBOX_FS_PATH_AT_H
+#pragma once
 
 #include "fs/effect.h"
-
-#include <sys/types.h>
 
 /* PathAt - the opened directory of a path and the path's last name,
  * with the table of effects every change made through it goes to */
@@ -43,6 +40,7 @@ struct PathAt {
 /* path_at - open the directory holding path's last name, for changes
  * through fx; 0, or -1 with errno set and nothing open */
 int path_at(const Effects *fx, const char *path, PathAt *at);
+/* path_at_close - close what path_at opened; errno is left as it was */
 void path_at_close(PathAt *at);
 /* path_at_forget - drop the directories path_at keeps open between calls
  * (after a domain directory was renamed) */
@@ -65,5 +63,3 @@ int absent_dir_fd(void);
 /* is_absent_dir - 1 when fd was made by absent_dir_fd (or is a copy of
  * one), else 0 */
 int is_absent_dir(int fd);
-
-#endif

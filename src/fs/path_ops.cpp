@@ -16,9 +16,7 @@ int path_open(const Effects *fx, const char *path, int flags, mode_t mode)
     if (path_at(fx, path, &at) != 0)
         return -1;
     int fd = at_open(&at, flags, mode);
-    int err = errno;
     path_at_close(&at);
-    errno = err;
     return fd;
 }
 
@@ -29,14 +27,13 @@ DIR *path_opendir(const Effects *fx, const char *path)
     if (path_at(fx, path, &at) != 0)
         return nullptr;
     int fd = at_open_dir(&at);
-    int err = errno;
     path_at_close(&at);
     DIR *d = fd < 0 ? nullptr : fdopendir(fd);
     if (d == nullptr && fd >= 0) {
-        err = errno;
+        int err = errno;
         close(fd);
+        errno = err;
     }
-    errno = err;
     return d;
 }
 
@@ -47,9 +44,7 @@ int path_stat(const Effects *fx, const char *path, struct stat *st)
     if (path_at(fx, path, &at) != 0)
         return -1;
     int rc = at_stat(&at, st);
-    int err = errno;
     path_at_close(&at);
-    errno = err;
     return rc;
 }
 
@@ -60,9 +55,7 @@ int path_rmdir(const Effects *fx, const char *path)
     if (path_at(fx, path, &at) != 0)
         return -1;
     int rc = fx->remove_dir(at.dir, at.name);
-    int err = errno;
     path_at_close(&at);
-    errno = err;
     return rc;
 }
 
@@ -125,9 +118,7 @@ int make_dir_noting(const Effects *fx, const char *path, uid_t uid, gid_t gid, m
     *made = 0;
     if (path_at(fx, path, &at) == 0) {
         fd = at_dir(&at, mode, made);
-        int err = errno;
         path_at_close(&at);
-        errno = err;
     }
     if (fd < 0) {
         if (errno != ENOLINK)

@@ -1,11 +1,8 @@
 /* path_ops - single operations on a path of the mail tree, each reached as
  * fs/path_at reaches it (no link followed below a domain directory) and
- * each change made through the effects it is handed: open, open a
- * directory, stat, remove an empty directory, give owner and mode, make a
- * directory with its owner and mode.
+ * each change made through the effects it is handed.
  */
-#ifndef REBOX_FS_PATH_OPS_H
-#define REBOX_FS_PATH_OPS_H
+#pragma once
 
 #include "fs/at_name.h"
 
@@ -49,5 +46,3 @@ const char *step_word(FileStep step);
  * failed); a trusted link that cannot be opened fails with ENOLINK and no
  * message, for the caller to tell */
 int make_dir_noting(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, int *made);
-
-#endif

@@ -14,8 +14,6 @@
 #include <string>
 #include <vector>
 
-/* random_letters - n letters and digits from the kernel's random source
- * into buf; 0, or -1 */
 int random_letters(char *buf, int n)
 {
     static const char letters[] =
@@ -103,11 +101,6 @@ int remove_tree_at(int parent, const char *name)
     if (!S_ISDIR(st.st_mode))
         return unlinkat(parent, name, 0) == 0 || errno == ENOENT ? 0 : -1;
 
-    /* The descent holds one directory open at a time and climbs back
-     * through "..", checked against the device and inode it came down
-     * through: a tree any number of levels deep costs a few descriptors
-     * and no stack, and a directory moved elsewhere meanwhile stops the
-     * removal instead of leading it out of the tree. */
     int cur = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (cur < 0 || fstat(cur, &st) != 0)
         goto failed;

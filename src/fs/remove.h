@@ -10,8 +10,7 @@
  * object, in one step, to a new name of its own in the same directory.
  * random_letters() gives the letters such names are made of.
  */
-#ifndef REBOX_FS_REMOVE_H
-#define REBOX_FS_REMOVE_H
+#pragma once
 
 /* remove_tree_at - delete name in the open directory dir and everything
  * below it; 0, or -1 with errno.  A missing name counts as removed. */
@@ -26,5 +25,3 @@ int rename_aside_at(int dir, const char *name, char *aside);
 /* random_letters - n (at most 16) letters and digits from the kernel's
  * random source into buf; 0, or -1 */
 int random_letters(char *buf, int n);
-
-#endif

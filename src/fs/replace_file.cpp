@@ -4,15 +4,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 static const size_t PATH_BUF_SIZE = 4096;
 
-/* same_bytes - 1 when the open file fd holds exactly len bytes equal to
- * text (its size is already known to be len) */
 int same_bytes(int fd, const char *text, size_t len)
 {
     char chunk[4096];

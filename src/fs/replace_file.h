@@ -12,8 +12,7 @@
  * The writing and the rename are the effects' (replace_prepare,
  * replace_commit): a run that only reports compares instead.
  */
-#ifndef REBOX_FS_REPLACE_FILE_H
-#define REBOX_FS_REPLACE_FILE_H
+#pragma once
 
 #include "fs/path_at.h"
 
@@ -52,5 +51,3 @@ int file_matches(const Effects *fx, const char *path, const char *text, size_t l
 /* same_bytes - 1 when the open file fd, already known to be len bytes
  * long, holds exactly text */
 int same_bytes(int fd, const char *text, size_t len);
-
-#endif

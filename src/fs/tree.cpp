@@ -60,15 +60,11 @@ void deferred_remove(const Effects *fx, const char *dir)
     struct stat st;
 
     deferred_bases(bases);
-    for (int i = 0; bases[i] != nullptr; i++) {
-        if (is_subdir(dir, bases[i]) == 1) {
+    for (int i = 0; base == nullptr && bases[i] != nullptr; i++)
+        if (is_subdir(dir, bases[i]) == 1)
             base = bases[i];
-            break;
-        }
-    }
-    if (base == nullptr) {
+    if (base == nullptr)
         report_plain(1, "deferred_remove(): not supported directory for deferred remove: %s\n", dir);
-    }
     if (stat(dir, &st) != 0)
         report(1, "deferred_remove(): can't stat directory, skip it.\n");
     errno = 0; /* a name cut by the buffer is no system error */

@@ -1,22 +1,15 @@
 /* tree - whole directory trees: removal by path, at once or deferred,
  * owner and mode walks, renaming of files by name, and path helpers.
  *
- * remove_tree() removes a file, or a directory with everything in it,
- * reached through the mail tree's door (fs/path_at) and removed through
- * the effects it was handed, never following a link.  When the /dev/hdv1
- * marker is present (hdv1_marker_present), a domain directory is not
- * removed at once: deferred_remove() moves it, in one step, to a
- * "__deleted" name in its base directory (HTTPD_VHOSTS_D or
- * QMAIL_MAILNAMES_D), for the purge of proc/purge to delete later;
- * is_subdir() tells which base a directory lies in.  The restore command
- * uses those.  chmod_tree(), chown_tree(), chown_chmod_tree(),
- * rename_in_tree(), real_path() and is_empty_string() serve the panel's
- * other utilities; the walks change through the effects, never follow a
- * link, leave links and special files alone and end the process on any
- * failure.
+ * Trees are reached through the mail tree's door (fs/path_at) and changed
+ * through the effects they were handed, never following a link.  When the
+ * /dev/hdv1 marker is present, a domain directory is not removed at once
+ * but moved, in one step, to a "__deleted" name in its base directory for
+ * the purge of proc/purge to delete later.  The restore command uses the
+ * removals; the walks and path helpers serve the panel's other utilities,
+ * leave links and special files alone and end the process on any failure.
  */
-#ifndef REBOX_FS_TREE_H
-#define REBOX_FS_TREE_H
+#pragma once
 
 #include "fs/effect.h"
 
@@ -66,5 +59,3 @@ int is_subdir(const char *path, const char *base);
 /* hdv1_marker_present - 1 when /dev/hdv1 is an empty regular file (asked
  * once per process), else 0 */
 int hdv1_marker_present(void);
-
-#endif

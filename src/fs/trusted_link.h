@@ -10,8 +10,7 @@
  * text, a link or another user's directory on the way, a disk not mounted)
  * fails with ENOLINK, and trusted_link_error() tells why.
  */
-#ifndef REBOX_FS_TRUSTED_LINK_H
-#define REBOX_FS_TRUSTED_LINK_H
+#pragma once
 
 /* trusted_link_at - 1 when name in the open directory dir is a link that
  * root owns, else 0 */
@@ -26,5 +25,3 @@ int trusted_link_open(int dir, const char *name);
  * absolute or holds "..", EPERM for a directory on the way that another
  * user may change */
 int trusted_link_error(void);
-
-#endif

@@ -15,12 +15,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 /* The invalid-name message of every writer here but add_mail_alias. */
 static const char BAD_NAMES[] = "empty mailname or maildomain";
-
 
 /* put_qmail_line - make line the last line of the delivery file, once;
  * the result of the append (0 or 1) */
@@ -85,9 +82,8 @@ int add_forward_address(const MailDomain *d, const char *mail_name, const char *
     mail_path(path, d->ascii, mail_name, DELIVERY_FILE);
 
     char *converted = idn_email_toascii(address);
-    if (converted == nullptr) {
+    if (converted == nullptr)
         report_plain(1, "idn_email_toascii() failed: %s", idn_error_text(idn_last_error));
-    }
     /* An address that would make the line a program, a file, a special
      * instruction or no address at all is refused with the message of an
      * address that does not convert, naming the rule it breaks. */
@@ -119,9 +115,8 @@ int add_mail_alias(const MailDomain *d, const char *mail_name, const char *alias
 {
     char record[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
 
-    if (!mail_name_valid(mail_name) || !mail_name_valid(alias)) {
+    if (!mail_name_valid(mail_name) || !mail_name_valid(alias))
         report_plain(1, "empty mailname, maildomainor or mailalias");
-    }
     char home[QMAIL_BUF_SIZE];
     snprintf(record, sizeof(record), "=%s-%s:popuser:%d:%d:%s:::", d->id, alias, static_cast<int>(d->uid),
              static_cast<int>(d->gid), mail_path(home, d->ascii, mail_name, nullptr));

@@ -5,8 +5,7 @@
  * "&address" for each forward, "|autoresponder"; and, in users/assign, an
  * exact-match record for each alias name of the mailbox.
  */
-#ifndef REBOX_MAILCONF_DELIVERY_H
-#define REBOX_MAILCONF_DELIVERY_H
+#pragma once
 
 #include "mailconf/qmail_common.h"
 
@@ -17,5 +16,3 @@ int remove_postbox(const MailDomain *d, const char *mail_name);
 int add_forward_address(const MailDomain *d, const char *mail_name, const char *address);
 int add_autoresponder(const MailDomain *d, const char *mail_name);
 int add_mail_alias(const MailDomain *d, const char *mail_name, const char *alias);
-
-#endif

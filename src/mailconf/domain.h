@@ -12,8 +12,7 @@
  * opened safely is left as it is with one warning: the records are
  * written and add_mail_domain() answers 1.
  */
-#ifndef REBOX_MAILCONF_DOMAIN_H
-#define REBOX_MAILCONF_DOMAIN_H
+#pragma once
 
 #include "mailconf/qmail_common.h"
 
@@ -21,5 +20,3 @@
 int add_mail_domain(const MailDomain *d, int disabled);
 int add_enabled_mail_domain(const MailDomain *d);
 int remove_mail_domain(const MailDomain *d);
-
-#endif

@@ -4,8 +4,7 @@
  * control/rcpthosts and a line in control/virtualdomains that maps it to
  * the main domain's prefix (the main domain's database identifier).
  */
-#ifndef REBOX_MAILCONF_DOMAIN_ALIAS_H
-#define REBOX_MAILCONF_DOMAIN_ALIAS_H
+#pragma once
 
 #include "mailconf/qmail_common.h"
 
@@ -13,5 +12,3 @@
 int add_domain_alias(const MailDomain *d, const char *alias);
 int remove_domain_alias(const MailDomain *d, const char *alias);
 int rename_domain_alias(const MailDomain *d, const char *old_alias, const char *new_alias);
-
-#endif

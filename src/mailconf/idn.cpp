@@ -11,10 +11,8 @@
 
 #include "runtime/report.h"
 
-#include <errno.h>
 #include <idna.h>
 #include <regex.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -50,34 +48,30 @@ struct free_deleter {
     void operator()(char *p) const { free(p); }
 };
 
+/* The texts of the library's result codes. */
+static const struct {
+    int code;
+    const char *text;
+} IDN_ERRORS[] = {
+    {IDNA_SUCCESS, "Success"},
+    {IDNA_STRINGPREP_ERROR, "Stringprep error"},
+    {IDNA_PUNYCODE_ERROR, "Punycode error"},
+    {IDNA_CONTAINS_NON_LDH, "Contains non-LDH characters"},
+    {IDNA_CONTAINS_MINUS, "Contains minus"},
+    {IDNA_INVALID_LENGTH, "Invalid length"},
+    {IDNA_NO_ACE_PREFIX, "ACE prefix not found"},
+    {IDNA_ROUNDTRIP_VERIFY_ERROR, "Verify error"},
+    {IDNA_CONTAINS_ACE_PREFIX, "ACE prefix found"},
+    {IDNA_ICONV_ERROR, "Iconv error"},
+    {IDNA_MALLOC_ERROR, "Cannot allocate buffer"},
+};
+
 const char *idn_error_text(int code)
 {
-    switch (code) {
-    case IDNA_SUCCESS:
-        return "Success";
-    case IDNA_STRINGPREP_ERROR:
-        return "Stringprep error";
-    case IDNA_PUNYCODE_ERROR:
-        return "Punycode error";
-    case IDNA_CONTAINS_NON_LDH:
-        return "Contains non-LDH characters";
-    case IDNA_CONTAINS_MINUS:
-        return "Contains minus";
-    case IDNA_INVALID_LENGTH:
-        return "Invalid length";
-    case IDNA_NO_ACE_PREFIX:
-        return "ACE prefix not found";
-    case IDNA_ROUNDTRIP_VERIFY_ERROR:
-        return "Verify error";
-    case IDNA_CONTAINS_ACE_PREFIX:
-        return "ACE prefix found";
-    case IDNA_ICONV_ERROR:
-        return "Iconv error";
-    case IDNA_MALLOC_ERROR:
-        return "Cannot allocate buffer";
-    default:
-        return "Unknown error";
-    }
+    for (const auto &e : IDN_ERRORS)
+        if (e.code == code)
+            return e.text;
+    return "Unknown error";
 }
 
 /* to_ascii - one ToASCII conversion; null with the code kept on failure */
@@ -104,10 +98,9 @@ char *idn_toascii_safe(const char *name)
 {
     char *out = to_ascii(name);
 
-    if (out == nullptr) {
+    if (out == nullptr)
         report_plain(1, "%s(%s) failed: %s", "idn_toascii_safe", name,
                      idn_error_text(idn_last_error));
-    }
     return out;
 }
 
@@ -129,10 +122,9 @@ char *idn_toutf8_safe(const char *name)
 {
     char *out = idn_toutf8(name);
 
-    if (out == nullptr) {
+    if (out == nullptr)
         report_plain(1, "%s(%s) failed: %s", "idn_toutf8_safe", name,
                      idn_error_text(idn_last_error));
-    }
     return out;
 }
 
@@ -157,10 +149,9 @@ char *idn_email_toascii_safe(const char *address)
 {
     char *out = idn_email_toascii(address);
 
-    if (out == nullptr) {
+    if (out == nullptr)
         report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe", address,
                      idn_error_text(idn_last_error));
-    }
     return out;
 }
 
@@ -214,14 +205,9 @@ const char *idn_url_toascii(const char *url)
     memcpy(result, url + m[3].rm_so, host_len);
     result[host_len] = '\0';
 
-    char *ascii = nullptr;
-    rc = idna_to_ascii_8z(result, &ascii, 0);
-    if (rc == IDNA_MALLOC_ERROR)
-        report(1, "Allocation failed");
-    if (rc != IDNA_SUCCESS) {
-        idn_last_error = rc;
-        free(ascii);
-        report_plain(0, "idn_toascii() failed: %s", idn_error_text(rc));
+    char *ascii = to_ascii(result);
+    if (ascii == nullptr) {
+        report_plain(0, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
         return nullptr;
     }
 

@@ -9,8 +9,7 @@
  * The char * results are the caller's to free(); idn_url_toascii returns a
  * static buffer overwritten by the next call.
  */
-#ifndef REBOX_MAILCONF_IDN_H
-#define REBOX_MAILCONF_IDN_H
+#pragma once
 
 #include <string>
 
@@ -36,5 +35,3 @@ std::string idn_toutf8_string(const char *name);
 
 std::string shell_escape(const std::string &text);
 void shell_check_plain(const std::string &text);
-
-#endif

@@ -117,9 +117,8 @@ static void start_qmail(const Effects *fx, int home_fd, const char *home, const 
     PathAt at;
 
     /* A path cut by the buffer would name another file's lock. */
-    if (snprintf(path, sizeof(path), "%s/.qmail", home) >= static_cast<int>(sizeof(path))) {
+    if (snprintf(path, sizeof(path), "%s/.qmail", home) >= static_cast<int>(sizeof(path)))
         report_plain(1, "Unable to add string to .qmail file\n");
-    }
     if (held_file_reset(path, "") == 0) {
         held_file_owner(path, ids.uid, ids.gid, 0600);
     } else {
@@ -127,16 +126,8 @@ static void start_qmail(const Effects *fx, int home_fd, const char *home, const 
         FileStep step;
         at_child(fx, &at, home_fd, ".qmail", path);
         if (replace_file_at(&at, "", 0, ids.uid, ids.gid, 0600, 0, &step) < 0) {
-            switch (step) {
-            case STEP_CHOWN:
-                report(1, "Unable to chown .qmail file: %s", strerror(errno));
-                break;
-            case STEP_CHMOD:
-                report(1, "Unable to chmod .qmail file: %s", strerror(errno));
-                break;
-            default:
-                break;
-            }
+            if (step == STEP_CHOWN || step == STEP_CHMOD)
+                report(1, "Unable to %s .qmail file: %s", step_word(step), strerror(errno));
             report(0, "Unable to truncate or create file %s: %s", path, strerror(errno));
             report(1, "Unable to create %s file\n", ".qmail");
         }
@@ -177,9 +168,7 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
         /* The domain directory, for taking back a home made here. */
         domain_fd = dup(at.dir);
         home_fd = make_owned_dir(&at, domain_fd, mail_name, ids, &what, &made);
-        int err = errno;
         path_at_close(&at);
-        errno = err;
     }
     if (home_fd < 0) {
         if (at_in_the_way(errno)) {
@@ -237,9 +226,8 @@ int remove_mailbox(const MailDomain *d, const char *mail_name)
     char home[QMAIL_BUF_SIZE];
     PopuserIds ids = {d->uid, d->gid};
 
-    if (!mail_name_valid(mail_name)) {
+    if (!mail_name_valid(mail_name))
         report_plain(1, "empty mailname or maildomain");
-    }
     format_mailbox_record(record, d->id, mail_name, &ids, d->ascii);
     qmail_file_path(path, sizeof(path), QMAIL_ASSIGN_FILE);
     if (file_str(d->fx, path, record, FILE_STR_REMOVE, 1) != 0)

@@ -14,8 +14,7 @@
  * one warning and add_mailbox() answers 1: its records are written, its
  * files on disk are not.
  */
-#ifndef REBOX_MAILCONF_MAILBOX_H
-#define REBOX_MAILCONF_MAILBOX_H
+#pragma once
 
 #include "mailconf/qmail_common.h"
 
@@ -23,5 +22,3 @@
  * skipped (warned) */
 int add_mailbox(const MailDomain *d, const char *mail_name);
 int remove_mailbox(const MailDomain *d, const char *mail_name);
-
-#endif

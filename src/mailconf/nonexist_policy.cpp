@@ -14,8 +14,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -83,16 +81,9 @@ static void put_default(const MailDomain *d, const char *line)
             report_plain(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
             return;
         }
-        switch (step) {
-        case STEP_CHOWN:
-            report(1, "add_bounce: chown %s failed: %s", path, strerror(errno));
-            break;
-        case STEP_CHMOD:
-            report(1, "add_bounce: chmod %s failed: %s\n", path, strerror(errno));
-            break;
-        default:
-            break;
-        }
+        if (step == STEP_CHOWN || step == STEP_CHMOD)
+            report(1, step == STEP_CHOWN ? "add_bounce: chown %s failed: %s" : "add_bounce: chmod %s failed: %s\n",
+                   path, strerror(errno));
         report(1, "add_bounce: Unable to add record to %s file.", path);
     }
 }
@@ -157,10 +148,9 @@ int restore_nonexist_policy(const MailDomain *d, const NonexistPolicy *p)
     char line[QMAIL_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
 
     if (strcmp(p->choice, "catch") == 0) {
-        if (const char *why = catch_line(p->value, line)) {
+        if (const char *why = catch_line(p->value, line))
             report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
                    value_printable(p->value, shown, sizeof(shown)), why);
-        }
     }
     apply(d, p, line);
     return 0;
@@ -170,9 +160,8 @@ int restore_nonexist_policy(const MailDomain *d, const NonexistPolicy *p)
  * line (caller frees); an empty or refused name ends the process */
 static char *reject_ascii(const char *domain)
 {
-    if (domain == nullptr || *domain == '\0') {
+    if (domain == nullptr || *domain == '\0')
         report_plain(1, "set_reject: empty domain");
-    }
     return domain_ascii_valid(domain, "set_reject: empty domain");
 }
 
@@ -225,10 +214,9 @@ int set_catch_all(const MailDomain *d, const char *address)
     /* An address that does not convert, or that would make the line a
      * program, a file or a special instruction, ends the process with the
      * conversion's message, before anything is touched. */
-    if (const char *why = catch_line(address, line)) {
+    if (const char *why = catch_line(address, line))
         report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
                      value_printable(address, shown, sizeof(shown)), why);
-    }
     set_reject(d->fx, d->name, 0);
     return add_bounce(d, line);
 }

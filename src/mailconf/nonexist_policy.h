@@ -7,8 +7,7 @@
  * restore_nonexist_policy_checked() does the same unless it meets a value
  * the writers refuse, and then writes nothing and says why.
  */
-#ifndef REBOX_MAILCONF_NONEXIST_POLICY_H
-#define REBOX_MAILCONF_NONEXIST_POLICY_H
+#pragma once
 
 #include "mailconf/qmail_common.h"
 
@@ -39,5 +38,3 @@ int remove_reject(const Effects *fx, const char *domain);
 int add_bounce(const MailDomain *d, const char *line);
 int set_bounce_message(const MailDomain *d, const char *text);
 int set_catch_all(const MailDomain *d, const char *address);
-
-#endif

@@ -8,7 +8,6 @@
 #include "runtime/report.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 
 int add_pop3_password(const MailDomain *d, const char *mail_name, const char *password, int disabled,
                       int full_names_required)

@@ -9,7 +9,6 @@
 #include "runtime/report.h"
 #include "runtime/users.h"
 
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -62,13 +61,12 @@ void set_shared_mode(const Effects *fx, const char *path, unsigned mode)
 
 /* domain_ascii - the ASCII form of a domain name (caller frees); a name
  * that does not convert ends the process */
-char *domain_ascii(const char *domain)
+static char *domain_ascii(const char *domain)
 {
     char *ascii = idn_toascii(domain);
 
-    if (ascii == nullptr) {
+    if (ascii == nullptr)
         report_plain(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
-    }
     return ascii;
 }
 

@@ -8,8 +8,7 @@
  * writer refuses a name that breaks one with its own invalid-name message,
  * before it touches anything.
  */
-#ifndef REBOX_MAILCONF_QMAIL_COMMON_H
-#define REBOX_MAILCONF_QMAIL_COMMON_H
+#pragma once
 
 #include "fs/effect.h"
 
@@ -83,10 +82,7 @@ void qmail_file_path(char *buf, size_t size, const char *name);
 /* set_shared_mode - the mode of a shared qmail file after an edit (when the
  * rebuild holds it, at its write); failures are not reported */
 void set_shared_mode(const Effects *fx, const char *path, unsigned mode);
-char *domain_ascii(const char *domain);
 char *domain_ascii_valid(const char *domain, const char *message);
 [[noreturn]] void value_refused(const char *message);
 int mail_name_valid(const char *mail_name);
 int popuser_lookup(PopuserIds *ids);
-
-#endif

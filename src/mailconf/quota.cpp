@@ -12,13 +12,9 @@
 #include "runtime/users.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
 
 /* quota_file_path - the mailbox's quota file of domain d, or the
  * domain's when mail_name is null; -1 with a warning (the invalid-name

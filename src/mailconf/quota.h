@@ -4,8 +4,7 @@
  * directory) holds the limit in kilobytes and a newline, owned by popuser
  * with mode 0640.  Both operations hold the file's named lock.
  */
-#ifndef REBOX_MAILCONF_QUOTA_H
-#define REBOX_MAILCONF_QUOTA_H
+#pragma once
 
 #include "mailconf/qmail_common.h"
 
@@ -13,5 +12,3 @@
  * mail_name of domain d, or of the domain when mail_name is null */
 int write_mbox_quota(const MailDomain *d, const char *mail_name, long kilobytes);
 int remove_mbox_quota(const MailDomain *d, const char *mail_name);
-
-#endif

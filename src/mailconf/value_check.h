@@ -6,8 +6,7 @@
  * or a short text naming the rule it breaks (for the caller's message).
  * value_printable() renders any value harmless for a message.
  */
-#ifndef REBOX_MAILCONF_VALUE_CHECK_H
-#define REBOX_MAILCONF_VALUE_CHECK_H
+#pragma once
 
 #include <stddef.h>
 
@@ -31,5 +30,3 @@ const char *check_address(const char *address);
 const char *check_no_nul(const char *value, unsigned long length);
 
 const char *value_printable(const char *value, char *buf, size_t size);
-
-#endif

@@ -1,11 +1,5 @@
-/* exec - the engines that start a child program and capture its output.
- *
- * fork_execv_pipes starts a child on chosen descriptors and returns its id;
- * fork_execv_getouterr and fork_execv_getout capture its standard output
- * (and error) through non-blocking pipes read in a select() loop, and
- * fork_exec_read_chunk moves what one pipe has to offer into its buffer.
- * The fork_execl_* forms take the argument vector as a list.
- */
+/* exec - the engines that start a child program and capture its output
+ * (see exec.h). */
 #include "proc/exec.h"
 
 #include "runtime/report.h"
@@ -199,9 +193,7 @@ int fork_execv_getout(char **out, const char *path, char *const argv[])
     return capture_run(out, nullptr, path, argv);
 }
 
-/* vector_from_list - a heap argument vector of arg0 and the listed texts up
- * to the terminating null */
-static char **vector_from_list(const char *arg0, va_list ap)
+char **vector_from_list(const char *arg0, va_list ap)
 {
     va_list count_ap;
     size_t count = 1;

@@ -23,9 +23,9 @@
  * caller frees; null when the child wrote nothing to that stream.
  * admin_util_exec and admin_util_execv need load_panel_config() first.
  */
-#ifndef REBOX_PROC_EXEC_H
-#define REBOX_PROC_EXEC_H
+#pragma once
 
+#include <stdarg.h>
 #include <stddef.h>
 #include <sys/types.h>
 
@@ -44,6 +44,9 @@ pid_t fork_execl_pipes(int fd_in, int fd_out, int fd_err, const char *path,
 int fork_execl_getouterr(char **out, char **err, const char *path,
                          const char *arg0, ...);
 int fork_execl_getout(char **out, const char *path, const char *arg0, ...);
+/* vector_from_list - a heap argument vector of arg0 and the listed texts up
+ * to the terminating null */
+char **vector_from_list(const char *arg0, va_list ap);
 
 int util_execv(const char *path, char *const argv[], int quiet);
 int util_execv(const char *path, char *const argv[]);
@@ -65,5 +68,3 @@ int redirect_fd(int fd, int target);
 void check_params_consumed(int expected, int consumed);
 void check_param_present(int required, const char *value, const char *name);
 void *xmalloc(size_t size);
-
-#endif

@@ -1,19 +1,11 @@
-/* exec_run - runners that start a program, wait for it and report failures.
- *
- * util_execv and its list forms run a program with captured output and
- * report a failed run with what the program printed; admin_util_exec and
- * admin_util_execv run one of the panel's sibling utilities by bare name;
- * exec_quiet runs a program with all standard streams on /dev/null;
- * util_exec_fd runs one on given descriptors and relays its standard error;
- * popen_exec and popen_exec_report run a shell command line.
- */
+/* exec_run - runners that start a program, wait for it and report failures
+ * (see exec.h). */
 #include "proc/exec.h"
 
 #include "runtime/config.h"
 #include "runtime/report.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -73,24 +65,10 @@ int util_execv(const char *path, char *const argv[])
 int util_execl(const char *path, const char *arg0, ...)
 {
     va_list ap;
-    size_t count = 1;
 
     va_start(ap, arg0);
-    if (arg0)
-        while (va_arg(ap, const char *) != nullptr)
-            count++;
+    char **argv = vector_from_list(arg0, ap);
     va_end(ap);
-
-    char **argv = static_cast<char **>(malloc((count + 1) * sizeof(char *)));
-    if (argv == nullptr)
-        report(1, "malloc() failed: %s", strerror(errno));
-    argv[0] = const_cast<char *>(arg0);
-    va_start(ap, arg0);
-    for (size_t i = 1; i < count; i++)
-        argv[i] = const_cast<char *>(va_arg(ap, const char *));
-    va_end(ap);
-    argv[count] = nullptr;
-
     int result = util_execv(path, argv, 0);
     free(argv);
     return result;
@@ -163,17 +141,8 @@ int exec_quiet(const char *path, ...)
         return 1;
     }
     if (pid == 0) {
-        close(0);
-        close(1);
-        close(2);
-        int null_fd = open("/dev/null", O_RDWR);
-        if (null_fd >= 0) {
-            dup2(null_fd, 0);
-            dup2(null_fd, 1);
-            dup2(null_fd, 2);
-            if (null_fd > 2)
-                close(null_fd);
-        }
+        for (int fd = 0; fd <= 2; fd++)
+            redirect_fd(-1, fd);
         execv(path, slots);
         _exit(255);
     }

@@ -1,15 +1,9 @@
-/* exec_util - small helpers around child processes and command strings.
- *
- * find_in_path looks a program up in a directory list; close_fds_from_3 and
- * redirect_fd prepare a child's descriptors; check_params_consumed,
- * check_param_present and xmalloc end the process on a broken command
- * string or when memory runs out.
- */
+/* exec_util - small helpers around child processes and command strings
+ * (see exec.h). */
 #include "proc/exec.h"
 
 #include "runtime/report.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -66,17 +60,15 @@ int redirect_fd(int fd, int target)
 
 void check_params_consumed(int expected, int consumed)
 {
-    if (expected != consumed) {
+    if (expected != consumed)
         report_plain(1, "Some parameters in command string leave unprocessed. "
                         "Check parameters please.");
-    }
 }
 
 void check_param_present(int required, const char *value, const char *name)
 {
-    if (required && (value == nullptr || *value == 0)) {
+    if (required && (value == nullptr || *value == 0))
         report_plain(1, "Miss parameter '%s' or previos parameter empty.\n", name);
-    }
 }
 
 void *xmalloc(size_t size)

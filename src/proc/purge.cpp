@@ -39,9 +39,8 @@ static int purge_base(const char *base)
         }
         if (!S_ISDIR(st.st_mode) || strncmp(name, DEFERRED_PREFIX, strlen(DEFERRED_PREFIX)) != 0)
             continue;
-        if (exec_quiet("/bin/rm", "-rf", name, nullptr) != 0) {
+        if (exec_quiet("/bin/rm", "-rf", name, nullptr) != 0)
             report_plain(0, "Can't remove directory %s (will try in next time)\n", name);
-        }
     }
     closedir(dir);
     return 0;

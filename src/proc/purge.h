@@ -5,9 +5,6 @@
  * (fs/tree), in their order; one it cannot remove stays for the next purge.
  * It changes the working directory while it runs and restores it after.
  */
-#ifndef REBOX_PROC_PURGE_H
-#define REBOX_PROC_PURGE_H
+#pragma once
 
 void purge_deleted_entries(void);
-
-#endif

@@ -2,10 +2,8 @@
  * the standard process tools. */
 #include "proc/send_sig.h"
 
-
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
 static const size_t CMD_BUF_SIZE = 4096;
 

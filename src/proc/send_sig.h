@@ -6,14 +6,9 @@
  * A run reaches kill_by_name through the
  * signal effect of the table it was handed (fs/effect).
  */
-#ifndef REBOX_PROC_SEND_SIG_H
-#define REBOX_PROC_SEND_SIG_H
+#pragma once
 
 /* kill_by_name - send sig to every process called name; returns the raw
  * status of system().  name is an extended regular expression put into a
  * shell command unquoted: pass fixed names only. */
 int kill_by_name(const char *name, int sig);
-
-
-
-#endif

@@ -1,12 +1,8 @@
-/* service - init-script actions on the server's daemons.
+/* service - init-script actions on the server's daemons (see service.h).
  *
- * service_control() looks the service up in KNOWN_SERVICES, finds its script
- * in PRODUCT_RC_D (or under the application server's instance directory)
- * and runs it through run_init_script(), which starts the script in a
- * session of its own with its standard streams on /dev/null and waits for
- * it.  The web server is polled until it answers "status" after a start;
- * the servlet engine is stopped by force when its script fails to stop it.
- * kill_by_field() signals processes found in the output of ps.
+ * A script runs in a session of its own with its standard streams on
+ * /dev/null.  The web server is polled until it answers "status" after a
+ * start; the servlet engine is stopped by force when its script fails to.
  */
 #include "proc/service.h"
 
@@ -19,7 +15,6 @@
 #include "runtime/report.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <libgen.h>
 #include <signal.h>
 #include <stdio.h>
@@ -68,9 +63,8 @@ static int control_app_server(const char *name, const char *action)
     if (action == nullptr)
         return 0;
     MYSQL *conn = panel_db_open();
-    if (conn == nullptr) {
+    if (conn == nullptr)
         report_plain(1, "Unable to connect to the mysql database\n");
-    }
     /* The answer lives in the query module's static buffer, which outlives
      * the connection. */
     const char *instance = get_misc_param("cf_instance_path", conn);
@@ -146,15 +140,10 @@ static int control_httpd(const char *action)
 
     if (rc == 0 && (strcmp(action, "start") == 0 || strcmp(action, "restart") == 0 ||
                     strcmp(action, "force-reload") == 0)) {
-        int up = 0;
-        for (int poll = 0; poll < HTTPD_STATUS_POLLS; poll++) {
-            if (service_control(panel_config.HTTPD_SERVICE, "status") == 0) {
-                up = 1;
-                break;
-            }
+        int poll = 0;
+        for (; poll < HTTPD_STATUS_POLLS && service_control(panel_config.HTTPD_SERVICE, "status") != 0; poll++)
             sleep(1);
-        }
-        if (!up)
+        if (poll == HTTPD_STATUS_POLLS)
             rc = -1;
     }
 
@@ -225,15 +214,8 @@ static void check_script(const char *path)
         _exit(3);
     }
     close_fds_from_3();
-    int null_fd = open("/dev/null", O_RDWR);
-    close(0);
-    close(1);
-    close(2);
-    dup2(null_fd, 0);
-    dup2(null_fd, 1);
-    dup2(null_fd, 2);
-    if (null_fd > 2)
-        close(null_fd);
+    for (int fd = 0; fd <= 2; fd++)
+        redirect_fd(-1, fd);
     execlp(path, name, action, static_cast<char *>(nullptr));
     _exit(errno);
 }
@@ -249,9 +231,7 @@ int run_init_script(const char *path, const char *name, const char *action,
         return -1;
     }
 
-    size_t compared = strlen(action);
-    if (compared > 9)
-        compared = 9;
+    size_t compared = strnlen(action, 9);
     const char *verb = strncmp(action, "graceful", compared) == 0 ? "gracefully restart" : action;
 
     check_script(path);
@@ -287,9 +267,8 @@ int run_init_script(const char *path, const char *name, const char *action,
     }
     if (WEXITSTATUS(status) == 0)
         return 0;
-    if (strcmp(verb, "status") != 0 && report_failure) {
+    if (strcmp(verb, "status") != 0 && report_failure)
         report_plain(0, "Service %s failed to %s\n", name, verb);
-    }
     return -1;
 }
 

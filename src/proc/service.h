@@ -10,13 +10,10 @@
  * ps column contains a text.  A line NO_RESTART_DAEMON in the configuration
  * file switches service control off.  Needs load_panel_config() first.
  */
-#ifndef REBOX_PROC_SERVICE_H
-#define REBOX_PROC_SERVICE_H
+#pragma once
 
 int service_control(const char *name, const char *action);
 int run_init_script(const char *path, const char *name, const char *action,
                     int report_failure);
 int restart_httpd_if_running(void);
 int kill_by_field(const char *field, const char *text, int sig);
-
-#endif

@@ -6,13 +6,10 @@
  * restore/apply_effects names it: the file layer reaches the edit through
  * the table it was handed, never directly.
  */
-#ifndef REBOX_RESTORE_APPLY_EDIT_H
-#define REBOX_RESTORE_APPLY_EDIT_H
+#pragma once
 
 struct PathAt;
 
 /* apply_edit - stat, edit, owner and mode put back on the file reached
  * through at; 0 or 1, the lock stays with the caller */
 int apply_edit(PathAt *at, const char *const *lines, int operation, int mode);
-
-#endif

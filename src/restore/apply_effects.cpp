@@ -54,11 +54,10 @@ static int apply_make_dir(PathAt *at, mode_t mode, int *made)
 
 /* apply_owner_mode - owner, group and mode of the open object, each set
  * only where it differs */
-static int apply_owner_mode(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, FileStep *step)
+static int apply_owner_mode(int fd, const char *, uid_t uid, gid_t gid, mode_t mode, FileStep *step)
 {
     struct stat st;
 
-    (void)path;
     *step = STEP_CHOWN;
     if (fstat(fd, &st) != 0)
         return -1;
@@ -216,9 +215,8 @@ static int apply_remove_dir(int dir, const char *name)
 }
 
 /* apply_missing_dir - below a missing directory nothing goes on */
-static int apply_missing_dir(const char *path)
+static int apply_missing_dir(const char *)
 {
-    (void)path;
     return -1;
 }
 
@@ -228,23 +226,15 @@ unsigned long replace_count(void)
 }
 
 /* apply_login_hash - a login is written with the run's hash */
-static const char *apply_login_hash(const char *home, const char *plain, const char *hash)
+static const char *apply_login_hash(const char *, const char *, const char *hash)
 {
-    (void)home;
-    (void)plain;
     return hash;
 }
 
-/* apply_panel_has, apply_dir_done - a restore leaves what the panel does
- * not have where it is */
-static void apply_panel_has(const char *path)
+/* apply_leave - a restore leaves what the panel does not have where it
+ * is (panel_has, dir_done) */
+static void apply_leave(const char *)
 {
-    (void)path;
-}
-
-static void apply_dir_done(const char *dir)
-{
-    (void)dir;
 }
 
 const Effects APPLY_EFFECTS = {
@@ -263,6 +253,6 @@ const Effects APPLY_EFFECTS = {
     .signal = kill_by_name,
     .run_util = admin_util_execv,
     .login_hash = apply_login_hash,
-    .panel_has = apply_panel_has,
-    .dir_done = apply_dir_done,
+    .panel_has = apply_leave,
+    .dir_done = apply_leave,
 };

@@ -14,8 +14,7 @@
  * file of its own, is in apply_edit, which only this table names.
  * replace_count() tells how many files the table has replaced.
  */
-#ifndef REBOX_RESTORE_APPLY_EFFECTS_H
-#define REBOX_RESTORE_APPLY_EFFECTS_H
+#pragma once
 
 #include "fs/effect.h"
 
@@ -24,5 +23,3 @@ extern const Effects APPLY_EFFECTS;
 /* replace_count - how many files this process has replaced through
  * APPLY_EFFECTS */
 unsigned long replace_count(void);
-
-#endif

@@ -26,19 +26,16 @@
 #include <unordered_map>
 
 /* check_missing_dir - below a missing directory the walk goes on absent */
-static int check_missing_dir(const char *path)
+static int check_missing_dir(const char *)
 {
-    (void)path;
     return absent_dir_fd();
 }
 
 /* check_make_dir - a directory at_dir found missing or of another kind,
  * reported unless it lies in one already reported; the walk goes on below
  * it absent */
-static int check_make_dir(PathAt *at, mode_t mode, int *made)
+static int check_make_dir(PathAt *at, mode_t, int *)
 {
-    (void)mode;
-    (void)made;
     if (!at->absent)
         check_note(errno == ENOENT ? "missing" : "foreign", at->path);
     return absent_dir_fd();

@@ -16,11 +16,8 @@
  * files exist; no process is signalled, no program run, nothing removed,
  * made or written: undo paths have nothing to take back.
  */
-#ifndef REBOX_RESTORE_CHECK_EFFECTS_H
-#define REBOX_RESTORE_CHECK_EFFECTS_H
+#pragma once
 
 #include "fs/effect.h"
 
 extern const Effects CHECK_EFFECTS;
-
-#endif

@@ -10,8 +10,7 @@
  * The check table of effects (check_effects) and the pass report through
  * it.
  */
-#ifndef REBOX_RESTORE_CHECK_REPORT_H
-#define REBOX_RESTORE_CHECK_REPORT_H
+#pragma once
 
 #include <stddef.h>
 #include <sys/types.h>
@@ -33,5 +32,3 @@ void check_diff(const char *path, const char *disk, size_t disk_len, const char 
                 size_t panel_len, int mask);
 
 int check_found(void);
-
-#endif

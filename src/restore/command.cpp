@@ -84,9 +84,8 @@ static void spam_pass(const Effects *fx, MailDomains *domains)
 {
     MYSQL *conn = panel_db_open();
 
-    if (conn == nullptr) {
+    if (conn == nullptr)
         report_plain(1, "Unable to connect to the mysql database");
-    }
     if (domains->res == nullptr)
         read_mail_domains(conn, domains);
     restore_spam_settings(fx, conn, domains->rows.data(), domains->rows.size());

@@ -1,7 +1,4 @@
 /* command - the whole rebox command, callable from a program's main. */
-#ifndef REBOX_RESTORE_COMMAND_H
-#define REBOX_RESTORE_COMMAND_H
+#pragma once
 
 int rebox_main(int argc, char **argv);
-
-#endif

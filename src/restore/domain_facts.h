@@ -14,8 +14,7 @@
  * refuses ends the process with the question's own message: the pass must
  * never read a refusal as "no value".
  */
-#ifndef REBOX_RESTORE_DOMAIN_FACTS_H
-#define REBOX_RESTORE_DOMAIN_FACTS_H
+#pragma once
 
 #include "mailconf/nonexist_policy.h"
 #include "restore/panel_rows.h"
@@ -51,5 +50,3 @@ void domain_facts_prefetch(const MailDomainRow *d);
  * group) and aliases, one column each */
 void mailbox_lists(MYSQL *conn, const MailboxRow *m, MYSQL_RES **group, MYSQL_RES **aliases);
 void mailbox_lists_prefetch(const MailboxRow *m);
-
-#endif

@@ -6,8 +6,7 @@
  * those counts, the files replaced and the seconds the run took ("checked"
  * instead of "restored" for a check run, which replaced nothing).
  */
-#ifndef REBOX_RESTORE_FINISH_H
-#define REBOX_RESTORE_FINISH_H
+#pragma once
 
 enum RunCount { RUN_DOMAINS, RUN_MAILBOXES, RUN_ALIASES, RUN_SKIPPED, RUN_COUNTS };
 
@@ -16,5 +15,3 @@ void run_count(RunCount what);
 void rebuild_log_summary(const char *done, double seconds);
 int run_qmail_newu(void);
 int restart_qmail(int really);
-
-#endif

@@ -18,8 +18,7 @@
  * only costs the caller the hashes it must make itself.  hash_ahead_stop()
  * ends the thread and closes its connection.
  */
-#ifndef REBOX_RESTORE_HASH_AHEAD_H
-#define REBOX_RESTORE_HASH_AHEAD_H
+#pragma once
 
 #include <mysql.h>
 #include <stddef.h>
@@ -48,5 +47,3 @@ void hash_ahead_domain(size_t k);
 const char *hash_ahead_get(size_t i, const char *plain);
 
 void hash_ahead_stop(void);
-
-#endif

@@ -8,7 +8,6 @@
 #include "runtime/report.h"
 
 #include <algorithm>
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

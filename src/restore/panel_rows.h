@@ -12,13 +12,11 @@
  * status does not change.  The writers would end the process on such a
  * value; the pass alone chooses to go on without the row.
  */
-#ifndef REBOX_RESTORE_PANEL_ROWS_H
-#define REBOX_RESTORE_PANEL_ROWS_H
+#pragma once
 
 #include "mailconf/qmail_common.h"
 
 #include <mysql.h>
-#include <stddef.h>
 
 #include <vector>
 
@@ -28,7 +26,6 @@
 
 /* The size of a query buffer. */
 #define PANEL_QUERY_SIZE 4096
-
 
 /* MailboxRow - a mailbox of a domain */
 struct MailboxRow {
@@ -88,5 +85,3 @@ const char *domain_aliases_query(const char *domain_id, char *buf);
 const char *mailboxes_query(const char *domain_id, char *buf);
 const char *mailgroup_query(const char *mailbox_id, char *buf);
 const char *mail_aliases_query(const char *mailbox_id, char *buf);
-
-#endif

@@ -7,8 +7,7 @@
  * second and cleared at the end.  Nothing of it goes to standard output,
  * syslog, a file or a pipe, so scripts and the check report never see it.
  */
-#ifndef REBOX_RESTORE_PROGRESS_H
-#define REBOX_RESTORE_PROGRESS_H
+#pragma once
 
 #include <stddef.h>
 #include <time.h>
@@ -28,5 +27,3 @@ void progress_start(Progress *p, int on, size_t domains, size_t mailboxes);
 void progress_mailbox(Progress *p);
 void progress_domain(Progress *p);
 void progress_end(Progress *p);
-
-#endif

@@ -14,8 +14,7 @@
  * taken only for the very same password text, so what is done ahead can
  * make the pass faster but never changes its answers.
  */
-#ifndef REBOX_RESTORE_READ_AHEAD_H
-#define REBOX_RESTORE_READ_AHEAD_H
+#pragma once
 
 #include "restore/domain_facts.h"
 
@@ -43,5 +42,3 @@ void read_ahead_domain(const MailDomains *domains, const std::vector<MailboxRow>
 const char *read_ahead_hash(size_t i, const char *plain);
 
 void read_ahead_stop(void);
-
-#endif

@@ -5,8 +5,7 @@
  * short_pop3_names_allowed() tells how the password records name a box.
  * The finishing steps of a run are restore/finish's.
  */
-#ifndef REBOX_RESTORE_REBUILD_H
-#define REBOX_RESTORE_REBUILD_H
+#pragma once
 
 #include "fs/effect.h"
 #include "restore/domain_facts.h"
@@ -18,5 +17,3 @@
  * caller frees them); progress: a progress line may be shown */
 void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int progress);
 int short_pop3_names_allowed(MYSQL *conn);
-
-#endif

@@ -7,7 +7,6 @@
 #include "runtime/config.h"
 #include "runtime/report.h"
 
-#include <stdio.h>
 #include <string.h>
 
 /* The shared qmail files, in the order of locking. */

@@ -12,8 +12,7 @@
  * files that cannot be written end the run.  Nothing reaches the disk
  * before: a fatal error or a kill leaves the previous files whole.
  */
-#ifndef REBOX_RESTORE_SHARED_FILES_H
-#define REBOX_RESTORE_SHARED_FILES_H
+#pragma once
 
 #include "fs/effect.h"
 
@@ -21,5 +20,3 @@
  * replacements through fx */
 void shared_files_take(const Effects *fx);
 void shared_files_commit(void);
-
-#endif

@@ -10,7 +10,6 @@
 
 #include "runtime/report.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -96,48 +95,14 @@ static const char *conf_require(const char *key)
 {
     const char *value = conf_get(key);
 
-    if (value == nullptr || *value == 0) {
+    if (value == nullptr || *value == 0)
         report_plain(1, "Error: %s not defined\n", key);
-    }
     return value;
 }
 
 void load_panel_config(void)
 {
-    PanelConfig &c = panel_config;
-
-    c.PRODUCT_ROOT_D = conf_require("PRODUCT_ROOT_D");
-    c.HTTPD_VHOSTS_D = conf_require("HTTPD_VHOSTS_D");
-    c.HTTPD_CONF_D = conf_require("HTTPD_CONF_D");
-    c.HTTPD_INCLUDE_D = conf_require("HTTPD_INCLUDE_D");
-    c.HTTPD_BIN_D = conf_require("HTTPD_BIN_D");
-    c.HTTPD_LOG_D = conf_require("HTTPD_LOG_D");
-    c.HTTPD_SERVICE = conf_require("HTTPD_SERVICE");
-    c.QMAIL_ROOT_D = conf_require("QMAIL_ROOT_D");
-    c.QMAIL_MAILNAMES_D = conf_require("QMAIL_MAILNAMES_D");
-    c.FTPD_CONF = conf_require("FTPD_CONF");
-    c.FTPD_CONF_INC = conf_require("FTPD_CONF_INC");
-    c.FTPD_BIN_D = conf_require("FTPD_BIN_D");
-    c.NAMED_RUN_ROOT_D = conf_require("NAMED_RUN_ROOT_D");
-    c.WEB_STAT = conf_require("WEB_STAT");
-    c.LOGROTATE = conf_require("LOGROTATE");
-    c.MYSQL_VAR_D = conf_require("MYSQL_VAR_D");
-    c.MYSQL_BIN_D = conf_require("MYSQL_BIN_D");
-    c.PGSQL_BIN_D = conf_require("PGSQL_BIN_D");
-    c.PGSQL_DATA_D = conf_require("PGSQL_DATA_D");
-    c.MAILMAN_ROOT_D = conf_require("MAILMAN_ROOT_D");
-    c.MAILMAN_VAR_D = conf_require("MAILMAN_VAR_D");
-    c.PRODUCT_RC_D = conf_require("PRODUCT_RC_D");
-    c.DUMP_D = conf_require("DUMP_D");
-    c.CATALINA_HOME = conf_require("CATALINA_HOME");
-    c.DRWEB_ROOT_D = conf_require("DRWEB_ROOT_D");
-    c.DRWEB_ETC_D = conf_require("DRWEB_ETC_D");
-    c.CURL_CA_BUNDLE_FILE = conf_require("CURL_CA_BUNDLE_FILE");
-    c.AWSTATS_ETC_D = conf_require("AWSTATS_ETC_D");
-    c.AWSTATS_BIN_D = conf_require("AWSTATS_BIN_D");
-    c.AWSTATS_TOOLS_D = conf_require("AWSTATS_TOOLS_D");
-    c.AWSTATS_DOC_D = conf_require("AWSTATS_DOC_D");
-    c.LIB_SSL_PATH = conf_require("LIB_SSL_PATH");
-    c.LIB_CRYPTO_PATH = conf_require("LIB_CRYPTO_PATH");
-    c.CLIENT_PHP_BIN = conf_require("CLIENT_PHP_BIN");
+#define PANEL_CONFIG_REQUIRE(key) panel_config.key = conf_require(#key);
+    PANEL_CONFIG_KEYS(PANEL_CONFIG_REQUIRE)
+#undef PANEL_CONFIG_REQUIRE
 }

@@ -4,46 +4,25 @@
  * load_panel_config() fills the process-wide PanelConfig with the 34
  * installation settings and ends the process at the first one missing.
  */
-#ifndef REBOX_RUNTIME_CONFIG_H
-#define REBOX_RUNTIME_CONFIG_H
+#pragma once
 
 #define PANEL_CONFIG_FILE "/etc/vdo/vdo.conf"
 
+/* PANEL_CONFIG_KEYS - the installation settings, in the order
+ * load_panel_config() requires them */
+#define PANEL_CONFIG_KEYS(X) \
+    X(PRODUCT_ROOT_D) X(HTTPD_VHOSTS_D) X(HTTPD_CONF_D) X(HTTPD_INCLUDE_D) X(HTTPD_BIN_D) \
+    X(HTTPD_LOG_D) X(HTTPD_SERVICE) X(QMAIL_ROOT_D) X(QMAIL_MAILNAMES_D) X(FTPD_CONF) \
+    X(FTPD_CONF_INC) X(FTPD_BIN_D) X(NAMED_RUN_ROOT_D) X(WEB_STAT) X(LOGROTATE) X(MYSQL_VAR_D) \
+    X(MYSQL_BIN_D) X(PGSQL_BIN_D) X(PGSQL_DATA_D) X(MAILMAN_ROOT_D) X(MAILMAN_VAR_D) \
+    X(PRODUCT_RC_D) X(DUMP_D) X(CATALINA_HOME) X(DRWEB_ROOT_D) X(DRWEB_ETC_D) \
+    X(CURL_CA_BUNDLE_FILE) X(AWSTATS_ETC_D) X(AWSTATS_BIN_D) X(AWSTATS_TOOLS_D) X(AWSTATS_DOC_D) \
+    X(LIB_SSL_PATH) X(LIB_CRYPTO_PATH) X(CLIENT_PHP_BIN)
+
 struct PanelConfig {
-    const char *PRODUCT_ROOT_D;
-    const char *HTTPD_VHOSTS_D;
-    const char *HTTPD_CONF_D;
-    const char *HTTPD_INCLUDE_D;
-    const char *HTTPD_BIN_D;
-    const char *HTTPD_LOG_D;
-    const char *HTTPD_SERVICE;
-    const char *QMAIL_ROOT_D;
-    const char *QMAIL_MAILNAMES_D;
-    const char *FTPD_CONF;
-    const char *FTPD_CONF_INC;
-    const char *FTPD_BIN_D;
-    const char *NAMED_RUN_ROOT_D;
-    const char *WEB_STAT;
-    const char *LOGROTATE;
-    const char *MYSQL_VAR_D;
-    const char *MYSQL_BIN_D;
-    const char *PGSQL_BIN_D;
-    const char *PGSQL_DATA_D;
-    const char *MAILMAN_ROOT_D;
-    const char *MAILMAN_VAR_D;
-    const char *PRODUCT_RC_D;
-    const char *DUMP_D;
-    const char *CATALINA_HOME;
-    const char *DRWEB_ROOT_D;
-    const char *DRWEB_ETC_D;
-    const char *CURL_CA_BUNDLE_FILE;
-    const char *AWSTATS_ETC_D;
-    const char *AWSTATS_BIN_D;
-    const char *AWSTATS_TOOLS_D;
-    const char *AWSTATS_DOC_D;
-    const char *LIB_SSL_PATH;
-    const char *LIB_CRYPTO_PATH;
-    const char *CLIENT_PHP_BIN;
+#define PANEL_CONFIG_FIELD(key) const char *key;
+    PANEL_CONFIG_KEYS(PANEL_CONFIG_FIELD)
+#undef PANEL_CONFIG_FIELD
 };
 
 /* panel_config - the process-wide record, filled by load_panel_config(). */
@@ -51,5 +30,3 @@ extern PanelConfig panel_config;
 
 const char *conf_get(const char *key);
 void load_panel_config(void);
-
-#endif

@@ -5,81 +5,53 @@
  * hand across exec would steer a root process, so main() throws it all away
  * before it reads anything:
  *
- * - The environment is replaced by PATH=PROCESS_START_PATH alone.  The
- *   database client library reads its plugin list and plugin directory
- *   (LIBMYSQL_PLUGINS, MARIADB_PLUGIN_DIR) and loads the shared objects
- *   they name, and takes its socket, port and password from variables
- *   (MYSQL_UNIX_PORT, MARIADB_UNIX_PORT, MYSQL_TCP_PORT, MYSQL_PWD); the
- *   crypto library it starts reads its configuration file name; the shells,
- *   init scripts and utilities we start read BASH_ENV, ENV, PERL5OPT, PATH
- *   and the like.  With nothing but a fixed PATH, the library connects to
- *   its built-in socket and loads only its own plugins, and every child
- *   starts from the same clean state.
- * - The umask becomes 022: files and directories whose mode we do not set
- *   ourselves (lock files, files our children write) are never writable by
- *   others.
- * - Descriptors 0, 1 and 2 are opened on /dev/null where they are closed.
- *   Otherwise the first files we open would take their numbers, and every
- *   message, which goes to standard error and output, would be written into
- *   them.  Every descriptor above 2 is closed: our children would inherit
- *   it, and one open on a lock file the caller had locked would hold that
- *   named lock against us for the whole run, so that we waited on
- *   ourselves for ever.
- * - The working directory becomes /.  The caller's directory is its own
- *   choice, and every child we start as root (spamctl, the init scripts)
- *   would run there, resolving relative names inside it.
- * - The interval timers (real, virtual and profiling) are cleared, and with
- *   the real one any pending alarm.  They survive exec: a caller's timer
- *   would end the run with SIGALRM, SIGVTALRM or SIGPROF at a moment of its
- *   choosing, between the two renames of a pair of shared files or with
- *   the named locks held.
+ * - The environment becomes PATH=PROCESS_START_PATH alone: the database
+ *   client library takes its plugins, socket, port and password from
+ *   variables, the crypto library its configuration file, and the shells,
+ *   init scripts and utilities we start read BASH_ENV, ENV, PERL5OPT and
+ *   the like.  Every child then starts from the same clean state.
+ * - The umask becomes 022: files whose mode we do not set ourselves (lock
+ *   files, files our children write) are never writable by others.
+ * - Descriptors 0, 1 and 2 are opened on /dev/null where they are closed,
+ *   else the first files we open would take their numbers and receive every
+ *   message.  Every descriptor above 2 is closed: one open on a lock file
+ *   the caller had locked would hold that named lock against us for ever.
+ * - The working directory becomes /: every child we start as root would
+ *   resolve relative names inside the caller's.
+ * - The interval timers and any pending alarm are cleared: they survive
+ *   exec, and would end the run at a moment of the caller's choosing, with
+ *   the named locks held or between the renames of a set of shared files.
  * - Ignored signals go back to their default action and the signal mask is
- *   emptied.  execve() resets caught signals but keeps ignored and blocked
- *   ones: an ignored SIGCHLD would make waiting for children fail, an
- *   ignored or blocked SIGPIPE, SIGXFSZ or SIGTERM would change how we and
- *   our children end.  Handlers installed before main() by our own runtime
- *   are not the caller's and stay.
- * - Then SIGTSTP, SIGTTIN and SIGTTOU are ignored, so that the caller's
- *   terminal cannot stop the run while it holds the named locks every other
- *   panel tool waits for.  Our children inherit that on purpose: we wait
- *   for each of them with the locks held, so a stopped child would stop the
- *   run just the same.  Unlike the signals above, these three change
- *   nothing in how a child ends: only the terminal cannot stop it, a read
- *   from a terminal it does not own fails instead of stopping it, and
- *   programs that want job control (shells, pagers) install their own
- *   handlers.  Ignoring beats catching here: a caught SIGTTOU makes the
- *   kernel restart a background write to a TOSTOP terminal for ever.
+ *   emptied: execve() keeps both, and an ignored SIGCHLD would make waiting
+ *   for children fail, an ignored or blocked SIGPIPE, SIGXFSZ or SIGTERM
+ *   would change how we and our children end.  Handlers our own runtime
+ *   installed before main() stay.
+ * - Then SIGTSTP, SIGTTIN and SIGTTOU are ignored, by our children too, so
+ *   that the caller's terminal cannot stop the run while it holds the locks
+ *   every other panel tool waits for (we wait for each child with them
+ *   held).  They change nothing in how a child ends, and programs that want
+ *   job control install their own handlers.  Ignoring beats catching: a
+ *   caught SIGTTOU makes the kernel restart a background write to a TOSTOP
+ *   terminal for ever.
  * - Standard output and error are made non-blocking where they are pipes,
  *   FIFOs or sockets, so that a caller that never reads them cannot keep
- *   the run waiting on a full buffer with the named locks held: a message
- *   that does not fit is dropped from that stream (the C library discards
- *   what a failed flush could not write) and still goes to syslog when the
- *   run is detached.  A child writing to them gets EAGAIN instead of
- *   hanging us.  The flag sits on the open file description, which the
- *   caller shares (a pipe cannot be reopened as a private one), so it is
- *   taken off again at exit and before detaching: whoever writes to the
- *   same pipe after us finds it as it was.  Terminals and files are left
- *   alone.
- * - After setuid(0) and setgid(0), the supplementary groups are dropped, so
- *   the caller's groups go neither with our file accesses nor to children.
- * - The resource limits are set to fixed values, soft and hard alike, so
- *   that no limit the caller set ends a write halfway, keeps a child or a
- *   file from opening, or kills the run with SIGXCPU or SIGKILL midway:
- *   file size, process count, address space, data size, CPU time and
- *   real-time CPU time unlimited; open files the kernel's ceiling
- *   (NR_OPEN_FILE; the kernel refuses unlimited for it); the stack 8 MiB,
- *   the usual default, and our own threads' stacks with it (the C library
- *   sized them from the caller's limit at start); locked memory 8 MiB, the
- *   kernel's default, which the database client never needs more of;
- *   real-time priority 0, none, as for any ordinary process; core files 0,
- *   since a root process's core holds the database password.  The process
- *   is also marked not dumpable, because a core_pattern that pipes cores to
- *   a program ignores a zero core limit.  Root may set them all; where even
- *   root may not raise one (a container without the capability), its soft
- *   limit rises to its hard one and the run goes on.
- * - The nice value becomes 0 and the I/O priority the default (class none,
- *   which follows the nice value), so that a caller's nice 19 or idle I/O
- *   class cannot make the run crawl with the named locks held.
+ *   the run waiting with the locks held: a message that does not fit is
+ *   dropped from that stream and still goes to syslog when detached.  The
+ *   flag sits on the open file description the caller shares, so it is
+ *   taken off again at exit and before detaching.
+ * - After setuid(0) and setgid(0), the supplementary groups are dropped.
+ * - The resource limits get fixed values, soft and hard alike, so that no
+ *   limit the caller set ends a write halfway, keeps a child or a file from
+ *   opening, or kills the run midway: open files the kernel's ceiling (it
+ *   refuses unlimited there), the stack 8 MiB for our own threads too (the
+ *   C library sized them from the caller's limit), core files 0 and the
+ *   process not dumpable, since a root process's core holds the database
+ *   password and a piped core_pattern ignores a zero limit.  Where even
+ *   root may not raise one (a container), its soft limit rises to its hard
+ *   one and the run goes on.
+ * - The nice value becomes 0 and the I/O priority the default, so that a
+ *   caller's nice 19 or idle class cannot make the run crawl with the locks
+ *   held.
  *
  * The first eight steps are harmless without privileges and come first,
  * so that even the privilege failure is reported on sane descriptors; the
@@ -87,6 +59,7 @@
  */
 #include "runtime/process_start.h"
 
+#include "proc/exec.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -135,11 +108,7 @@ static void open_standard_fds(void)
         if (open("/dev/null", O_RDWR) == -1)
             report(1, "Unable to open /dev/null: %s", strerror(errno));
     }
-    /* Kernels before close_range() get the descriptors closed one by one,
-     * up to the open-file limit the caller gave us. */
-    if (close_range(3, ~0U, 0) != 0)
-        for (long fd = 3, max = sysconf(_SC_OPEN_MAX); fd < max; fd++)
-            close(static_cast<int>(fd));
+    close_fds_from_3();
 }
 
 /* clear_timers - the real, virtual and profiling timers stopped */

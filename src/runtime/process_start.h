@@ -7,8 +7,7 @@
  * no supplementary groups and then sets the resource limits and the
  * scheduling priorities.  The reasons are in process_start.cpp.
  */
-#ifndef REBOX_RUNTIME_PROCESS_START_H
-#define REBOX_RUNTIME_PROCESS_START_H
+#pragma once
 
 /* The whole environment of the process and of every program it starts. */
 #define PROCESS_START_PATH "/usr/sbin:/usr/bin:/sbin:/bin"
@@ -23,5 +22,3 @@ void process_start_restore_output(void);
 /* process_start_root - 0, or -1 with errno set by the id change that failed
  * (the limits are left alone then) */
 int process_start_root(void);
-
-#endif

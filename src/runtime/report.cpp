@@ -1,29 +1,19 @@
-/* report - diagnostics: every warning and fatal message of the program.
+/* report - every warning and fatal message of the program (see report.h).
  *
- * Messages are printed on standard error and then, unless report_stdout(0)
- * turned that copy off, on standard output, each behind "<program>: ", with
- * a newline added when missing and a system error appended as
- * "\nSystem error %d: %s": report() appends errno's (nothing when it is 0),
- * report_errno() the number it is handed, report_plain() none.  errno is
- * left as it was, so a second message about the same failure names the same
- * cause.  A
- * non-zero status ends the process inside the call.  After
- * report_syslog_start() every message is copied to syslog, since a detached
- * process has no terminal to print on.
- * The syslog identity is always "rebox": argv[0] is the caller's choice,
- * and root's log lines must not appear under a name the caller picked.
+ * errno is left as it was, so a second message about the same failure
+ * names the same cause.  The syslog identity is always "rebox": argv[0] is
+ * the caller's choice, and root's log lines must not appear under a name
+ * the caller picked.
  */
 #include "runtime/report.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <libgen.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
-#include <unistd.h>
 
 const char *report_progname = nullptr;
 
@@ -161,51 +151,20 @@ int report_text(const char *text, int exit_status)
 static int report_with(int err, int exit_status, const char *format, va_list args)
 {
     int saved_errno = errno;
-    size_t size = REPORT_BUF_SIZE;
-    char *buf = static_cast<char *>(malloc(size));
+    char *text = nullptr, *full = nullptr;
     va_list ap;
-    int n;
 
-    if (buf == nullptr) {
-        report_text("Can't allocate memory for error message", exit_status);
-        return 0;
-    }
     va_copy(ap, args);
-    n = vsnprintf(buf, size, format, ap);
+    if (vasprintf(&text, format, ap) < 0)
+        text = nullptr;
     va_end(ap);
-    if (n < 0) {
-        buf[0] = 0;
-    } else if (static_cast<size_t>(n) >= size) {
-        char *bigger = static_cast<char *>(realloc(buf, n + 1));
-        if (bigger) {
-            buf = bigger;
-            size = n + 1;
-            va_copy(ap, args);
-            vsnprintf(buf, size, format, ap);
-            va_end(ap);
-        }
-        /* Without memory to grow, the text stays cut to the first buffer. */
-    }
-    if (err != 0) {
-        char suffix[512];
-        int slen = snprintf(suffix, sizeof(suffix), "\nSystem error %d: %s", err, strerror(err));
-        size_t used = strlen(buf);
-        if (slen > 0) {
-            size_t need = used + static_cast<size_t>(slen) + 1;
-            if (need > size) {
-                char *bigger = static_cast<char *>(realloc(buf, need));
-                if (bigger) {
-                    buf = bigger;
-                    size = need;
-                }
-            }
-            /* Cut the suffix to what fits when the buffer could not grow. */
-            snprintf(buf + used, size - used, "%s", suffix);
-        }
+    if (text != nullptr && err != 0 && asprintf(&full, "%s\nSystem error %d: %s", text, err, strerror(err)) >= 0) {
+        free(text);
+        text = full;
     }
     errno = saved_errno;
-    report_text(buf, exit_status);
-    free(buf);
+    report_text(text != nullptr ? text : "Can't allocate memory for error message", exit_status);
+    free(text);
     errno = saved_errno;
     return 0;
 }

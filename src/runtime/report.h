@@ -17,8 +17,7 @@
  * and at the end of the run; report_stderr() is for the few low-level
  * messages printed without the program prefix.
  */
-#ifndef REBOX_RUNTIME_REPORT_H
-#define REBOX_RUNTIME_REPORT_H
+#pragma once
 
 /* report_progname - the program path (argv[0]) used for the message prefix;
  * null until main() stores it. */
@@ -47,5 +46,3 @@ void report_stderr(const char *format, ...) __attribute__((format(printf, 1, 2))
 /* report_progress - text as the one line of a terminal rewritten in place
  * on standard error (null: the line cleared); nothing else gets it */
 void report_progress(const char *text);
-
-#endif

@@ -1,9 +1,5 @@
-/* users - system user and group lookups.
- *
- * Offers lookup_user_ids, group_name, user_name, user_uid,
- * group_gid_if_exists, user_info, group_gid, is_all_digits and
- * group_gid_from_text.  Failed lookups are warnings and give 0.
- */
+/* users - system user and group lookups; failed lookups are warnings and
+ * give 0 (see users.h). */
 #include "runtime/users.h"
 
 #include "runtime/report.h"
@@ -13,7 +9,6 @@
 #include <grp.h>
 #include <pwd.h>
 #include <stdio.h>
-#include <string.h>
 
 /* Result buffers of group_name() and user_name(). */
 static char group_name_buf[4096];

@@ -4,8 +4,7 @@
  * lookup (as a warning) and return 0, the not-found id: callers treat a uid
  * or gid of 0 as failure.
  */
-#ifndef REBOX_RUNTIME_USERS_H
-#define REBOX_RUNTIME_USERS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -26,5 +25,3 @@ gid_t group_gid(const char *name);
 int is_all_digits(const char *text);
 /* group_gid_from_text - gid of a group given by name or by number */
 gid_t group_gid_from_text(const char *text);
-
-#endif
