@@ -71,7 +71,9 @@ const char *domain_row(MYSQL_RES *res, MYSQL_ROW row, MailDomainRow *fields)
     return fields->rule;
 }
 
-const char *row_plain(MYSQL_ROW row)
+/* row_plain - the plain password of a mailbox list row, as in
+ * MailboxRow.plain */
+static const char *row_plain(MYSQL_ROW row)
 {
     if (!flag_on(row[MB_POSTBOX]) || (row[MB_TYPE] != nullptr && strcmp(row[MB_TYPE], "crypt") == 0))
         return nullptr;
@@ -123,14 +125,6 @@ void mailbox_rows(MYSQL_RES *res, std::vector<MailboxRow> *rows)
     }
     std::stable_sort(rows->begin(), rows->end(),
                      [](const MailboxRow &a, const MailboxRow &b) { return id_before(a.id, b.id); });
-}
-
-void rows_by_id(MYSQL_RES *res, std::vector<MYSQL_ROW> *rows)
-{
-    rows->clear();
-    while (MYSQL_ROW row = mysql_fetch_row(res))
-        rows->push_back(row);
-    std::stable_sort(rows->begin(), rows->end(), [](MYSQL_ROW a, MYSQL_ROW b) { return id_before(a[0], b[0]); });
 }
 
 void skip_row(const char *kind, const char *value, const char *mailbox, const char *domain,

@@ -60,13 +60,6 @@ bool id_before(const char *a, const char *b);
  * of their identifiers */
 void mailbox_rows(MYSQL_RES *res, std::vector<MailboxRow> *rows);
 
-/* rows_by_id - the rows of a mailbox list in the order mailbox_rows()
- * gives them (for the hashing thread, which reads the lists itself) */
-void rows_by_id(MYSQL_RES *res, std::vector<MYSQL_ROW> *rows);
-
-/* row_plain - the plain password of a raw mailbox list row, as in
- * MailboxRow.plain (for the hashing thread, which reads the lists itself) */
-const char *row_plain(MYSQL_ROW row);
 
 /* value_rule - the rule the one column of a row breaks under check (a
  * value_check function), or null */

@@ -4,11 +4,10 @@
  * mailboxes' own queries (group members, aliases) over the pipeline's
  * second connection, so that the server answers them while the mailboxes
  * before them are written, followed by the questions the writers ask of
- * the next domain (domain_facts' list).  read_ahead_start() hands the hashing thread
- * (hash_ahead) a connection of its own and the mailbox list query of every
- * domain row, in the pass's order, so that it hashes the plain passwords
- * ahead of the pass for the whole run; read_ahead_hash() gives the hash
- * of a mailbox's password.  Every question is still asked in its own
+ * the next domain (domain_facts' list).  read_ahead_start() makes the run's
+ * salt and starts the hashing pool (hash_pool) on a connection of its own,
+ * so that the plain passwords are hashed ahead of the pass on every
+ * processor; read_ahead_hash() gives the hash of a mailbox's password.  Every question is still asked in its own
  * words: the pipeline hands it the queued answer of the very same query
  * text, or asks the server when there is none, and a hash made ahead is
  * taken only for the very same password text, so what is done ahead can
@@ -28,17 +27,16 @@
 void make_salt(char *buf, int n);
 
 /* read_ahead_start - the run's salt made ("$1$" and eight characters, so
- * that all plain passwords of a run hash alike), the hashing thread
- * started for the domain rows, and the first domain's questions queued */
+ * that all plain passwords of a run hash alike), the hashing pool
+ * started, and the first domain's questions queued */
 void read_ahead_start(const MailDomains *domains);
 
 /* read_ahead_domain - domain row k's mailbox list has arrived: its
- * mailboxes' queries and the next domain's questions queued (both lists
- * stay where they were) */
+ * mailboxes' queries and the next domain's questions queued */
 void read_ahead_domain(const MailDomains *domains, const std::vector<MailboxRow> &boxes, size_t k);
 
-/* read_ahead_hash - the hash of plain password of mailbox row i of the
- * current domain, with the run's salt (made ahead when it could be) */
-const char *read_ahead_hash(size_t i, const char *plain);
+/* read_ahead_hash - the hash of mailbox mailbox_id's plain password with
+ * the run's salt (made ahead when it could be) */
+const char *read_ahead_hash(const char *mailbox_id, const char *plain);
 
 void read_ahead_stop(void);

@@ -142,7 +142,7 @@ struct Pass {
 /* restore_mailbox - row number i of a domain's mailbox list, all its
  * records; its delivery file is held in memory from add_mailbox to the
  * end */
-static void restore_mailbox(Pass *pass, const MailboxRow &m, size_t i, const MailDomain *d, int disabled)
+static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailDomain *d, int disabled)
 {
     const char *domain = d->name;
     char qmail[QMAIL_BUF_SIZE], home[QMAIL_BUF_SIZE];
@@ -155,7 +155,7 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, size_t i, const Mai
     /* A plain password crypt refuses (it takes at most 511 bytes) gives
      * no hash but crypt's failure token, a login that can never succeed:
      * such a mailbox is skipped like a row that breaks a rule. */
-    const char *hash = m.postbox && m.plain != nullptr ? read_ahead_hash(i, m.plain) : m.password;
+    const char *hash = m.postbox && m.plain != nullptr ? read_ahead_hash(m.id, m.plain) : m.password;
     if (m.postbox && m.plain != nullptr && (hash == nullptr || *hash == '*')) {
         skip_row("mailbox", m.mail_name, nullptr, domain, "its password cannot be hashed");
         return;
@@ -251,8 +251,8 @@ static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
             add_reject(pass->fx, a[0]);
     }
 
-    for (size_t i = 0; i < facts.boxes.size(); i++)
-        restore_mailbox(pass, facts.boxes[i], i, &md, d->disabled);
+    for (const MailboxRow &m : facts.boxes)
+        restore_mailbox(pass, m, &md, d->disabled);
     domain_facts_free(&facts);
     pass->fx->panel_has(mail_path(dir, md.ascii, nullptr, nullptr));
     pass->fx->dir_done(dir);

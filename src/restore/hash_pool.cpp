@@ -1,0 +1,180 @@
+/* hash_pool - password hashes made on every processor (see hash_pool.h).
+ *
+ * The first thread reads the passwords, in the pass's order (domains, then
+ * a domain's mailboxes, by identifier), and publishes the list; then every
+ * thread takes the next entry nobody has claimed, until the list ends or
+ * it is told to quit.  Each entry has a state: free, claimed by a thread,
+ * claimed by the caller, or done.  The caller, asking for a mailbox's
+ * hash, waits only for one a thread is making; one nobody has started it
+ * claims and makes itself.  States are atomic bytes waited on with
+ * futexes; there is no lock.  The threads allocate memory and talk to the
+ * server; the children the pass starts meanwhile only exec, and the ones
+ * that run the shell come after hash_pool_stop().
+ */
+#include "restore/hash_pool.h"
+
+#include <algorithm>
+#include <atomic>
+#include <crypt.h>
+#include <pthread.h>
+#include <sched.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+enum { ENTRY_FREE, ENTRY_THREAD, ENTRY_CALLER, ENTRY_DONE };
+
+/* The plain passwords of the mail domains' postboxes: the mailbox's
+ * identifier, its domain's and the password (postbox on, not a stored
+ * crypt hash). */
+static const char PLAINS_QUERY[] =
+    "SELECT m.id, m.dom_id, IFNULL(a.password, '') FROM mail m JOIN DomainServices s ON s.dom_id = m.dom_id "
+    "AND s.type = 'mail' LEFT JOIN accounts a ON a.id = m.account_id WHERE m.postbox <> 'false' "
+    "AND (a.type IS NULL OR a.type <> 'crypt')";
+
+/* HashEntry - a mailbox's plain password and its hash; made is 1 when the
+ * hash is there */
+struct HashEntry {
+    unsigned long long id, domain;
+    std::string plain;
+    unsigned char state, made;
+    char hash[64];
+};
+
+static MYSQL *pool_conn;
+static const char *pool_salt;
+static std::vector<pthread_t> threads;
+/* Never destroyed at exit: a fatal error ends the process while the
+ * threads may still use them. */
+static std::vector<HashEntry> &entries = *new std::vector<HashEntry>;
+static std::unordered_map<unsigned long long, size_t> &by_id = *new std::unordered_map<unsigned long long, size_t>;
+static std::atomic<size_t> next_entry;
+static std::atomic<int> quit;
+static unsigned char ready; /* 1: the list is read, 2: it could not be */
+static struct crypt_data caller_data;
+
+/* at - an atomic view of a state byte shared with the other threads */
+static std::atomic_ref<unsigned char> at(unsigned char &byte)
+{
+    return std::atomic_ref<unsigned char>(byte);
+}
+
+/* set - give a state its final value and wake whoever waits on it */
+static void set(unsigned char &byte, unsigned char value)
+{
+    at(byte).store(value, std::memory_order_release);
+    at(byte).notify_all();
+}
+
+/* read_entries - the passwords in the pass's order; 0, or -1 when the
+ * server failed */
+static int read_entries(void)
+{
+    if (mysql_real_query(pool_conn, PLAINS_QUERY, strlen(PLAINS_QUERY)) != 0)
+        return -1;
+    MYSQL_RES *res = mysql_store_result(pool_conn);
+    if (res == nullptr)
+        return -1;
+    entries.reserve(mysql_num_rows(res));
+    while (MYSQL_ROW row = mysql_fetch_row(res))
+        entries.push_back({strtoull(row[0], nullptr, 10), strtoull(row[1], nullptr, 10), row[2], ENTRY_FREE, 0, {}});
+    mysql_free_result(res);
+    std::stable_sort(entries.begin(), entries.end(), [](const HashEntry &a, const HashEntry &b) {
+        return a.domain != b.domain ? a.domain < b.domain : a.id < b.id;
+    });
+    for (size_t i = 0; i < entries.size(); i++)
+        by_id[entries[i].id] = i;
+    return 0;
+}
+
+/* hash_all - a thread: the first reads the list, then each hashes the
+ * entries nobody has claimed */
+static void *hash_all(void *first)
+{
+    struct crypt_data data = {};
+
+    if (first != nullptr) {
+        mysql_thread_init();
+        set(ready, read_entries() == 0 ? 1 : 2);
+        mysql_thread_end();
+    }
+    while (at(ready).load(std::memory_order_acquire) == 0)
+        at(ready).wait(0, std::memory_order_acquire);
+    for (size_t i; at(ready).load() == 1 && !quit.load() && (i = next_entry.fetch_add(1)) < entries.size();) {
+        HashEntry *e = &entries[i];
+        unsigned char free_state = ENTRY_FREE;
+        if (!at(e->state).compare_exchange_strong(free_state, ENTRY_THREAD, std::memory_order_acq_rel))
+            continue;
+        const char *hash = crypt_r(e->plain.c_str(), pool_salt, &data);
+        if (hash != nullptr && strlen(hash) < sizeof(e->hash)) {
+            memcpy(e->hash, hash, strlen(hash) + 1);
+            e->made = 1;
+        }
+        set(e->state, ENTRY_DONE);
+    }
+    return nullptr;
+}
+
+/* processors - how many processors the process may run on */
+static int processors(void)
+{
+    cpu_set_t set;
+
+    return sched_getaffinity(0, sizeof(set), &set) == 0 && CPU_COUNT(&set) > 0 ? CPU_COUNT(&set) : 1;
+}
+
+void hash_pool_start(MYSQL *conn, const char *salt)
+{
+    pool_conn = conn;
+    pool_salt = salt;
+    entries.clear();
+    by_id.clear();
+    next_entry.store(0);
+    quit.store(0);
+    ready = conn != nullptr ? 0 : 2;
+    for (int n = processors(), k = 0; conn != nullptr && k < n; k++) {
+        pthread_t t;
+        if (pthread_create(&t, nullptr, hash_all, k == 0 ? conn : nullptr) != 0)
+            break;
+        threads.push_back(t);
+    }
+    /* Without a thread the caller makes every hash itself. */
+    if (threads.empty())
+        ready = 2;
+}
+
+const char *hash_pool_get(const char *mailbox_id, const char *plain)
+{
+    if (at(ready).load(std::memory_order_acquire) == 1) {
+        auto found = by_id.find(strtoull(mailbox_id, nullptr, 10));
+        if (found != by_id.end()) {
+            HashEntry *e = &entries[found->second];
+            unsigned char free_state = ENTRY_FREE;
+            if (e->plain == plain && !at(e->state).compare_exchange_strong(free_state, ENTRY_CALLER)) {
+                unsigned char now;
+                while ((now = at(e->state).load(std::memory_order_acquire)) == ENTRY_THREAD)
+                    at(e->state).wait(now, std::memory_order_acquire);
+                if (now == ENTRY_DONE && e->made)
+                    return e->hash;
+            }
+        }
+    }
+    return crypt_r(plain, pool_salt, &caller_data);
+}
+
+void hash_pool_stop(void)
+{
+    quit.store(1);
+    /* A thread waiting for the list is let go once it is read. */
+    for (pthread_t t : threads)
+        pthread_join(t, nullptr);
+    threads.clear();
+    entries.clear();
+    by_id.clear();
+    if (pool_conn != nullptr)
+        mysql_close(pool_conn);
+    pool_conn = nullptr;
+}
