@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/select.h>
@@ -52,12 +53,27 @@ pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path,
     if (pid > 0)
         return pid;
 
+    child_start();
     for (int stream = 0; stream < 3; stream++)
         child_setup_fd(choice, stream);
     close_fds_from_3();
     execv(path, argv);
     report_stderr("fork_execv: execv(\"%s\") failed: %s\n", path, strerror(errno));
     _exit(255);
+}
+
+int shell_run(const char *command)
+{
+    char *argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(command), nullptr};
+    int status = 0;
+    pid_t waited;
+
+    fflush(nullptr);
+    pid_t pid = fork_execv_pipes(0, 1, 2, "/bin/sh", argv);
+    do
+        waited = waitpid(pid, &status, 0);
+    while (waited < 0 && errno == EINTR);
+    return waited < 0 ? -1 : status;
 }
 
 void fork_exec_read_chunk(int *fd, char **buf, size_t *size, size_t *len)

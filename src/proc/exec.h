@@ -63,6 +63,12 @@ int popen_exec(char **out, const char *command);
 int popen_exec_report(const char *command);
 
 char *find_in_path(const char *name, const char *dirs, int executable);
+/* child_start - in a child just forked, before it execs: every signal at
+ * its default action and none blocked, whatever rebox itself ignores */
+void child_start(void);
+/* shell_run - command run by /bin/sh -c as system(3) runs it, its child
+ * started by child_start(); the raw wait status, or -1 */
+int shell_run(const char *command);
 void close_fds_from_3(void);
 int redirect_fd(int fd, int target);
 void check_params_consumed(int expected, int consumed);

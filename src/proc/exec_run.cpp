@@ -6,6 +6,7 @@
 #include "runtime/report.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -141,6 +142,7 @@ int exec_quiet(const char *path, ...)
         return 1;
     }
     if (pid == 0) {
+        child_start();
         for (int fd = 0; fd <= 2; fd++)
             redirect_fd(-1, fd);
         execv(path, slots);
@@ -173,6 +175,7 @@ int util_exec_fd(int fd_in, int fd_out, const char *path, char *const argv[])
         report(1, "Error occured during fork():\n%s", strerror(errno));
 
     if (pid == 0) {
+        child_start();
         close(0);
         close(1);
         close(2);
@@ -235,7 +238,18 @@ int util_exec_fd(int fd_in, int fd_out, const char *path, char *const argv[])
 int popen_exec(char **out, const char *command)
 {
     *out = nullptr;
-    FILE *pipe_stream = popen(command, "r");
+    char *argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(command), nullptr};
+    int ends[2];
+    FILE *pipe_stream = nullptr;
+    pid_t pid = -1;
+    /* As popen(3) runs it, but the shell is started by child_start(). */
+    if (pipe2(ends, O_CLOEXEC) == 0) {
+        fflush(nullptr);
+        pid = fork_execv_pipes(0, ends[1], 2, "/bin/sh", argv);
+        close(ends[1]);
+        if ((pipe_stream = fdopen(ends[0], "r")) == nullptr)
+            close(ends[0]);
+    }
     if (pipe_stream == nullptr) {
         report_stderr("popen_exec: failed to execute command: fork or pipe calls "
                       "failed, or cannon allocate memory\n");
@@ -247,11 +261,8 @@ int popen_exec(char **out, const char *command)
     int read_failed = 0;
     int read_error = 0;
     char *buf = static_cast<char *>(malloc(capacity + 1));
-    if (buf == nullptr) {
-        report_stderr("popen_exec: failed to allocate memory\n");
-        pclose(pipe_stream);
-        return -1;
-    }
+    if (buf == nullptr)
+        report(1, "Cannot allocate memory");
 
     for (;;) {
         int c = getc(pipe_stream);
@@ -284,7 +295,14 @@ int popen_exec(char **out, const char *command)
     if (read_failed)
         report_stderr("popen_exec: failed to read command output: %s\n",
                       strerror(read_error));
-    int status = pclose(pipe_stream);
+    fclose(pipe_stream);
+    int status = 0;
+    pid_t waited;
+    do
+        waited = waitpid(pid, &status, 0);
+    while (waited < 0 && errno == EINTR);
+    if (waited < 0)
+        status = -1;
     *out = buf;
     if (read_failed) {
         errno = read_error;

@@ -5,9 +5,11 @@
 #include "runtime/report.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 char *find_in_path(const char *name, const char *dirs, int executable)
@@ -29,6 +31,23 @@ char *find_in_path(const char *name, const char *dirs, int executable)
             return nullptr;
         entry = end + 1;
     }
+}
+
+void child_start(void)
+{
+    /* The kernel's action record all zero: the default action, no flags,
+     * nothing blocked while it runs, whatever the record's layout. */
+    const unsigned long dfl[4] = {};
+    sigset_t none;
+
+    /* The database library ignores SIGPIPE in rebox, and rebox ignores the
+     * terminal stop signals: a program it starts gets none of that.  Asked
+     * of the kernel itself, so that the C library's own signals are reset
+     * too; SIGKILL and SIGSTOP cannot be changed and are passed over. */
+    for (int sig = 1; sig < _NSIG; sig++)
+        syscall(SYS_rt_sigaction, sig, dfl, nullptr, _NSIG / 8);
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
 void close_fds_from_3(void)

@@ -2,12 +2,14 @@
  * the standard process tools. */
 #include "proc/send_sig.h"
 
+#include "proc/exec.h"
+
 #include <stdio.h>
 #include <stdlib.h>
 
 static const size_t CMD_BUF_SIZE = 4096;
 
-/* send_now - the ps and kill pipeline; the raw status of system() */
+/* send_now - the ps and kill pipeline; the raw status of the shell */
 static int send_now(const char *name, int sig)
 {
     char cmd[CMD_BUF_SIZE];
@@ -18,7 +20,7 @@ static int send_now(const char *name, int sig)
              "for pid in `%s axc -opid,command|%s -E \"[0-9] %s$\"|%s '{print $1}' -` ; "
              "do %s -%d $pid ; done",
              "/bin/ps", "/bin/grep", name, "/usr/bin/awk", "/bin/kill", sig);
-    return system(cmd);
+    return shell_run(cmd);
 }
 
 int kill_by_name(const char *name, int sig)

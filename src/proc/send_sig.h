@@ -9,6 +9,6 @@
 #pragma once
 
 /* kill_by_name - send sig to every process called name; returns the raw
- * status of system().  name is an extended regular expression put into a
+ * wait status of the shell that runs the pipeline.  name is an extended regular expression put into a
  * shell command unquoted: pass fixed names only. */
 int kill_by_name(const char *name, int sig);

@@ -149,9 +149,7 @@ static int control_httpd(const char *action)
 
     if (strcasecmp(action, "stop") == 0) {
         snprintf(sweep, sizeof(sweep), "%s/bin/ipcsweep.sh", panel_config.PRODUCT_ROOT_D);
-        fflush(stdout);
-        fflush(stderr);
-        if (system(sweep) == -1) {
+        if (shell_run(sweep) == -1) {
             report(0, "Error occured when trying to clean Apache IPC objects: %s\n",
                    strerror(errno));
             return -1;
@@ -209,6 +207,7 @@ static void check_script(const char *path)
         report(1, "Unable to change directory to %s: %s\n", dir ? dir : path,
                strerror(errno));
     free(copy);
+    child_start();
     if (setsid() < 0) {
         perror("setsid() failed");
         _exit(3);

@@ -1,6 +1,7 @@
 /* finish - qmail-newu, the restart and the run's summary (see finish.h). */
 #include "restore/finish.h"
 
+#include "proc/exec.h"
 #include "proc/service.h"
 #include "restore/apply_effects.h"
 #include "runtime/config.h"
@@ -30,7 +31,7 @@ int run_qmail_newu(void)
     char command[4096];
 
     snprintf(command, sizeof(command), "%s%s", panel_config.QMAIL_ROOT_D, "/bin/qmail-newu");
-    int status = system(command);
+    int status = shell_run(command);
     return (status >> 8) & 0xff;
 }
 

@@ -81,6 +81,15 @@ TEST(LooseEnds, EachRow)
              CommandResult pipe = run_rebox("--without-spam");
              EXPECT_FALSE(has(pipe.err + pipe.out, "mailboxes,")) << pipe.err;
          }},
+        {"the programs rebox starts get every signal at its default, none blocked", "",
+         "UPDATE Components SET version = '1.0'; INSERT INTO Components (name, version) VALUES ('drweb-qmail', '1.0')",
+         [] {
+             ASSERT_EQ(run_rebox("--with-spam").status, 0);
+             for (const char *standin : {STANDIN_QMAIL_NEWU, STANDIN_QMAIL_INIT, STANDIN_VIRUSCTL}) {
+                 std::string signals = run_command("grep -m1 signals: " + sandbox_path(standin) + ".calls").out;
+                 EXPECT_EQ(signals, "signals:SigBlk:0000000000000000 SigIgn:0000000000000000 \n") << standin;
+             }
+         }},
         {"a check cannot run detached", "", "", [] {
              CommandResult r = run_rebox("--check --daemon-mode");
              EXPECT_EQ(r.status, 1);

@@ -53,6 +53,8 @@ void write_recording_stub(const std::string &path, int exit_code)
         "#!/bin/sh\n"
         "for a in \"$@\"; do printf 'arg:%s\\n' \"$a\"; done >> '" + path + ".calls'\n"
         "echo \"state:$PWD $(nice) $(ulimit -t)\" >> '" + path + ".calls'\n"
+        "echo \"signals:$(grep -E '^Sig(Ign|Blk)' /proc/$$/status | tr -d '\\t' | tr '\\n' ' ')\" >> '" + path +
+        ".calls'\n"
         "echo end >> '" + path + ".calls'\n"
         "exit " + std::to_string(exit_code) + "\n";
     write_file(path, script);
