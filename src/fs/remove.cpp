@@ -166,9 +166,14 @@ failed:
     return -1;
 }
 
+void (*aside_hook)(int dir, const char *name);
+
 int rename_aside_at(int dir, const char *name, char *aside)
 {
     static const char PREFIX[] = ".rebox-aside-";
+
+    if (aside_hook != nullptr)
+        aside_hook(dir, name);
 
     for (int attempt = 0; attempt < 100; attempt++) {
         memcpy(aside, PREFIX, sizeof(PREFIX) - 1);
