@@ -48,9 +48,9 @@ TEST(PathAt, SetAsideRemovesOnlyWhatItLookedAt)
 {
     REQUIRE_SANDBOX();
     load_panel_config();
-    std::string home = sandbox_path("qmail/mailnames/example.com/alpha");
-    ASSERT_EQ(run_command("mkdir -p '" + home + "' && ln -s /nowhere '" + home + "/.qmail' && chown -h " +
-                          "\"$REBOX_POPUSER_UID\" '" + home + "/.qmail'").status, 0);
+    std::string home = sandbox_path("qmail/mailnames/example.com/alpha"), path = home + "/.qmail";
+    ASSERT_EQ(run_command("mkdir -p '" + home + "' && ln -s /nowhere '" + path + "' && chown -h " +
+                          "\"$REBOX_POPUSER_UID\" '" + path + "'").status, 0);
     aside_hook = [](int dir, const char *name) {
         aside_hook = nullptr;
         unlinkat(dir, name, 0);
@@ -59,10 +59,10 @@ TEST(PathAt, SetAsideRemovesOnlyWhatItLookedAt)
         close(fd);
     };
     PathAt at;
-    ASSERT_EQ(path_at(&APPLY_EFFECTS, (home + "/.qmail").c_str(), &at), 0);
+    ASSERT_EQ(path_at(&APPLY_EFFECTS, path.c_str(), &at), 0);
     EXPECT_EQ(APPLY_EFFECTS.set_aside(&at, "file"), -1);
     path_at_close(&at);
     aside_hook = nullptr;
-    EXPECT_EQ(read_file(home + "/.qmail"), "mail\n");
+    EXPECT_EQ(read_file(path), "mail\n");
     EXPECT_EQ(run_command("ls -A '" + home + "'").out, ".qmail\n");
 }

@@ -188,9 +188,9 @@ TEST_F(HostilePanel, PlantedLinks)
 {
     for (const char *p : {"example.com/alpha", "example.com/alpha/Maildir", "example.com/alpha/Maildir/tmp",
                           "example.com/alpha/Maildir/new", "example.com/alpha/Maildir/cur",
-                          "example.com/alpha/@attachments", "example.com/alpha/.qmail", "example.com",
+                          "example.com/alpha/@attachments", "example.com/alpha/.qmail",
                           "xn--bcher-kva.example/.qmail-default", "example.com/alpha/@mbox.quota",
-                          "example.com/@mbox.quota"})
+                          "example.com/@mbox.quota", "example.com"})
         for (const char *target : {"victim/dir", "victim/file"}) {
             SCOPED_TRACE(std::string(p) + " -> " + target);
             run_command(std::string("cd \"$REBOX_SANDBOX\" && rm -rf victim && mkdir -p victim/dir && echo v > "
