@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+void (*aside_hook)(int dir, const char *name);
+
 /* random_letters - n letters and digits from the kernel's random source
  * into buf; 0, or -1 */
 int random_letters(char *buf, int n)
@@ -165,8 +167,6 @@ failed:
     errno = err;
     return -1;
 }
-
-void (*aside_hook)(int dir, const char *name);
 
 int rename_aside_at(int dir, const char *name, char *aside)
 {
