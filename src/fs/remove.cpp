@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+void (*aside_hook)(int dir, const char *name);
+
 int random_letters(char *buf, int n)
 {
     static const char letters[] =
@@ -162,6 +164,9 @@ failed:
 int rename_aside_at(int dir, const char *name, char *aside)
 {
     static const char PREFIX[] = ".rebox-aside-";
+
+    if (aside_hook != nullptr)
+        aside_hook(dir, name);
 
     for (int attempt = 0; attempt < 100; attempt++) {
         memcpy(aside, PREFIX, sizeof(PREFIX) - 1);

@@ -22,6 +22,10 @@ int remove_tree_at(int dir, const char *name);
  * -1 with errno */
 int rename_aside_at(int dir, const char *name, char *aside);
 
+/* aside_hook - null in a run; a test sets it to act in the instant
+ * between a caller's look at name in dir and rename_aside_at's move */
+extern void (*aside_hook)(int dir, const char *name);
+
 /* random_letters - n (at most 16) letters and digits from the kernel's
  * random source into buf; 0, or -1 */
 int random_letters(char *buf, int n);

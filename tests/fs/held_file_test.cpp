@@ -1,7 +1,8 @@
 /* Tests of files held in memory: a held file ends up exactly as the same
  * edits made on disk leave a twin of it (longer and shorter results, an
  * empty file, a missing one), nothing reaches the disk before the release,
- * and a path that is a directory fails the edit as on disk. */
+ * a path that is a directory fails the edit as on disk, and a stop waits for
+ * the whole set of renames. */
 #include "fs/file_str.h"
 #include "restore/apply_effects.h"
 #include "fs/held_file.h"
@@ -11,7 +12,9 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -65,4 +68,35 @@ TEST(HeldFile, EndsAsTheSameEditsOnDiskLeaveIt)
                     "Unable to read file"));
     EXPECT_EQ(rc, 1);
     EXPECT_EQ(held_file_release(dir.c_str()), 0);
+}
+
+/* A stop that arrives when the first of the shared files has been renamed
+ * waits for the rest: the set is replaced whole. */
+TEST(HeldFile, StopDuringTheRenamesWaitsForTheWholeSet)
+{
+    REQUIRE_SANDBOX();
+    load_panel_config();
+    const std::string paths[] = {sandbox_path("qmail/first"), sandbox_path("qmail/second")};
+    static Effects stop_after_rename = APPLY_EFFECTS;
+    stop_after_rename.replace_commit = [](PathAt *at, PathAt *tmp, int durable, FileStep *step) {
+        int rc = APPLY_EFFECTS.replace_commit(at, tmp, durable, step);
+        kill(getpid(), SIGTERM);
+        return rc;
+    };
+    for (const std::string &p : paths)
+        write_file(p, "old\n");
+    pid_t child = fork();
+    if (child == 0) {
+        for (const std::string &p : paths)
+            if (held_file_take(&stop_after_rename, p.c_str(), 0) != 0
+                || file_str(&APPLY_EFFECTS, p.c_str(), "new", FILE_STR_ADD, FILE_STR_AT_END) != 0)
+                _exit(1);
+        held_files_write();
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+    for (const std::string &p : paths)
+        EXPECT_EQ(read_file(p), "old\nnew\n") << p;
 }

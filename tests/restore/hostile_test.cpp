@@ -180,8 +180,8 @@ TEST_F(HostilePanel, RowsAreSkippedAndChangeNothingElse)
     });
 }
 
-/* Links planted as popuser below a domain directory, to a directory and to a
- * file outside the mail tree: a rebuild follows none of them, replaces each
+/* Links planted as popuser in or below a domain directory, to a directory and
+ * to a file outside the mail tree: a rebuild follows none of them, replaces each
  * with what it writes there, with one warning, and leaves the rest as
  * without them. */
 TEST_F(HostilePanel, PlantedLinks)
@@ -190,7 +190,7 @@ TEST_F(HostilePanel, PlantedLinks)
                           "example.com/alpha/Maildir/new", "example.com/alpha/Maildir/cur",
                           "example.com/alpha/@attachments", "example.com/alpha/.qmail",
                           "xn--bcher-kva.example/.qmail-default", "example.com/alpha/@mbox.quota",
-                          "example.com/@mbox.quota"})
+                          "example.com/@mbox.quota", "example.com"})
         for (const char *target : {"victim/dir", "victim/file"}) {
             SCOPED_TRACE(std::string(p) + " -> " + target);
             run_command(std::string("cd \"$REBOX_SANDBOX\" && rm -rf victim && mkdir -p victim/dir && echo v > "
@@ -284,6 +284,8 @@ TEST_F(HostilePanel, RootLinksAreFollowedOnlySafelyAndNeverRemoved)
 {
     std::string names = sandbox_path("qmail/mailnames/"), victim = sandbox_path("victim");
     std::string shared = run_command("cd \"$REBOX_SANDBOX/qmail\" && cat control/* users/assign").out;
+    std::string unsafe = "Skipping the mail directory of disabled.example: the link " + names +
+                         "disabled.example cannot be followed: another user may change a directory on its way";
     struct {
         const char *what;
         std::string setup, link, target, warning;
@@ -291,10 +293,13 @@ TEST_F(HostilePanel, RootLinksAreFollowedOnlySafelyAndNeverRemoved)
     } rows[] = {
         {"target below popuser's directory",
          "mkdir example.com/moved && chown $REBOX_POPUSER_UID example.com/moved && rm -r disabled.example",
-         "disabled.example", names + "example.com/moved",
-         "Skipping the mail directory of disabled.example: the link " + names +
-             "disabled.example cannot be followed: another user may change a directory on its way",
-         true},
+         "disabled.example", names + "example.com/moved", unsafe, true},
+        {"target below root's directory its group may write",
+         "mkdir -p ../../disk/d && chgrp $REBOX_POPUSER_GID ../../disk && chmod 0775 ../../disk && rm -r disabled.example",
+         "disabled.example", sandbox_path("disk/d"), unsafe, false},
+        {"target below root's directory others may write",
+         "mkdir -p ../../disk/d && chmod 0757 ../../disk && rm -r disabled.example", "disabled.example",
+         sandbox_path("disk/d"), unsafe, false},
         {"dangling", "rm -r disabled.example", "disabled.example", sandbox_path("nodisk/disabled.example"),
          "cannot be followed: No such file or directory", false},
         {"mailbox home", "mkdir -p ../../disk && mv example.com/alpha ../../disk/", "example.com/alpha",
@@ -324,4 +329,29 @@ TEST_F(HostilePanel, RootLinksAreFollowedOnlySafelyAndNeverRemoved)
         EXPECT_EQ(tree_snapshot(victim) + tree_snapshot(sandbox_path("disk")), outside);
         run_command("rm -rf " + names + row.link + " " + sandbox_path("disk"));
     }
+}
+
+/* A delivery or quota file with the very text, owner and mode a run writes,
+ * but that is a link to a file outside the mail tree or another name of one:
+ * it is replaced with one warning, and the file outside keeps its content
+ * and its one name. */
+TEST_F(HostilePanel, RightTextReachedElsewhereIsReplaced)
+{
+    for (const char *p : {"example.com/alpha/.qmail", "example.com/alpha/@mbox.quota"})
+        for (const char *ln : {"ln -s", "ln"}) {
+            SCOPED_TRACE(std::string(ln) + " " + p);
+            std::string at = std::string("qmail/mailnames/") + p;
+            ASSERT_EQ(run_command("cd \"$REBOX_SANDBOX\" && rm -rf victim && mkdir victim && cp -p " + at +
+                                  " victim/f && rm " + at + " && " + ln + " \"$REBOX_SANDBOX/victim/f\" " + at +
+                                  " && chown -h \"$REBOX_POPUSER_UID:$REBOX_POPUSER_GID\" " + at).status, 0);
+            std::string victim = tree_snapshot(sandbox_path("victim"));
+            FreshRun o = run_fresh(false);
+            EXPECT_EQ(o.run.status, 0) << o.run.err;
+            EXPECT_EQ(o.run.err.find("Replacing "), o.run.err.rfind("Replacing ")) << o.run.err;
+            EXPECT_TRUE(has(o.run.err, "Replacing " + sandbox_path(at) + ": ")) << o.run.err;
+            EXPECT_EQ(run_command("cd \"$REBOX_SANDBOX\" && stat -c %h:%F victim/f " + at).out,
+                      "1:regular file\n1:regular file\n");
+            EXPECT_EQ(tree_snapshot(sandbox_path("victim")), victim);
+            EXPECT_EQ(std::regex_replace(o.tree, std::regex("\\./victim.*\n"), ""), base.tree);
+        }
 }
