@@ -53,7 +53,8 @@ TEST(PathAt, SetAsideRemovesOnlyWhatItLookedAt)
                           "\"$REBOX_POPUSER_UID\" '" + path + "'").status, 0);
     aside_hook = [](int dir, const char *name) {
         aside_hook = nullptr;
-        unlinkat(dir, name, 0);
+        /* Kept under another name, so the new file cannot take its inode. */
+        renameat(dir, name, dir, ".held");
         int fd = openat(dir, name, O_WRONLY | O_CREAT | O_EXCL, 0600);
         EXPECT_EQ(write(fd, "mail\n", 5), 5);
         close(fd);
@@ -64,5 +65,5 @@ TEST(PathAt, SetAsideRemovesOnlyWhatItLookedAt)
     path_at_close(&at);
     aside_hook = nullptr;
     EXPECT_EQ(read_file(path), "mail\n");
-    EXPECT_EQ(run_command("ls -A '" + home + "'").out, ".qmail\n");
+    EXPECT_EQ(run_command("ls -A '" + home + "'").out, ".held\n.qmail\n");
 }
