@@ -9,10 +9,12 @@
 
 #include "db/connect.h"
 #include "db/pipeline.h"
+#include "mailconf/idn.h"
 #include "runtime/report.h"
 
 #include <ctype.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 static const size_t GET_BUF_SIZE = 4096;
@@ -201,7 +203,11 @@ const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
     c = db_open_own(given, CONNECT_MSG);
     if (c == nullptr)
         return nullptr;
-    dom_id_query(name, buf, sizeof(buf));
+    char *ascii = idn_toascii(name);
+    if (ascii == nullptr)
+        report_plain(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
+    dom_id_query(ascii, buf, sizeof(buf));
+    free(ascii);
     if (get_answer(c, buf, 0, buf) == GET_REFUSED)
         report_plain(1, "Unable to query domain ID: %s\n", mysql_error(c));
     db_close_own(c, given);

@@ -33,10 +33,11 @@ int get_dom_status(const char *dom_id, unsigned *status, MYSQL *conn);
 int get_client_id_by_domain(const char *dom_id, MYSQL *conn);
 int get_next_id(const char *table, MYSQL *conn);
 const char *get_dns_zone_id(const char *dom_id, MYSQL *conn);
-/* get_dom_id_noerr, get_dom_id - the identifier of the domain whose name
- * in ASCII form (see mailconf/idn) is ascii */
-const char *get_dom_id_noerr(const char *ascii, MYSQL *conn, int quiet);
-const char *get_dom_id(const char *ascii, MYSQL *conn);
+/* get_dom_id_noerr, get_dom_id - the identifier of the domain called name
+ * (converted to its ASCII form for the lookup; the messages name it as
+ * given) */
+const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet);
+const char *get_dom_id(const char *name, MYSQL *conn);
 const char *get_exist_case_dom_name(const char *name);
 int get_frontpage(const char *name, int ssl, MYSQL *conn);
 int get_anon_ftp(const char *dom_id, MYSQL *conn);

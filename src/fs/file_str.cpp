@@ -64,7 +64,7 @@ FileLock *file_str_lock(const Effects *fx, const char *path)
 
     if (file_lock_held(lock))
         return lock;
-    report(0, "Error occurred while locking the file %s\n", path);
+    report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
     int failure = errno; /* the caller's message names the same cause */
     file_lock_dispose(lock);
     errno = failure;

@@ -143,7 +143,7 @@ int copy_file_locked(const Effects *fx, const char *source, const char *destinat
     }
     text_buf_free(&text);
     if (got == 0 && rc < 0 && step == STEP_LOCK)
-        report(0, "Error occurred while locking the file %s\n", destination);
+        report(0, "Error occurred while locking the file %s: %s\n", destination, strerror(errno));
     else if (got == 0 && rc < 0)
         report(0, "Unable to copy file %s to %s: %s\n", source, destination, strerror(errno));
     return rc < 0;

@@ -32,6 +32,7 @@ TEST(DbGet, AnswersBuffersFailuresAndQuotingGuard)
     EXPECT_EQ(atol(get_query_value("SHOW SESSION STATUS LIKE 'Com_select'", conn, 1)), selects);
     EXPECT_TRUE(has(err, "get_dom_Limit(): refusing a value holding a quote or backslash: 7' or '1'='1")) << err;
     EXPECT_STREQ(get_dom_id("xn--bcher-kva.test", conn), "7");
+    EXPECT_STREQ(get_dom_id("b\u00fccher.test", conn), "7");
     EXPECT_STREQ(get_dom_Limit("7", "mbox_quota", conn), "1048576");
     mysql_close(conn);
 
@@ -47,6 +48,8 @@ TEST(DbGet, AnswersBuffersFailuresAndQuotingGuard)
               "");
     EXPECT_EXIT(get_dom_id("absent.test", nullptr), testing::ExitedWithCode(1),
                 "get_dom_id\\(\\): domains record not found in DB for 'absent.test'");
+    EXPECT_EXIT(get_dom_id("m\u00fcnchen.test", nullptr), testing::ExitedWithCode(1),
+                "domains record not found in DB for 'm\u00fcnchen.test'");
     EXPECT_EXIT(get_dom_id("x'.test", nullptr), testing::ExitedWithCode(1),
                 "get_dom_id\\(\\): refusing a value holding a quote or backslash: x'.test");
 

@@ -264,9 +264,10 @@ TEST_F(RebuildFaults, DeniedWriteRenameOrLockStopsThePassCleanly)
         {"mkdir -p -m 700 " + domain + " && chown \"$REBOX_POPUSER_UID:$REBOX_POPUSER_GID\" " + domain +
              " && mount --bind " + domain + " " + domain + " && mount -o remount,bind,ro " + domain,
          domain, "Read-only file system", false},
-        {"rm -r " + locks, locking + qmail(""), "No such file or directory", true},
+        {"rm -r " + locks, locking + qmail("control/rcpthosts: No such file or directory"),
+         "No such file or directory", true},
         {"mkdir " + locks + " && mount --bind " + locks + " " + locks + " && mount -o remount,bind,ro " + locks,
-         locking + qmail(""), "Read-only file system", true},
+         locking + qmail("control/rcpthosts: Read-only file system"), "Read-only file system", true},
     };
     for (auto &c : cases) {
         SCOPED_TRACE(c.mount);
