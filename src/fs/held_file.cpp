@@ -184,6 +184,15 @@ static int load(HeldFile *h)
     return 0;
 }
 
+int held_file_text(const char *path, TextBuf *out)
+{
+    HeldFile *h = find_held(path);
+
+    if (h == nullptr || load(h) != 0)
+        return -1;
+    return line_store_text(h->store, out);
+}
+
 int held_file_edit(const char *path, const char *const *lines, int operation, int mode)
 {
     HeldFile *h = find_held(path);

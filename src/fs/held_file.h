@@ -31,6 +31,7 @@
 #pragma once
 
 #include "fs/effect.h"
+#include "fs/line_edit.h"
 
 #include <sys/types.h>
 
@@ -44,6 +45,9 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
 int held_file_reset(const char *path, const char *text);
 int held_file_owner(const char *path, uid_t uid, gid_t gid, mode_t mode);
 int held_files_write(void);
+/* held_file_text - the held text of path appended to out; 0, or -1 when
+ * path is not held or memory runs out */
+int held_file_text(const char *path, TextBuf *out);
 int held_files_release(void);
 /* held_file_release - write and unlock one held file; 0, or 1 with errno
  * of the failure (a rebuilt file in the way of a foreign object, see

@@ -11,6 +11,11 @@
 enum RunCount { RUN_DOMAINS, RUN_MAILBOXES, RUN_ALIASES, RUN_SKIPPED, RUN_COUNTS };
 
 void run_count(RunCount what);
+/* run_lines - the lines a run adds to and removes from a shared file;
+ * run_line_removed - one removed line, named in syslog (the first
+ * RUN_LINES_NAMED of the run, the rest counted) */
+void run_lines(const char *file, unsigned added, unsigned removed);
+void run_line_removed(const char *file, const char *line);
 /* rebuild_log_summary - done: "restored", or "checked" */
 void rebuild_log_summary(const char *done, double seconds);
 int run_qmail_newu(void);

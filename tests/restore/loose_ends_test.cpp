@@ -90,6 +90,19 @@ TEST(LooseEnds, EachRow)
                  EXPECT_EQ(signals, "signals:SigBlk:0000000000000000 SigIgn:0000000000000000 \n") << standin;
              }
          }},
+        {"the summary counts each shared file's lines and names those removed", "", "", [] {
+             write_file(sandbox_path("qmail/control/rcpthosts"), "stale.example\nexample.com\n");
+             write_file(sandbox_path("qmail/users/poppasswd"), "old:$1$abcdefgh$0123456789abcdefghijkl:popuser:/x\n");
+             int fd = devlog_listen();
+             ASSERT_GE(fd, 0);
+             ASSERT_EQ(run_rebox("--without-spam").status, 0);
+             std::vector<std::string> got = devlog_read(fd, "summary: ");
+             ASSERT_EQ(got.size(), 3u);
+             EXPECT_TRUE(has(got[0], "removed from control/rcpthosts: stale.example")) << got[0];
+             EXPECT_TRUE(has(got[1], "removed from users/poppasswd: old:*:popuser:/x")) << got[1];
+             EXPECT_TRUE(has(got[2], "; lines added and removed: rcpthosts +4 -1, virtualdomains +5 -0, assign +13 -0, "
+                                    "poppasswd +5 -1, rejectnonexist +2 -0")) << got[2];
+         }},
         {"a check cannot run detached", "", "", [] {
              CommandResult r = run_rebox("--check --daemon-mode");
              EXPECT_EQ(r.status, 1);
