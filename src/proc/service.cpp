@@ -246,10 +246,7 @@ int run_init_script(const char *path, const char *name, const char *action,
         start_script_child(path, name, action);
 
     int status = 0;
-    pid_t waited;
-    do
-        waited = waitpid(pid, &status, WUNTRACED);
-    while (waited < 0 && errno == EINTR);
+    pid_t waited = wait_child(pid, &status, WUNTRACED);
     if (waited < 0) {
         report(0, "Error occured during %s service %s: %s\n", verb, name, strerror(errno));
         return -1;
