@@ -152,18 +152,9 @@ int restore_nonexist_policy(const MailDomain *d, const NonexistPolicy *p)
     return 0;
 }
 
-/* reject_ascii - the ASCII form of a domain or alias name for its reject
- * line (caller frees); an empty or refused name ends the process */
-static char *reject_ascii(const char *domain)
-{
-    if (domain == nullptr || *domain == '\0')
-        report_plain(1, "set_reject: empty domain");
-    return domain_ascii_valid(domain, "set_reject: empty domain");
-}
-
 int set_reject(const Effects *fx, const char *domain, int on)
 {
-    char *ascii = reject_ascii(domain);
+    char *ascii = domain_ascii_valid(domain, "set_reject: empty domain");
 
     reject_line(fx, ascii, on);
     free(ascii);
@@ -172,7 +163,7 @@ int set_reject(const Effects *fx, const char *domain, int on)
 
 int add_reject(const Effects *fx, const char *domain)
 {
-    char *ascii = reject_ascii(domain);
+    char *ascii = domain_ascii_valid(domain, "set_reject: empty domain");
 
     /* Taken out, then put last: the name stands in the file once. */
     reject_line(fx, ascii, 0);
