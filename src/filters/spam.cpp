@@ -368,11 +368,10 @@ void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *
     apply_server_spam_settings(fx, conn);
     /* The name goes into every full mail name: a row the rebuild skips is
      * skipped here too, each named before the first mailbox is applied. */
-    for (size_t k = 0; k < count; k++) {
+    for (size_t k = 0; k < count; k++)
         if (domains[k].rule != nullptr)
             report_plain(0, "Skipping spam filter settings of domain '%s': %s",
-                   value_printable(domains[k].name, shown, sizeof shown), domains[k].rule);
-    }
+                         value_printable(domains[k].name, shown, sizeof shown), domains[k].rule);
     for (size_t k = 0; k < count; k++) {
         const MailDomainRow *d = &domains[k];
         if (d->rule != nullptr)

@@ -143,11 +143,10 @@ int restore_nonexist_policy(const MailDomain *d, const NonexistPolicy *p)
 {
     char line[QMAIL_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
 
-    if (strcmp(p->choice, "catch") == 0) {
+    if (strcmp(p->choice, "catch") == 0)
         if (const char *why = catch_line(p->value, line))
             report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
-                   value_printable(p->value, shown, sizeof(shown)), why);
-    }
+                         value_printable(p->value, shown, sizeof(shown)), why);
     apply(d, p, line);
     return 0;
 }

@@ -24,14 +24,7 @@ static void child_setup_fd(const int choice[3], int stream)
 
     if (fd == stream)
         return;
-    if (fd == -1) {
-        fd = open("/dev/null", O_RDWR);
-        if (fd < 0) {
-            report_stderr("fork_execv: dup() failed: %s\n", strerror(errno));
-            _exit(255);
-        }
-    }
-    if (dup2(fd, stream) < 0) {
+    if ((fd == -1 && (fd = open("/dev/null", O_RDWR)) < 0) || dup2(fd, stream) < 0) {
         report_stderr("fork_execv: dup() failed: %s\n", strerror(errno));
         _exit(255);
     }

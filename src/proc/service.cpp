@@ -116,9 +116,7 @@ static int control_tomcat(const char *action)
     int stop = strcmp(action, "stop") == 0;
     snprintf(script, sizeof(script), "%s/%s", panel_config.PRODUCT_RC_D, "tomcat5");
     int rc = run_init_script(script, "tomcat5", action, !stop);
-    if (rc != 0 && !stop)
-        return rc;
-    if (rc != 0 && !force_stop_tomcat())
+    if (rc != 0 && (!stop || !force_stop_tomcat()))
         return rc;
     if (stop)
         restart_httpd_if_running();
