@@ -19,30 +19,25 @@ static const char NOT_INSTALLED[] = "not_installed";
 void get_component_version(const char *name, char *out, size_t size)
 {
     char query[COMPONENT_BUF_SIZE];
-    MYSQL *conn;
-    MYSQL_RES *res;
-    MYSQL_ROW row;
-    char *escaped;
-    my_ulonglong rows;
+    MYSQL *conn = panel_db_open();
 
-    conn = panel_db_open();
     if (conn == nullptr)
         report_plain(1, "Unable to connect to the Vardo database");
-    escaped = db_escape(conn, name);
+    char *escaped = db_escape(conn, name);
     snprintf(query, sizeof(query), "SELECT version FROM Components WHERE name = '%s'", escaped);
     free(escaped);
 
     if (mysql_query(conn, query) != 0)
         report_plain(1, "Error during mysql_query: %s", mysql_error(conn));
-    res = mysql_store_result(conn);
+    MYSQL_RES *res = mysql_store_result(conn);
     if (res == nullptr)
         report_plain(1, "Error during mysql_store_result: %s", mysql_error(conn));
-    rows = mysql_num_rows(res);
+    my_ulonglong rows = mysql_num_rows(res);
     if (rows > 1)
         report_plain(1, "Duplicate record in Components table for package %s", name);
     if (rows == 0)
         report_plain(1, "Package '%s' is not found in Components table", name);
-    row = mysql_fetch_row(res);
+    MYSQL_ROW row = mysql_fetch_row(res);
     if (row == nullptr)
         report_plain(1, "Error during mysql_fetch_row: %s", mysql_error(conn));
     if (row[0] == nullptr)
@@ -69,7 +64,6 @@ int is_component_installed(const char *name)
 int is_component_installed_noerr(const char *name)
 {
     char query[COMPONENT_BUF_SIZE];
-    MYSQL *conn;
     MYSQL_RES *res;
     MYSQL_ROW row;
     char err[COMPONENT_ERR_SIZE];
@@ -79,7 +73,7 @@ int is_component_installed_noerr(const char *name)
         return 0;
     /* The session is opened without panel_db_open, which would print the
      * reason of a failed connect: this variant stays silent. */
-    conn = db_open_session(err, sizeof(err));
+    MYSQL *conn = db_open_session(err, sizeof(err));
     if (conn == nullptr)
         return 0;
     snprintf(query, sizeof(query), "SELECT version FROM Components WHERE name = '%s'", name);

@@ -56,11 +56,8 @@ static void set_db_err(char *err, size_t err_size, MYSQL *conn, const char *stag
 MYSQL *db_connect(char *err, size_t err_size)
 {
     char password[DB_PASSWORD_SIZE];
-    FILE *fp;
-    MYSQL *conn;
-    size_t len;
+    FILE *fp = fopen(DB_PASSWORD_FILE, "r");
 
-    fp = fopen(DB_PASSWORD_FILE, "r");
     if (fp == nullptr) {
         set_err(err, err_size, "Unable to open admin password file: %s", strerror(errno));
         return nullptr;
@@ -73,11 +70,11 @@ MYSQL *db_connect(char *err, size_t err_size)
         return nullptr;
     }
     fclose(fp);
-    len = strlen(password);
+    size_t len = strlen(password);
     if (len > 0 && password[len - 1] == '\n')
         password[len - 1] = '\0';
 
-    conn = mysql_init(nullptr);
+    MYSQL *conn = mysql_init(nullptr);
     if (conn == nullptr) {
         set_err(err, err_size, "Unable to initialize MySQL connection structure: %s",
                 strerror(ENOMEM));
@@ -128,13 +125,8 @@ MYSQL *db_open_session(char *err, size_t err_size)
     static const char fk_query[] = "set foreign_key_checks=0";
     static const char version_query[] = "SHOW VARIABLES LIKE 'version'";
     static const char misc_query[] = "SELECT val FROM misc WHERE param='mysql41_compatible'";
-    MYSQL *conn;
-    MYSQL_RES *res;
-    MYSQL_ROW row;
-    const char *names;
-    int sets_names;
+    MYSQL *conn = db_connect(err, err_size);
 
-    conn = db_connect(err, err_size);
     if (conn == nullptr)
         return nullptr;
 
@@ -142,22 +134,22 @@ MYSQL *db_open_session(char *err, size_t err_size)
 
     if (mysql_real_query(conn, version_query, strlen(version_query)) != 0)
         return fail_session(conn, nullptr, err, err_size, "query version");
-    res = mysql_store_result(conn);
+    MYSQL_RES *res = mysql_store_result(conn);
     if (res == nullptr)
         return fail_session(conn, nullptr, err, err_size, "store query result");
-    row = mysql_fetch_row(res);
+    MYSQL_ROW row = mysql_fetch_row(res);
     if (row == nullptr)
         return fail_session(conn, res, err, err_size, "fetch version row");
     if (mysql_num_fields(res) < 2 || row[1] == nullptr)
         return fail_session(conn, res, err, err_size, "empty version result");
-    sets_names = db_version_sets_names(row[1]);
+    int sets_names = db_version_sets_names(row[1]);
     mysql_free_result(res);
     if (!sets_names)
         return conn;
 
     if (mysql_real_query(conn, misc_query, strlen(misc_query)) != 0)
         return fail_session(conn, nullptr, err, err_size, "mysql41 compatible query");
-    names = choose_names(conn);
+    const char *names = choose_names(conn);
     if (mysql_real_query(conn, names, strlen(names)) != 0)
         return fail_session(conn, nullptr, err, err_size, "set names query");
     return conn;
@@ -165,11 +157,9 @@ MYSQL *db_open_session(char *err, size_t err_size)
 
 MYSQL *panel_db_open(void)
 {
-    char err[DB_ERR_SIZE];
-    MYSQL *conn;
+    char err[DB_ERR_SIZE] = "";
+    MYSQL *conn = db_open_session(err, sizeof(err));
 
-    err[0] = '\0';
-    conn = db_open_session(err, sizeof(err));
     if (conn == nullptr)
         report_plain(0, "%s", err);
     return conn;
@@ -201,13 +191,10 @@ void *xrealloc(void *ptr, size_t size)
 
 char *db_escape(MYSQL *conn, const char *text)
 {
-    size_t len;
-    char *escaped;
-
     if (text == nullptr)
         return nullptr;
-    len = strlen(text);
-    escaped = static_cast<char *>(xrealloc(nullptr, len * 2 + 1));
+    size_t len = strlen(text);
+    char *escaped = static_cast<char *>(xrealloc(nullptr, len * 2 + 1));
     mysql_real_escape_string(conn, escaped, text, len);
     return escaped;
 }

@@ -43,10 +43,9 @@ static int send_escaped(MYSQL *c, MYSQL *given, const char *fail_format, const c
     char *escaped = db_escape(c, value);
     char *statement = second != nullptr ? xasprintf(format, first, second, escaped)
                                         : xasprintf(format, first, escaped);
-    int rc;
 
     free(escaped);
-    rc = send_statement(c, given, statement, fail_format, name);
+    int rc = send_statement(c, given, statement, fail_format, name);
     free(statement);
     return rc;
 }
@@ -104,8 +103,6 @@ int put_param(const char *name, const char *value, MYSQL *conn)
 {
     static const char fail[] = "Unable to put parameter %s into misc: %s";
     MYSQL *c = db_open_own(conn, "Unable to connect to mysql database");
-    char *statement;
-    int rc;
 
     if (c == nullptr)
         return -1;
@@ -116,8 +113,8 @@ int put_param(const char *name, const char *value, MYSQL *conn)
     if (value != nullptr)
         return send_escaped(c, conn, fail, name, "replace into misc (param, val) values('%s', '%s')",
                             name, nullptr, value);
-    statement = xasprintf("replace into misc (param) values('%s')", name);
-    rc = send_statement(c, conn, statement, fail, name);
+    char *statement = xasprintf("replace into misc (param) values('%s')", name);
+    int rc = send_statement(c, conn, statement, fail, name);
     free(statement);
     return rc;
 }

@@ -159,13 +159,11 @@ static void av_run_query(const Effects *fx, MYSQL *conn, const char *query, cons
     MYSQL_ROW row;
 
     if (mysql_real_query(conn, query, strlen(query)) != 0
-        || (res = mysql_store_result(conn)) == nullptr) {
+        || (res = mysql_store_result(conn)) == nullptr)
         report_plain(1, failure, mysql_error(conn));
-    }
-    while ((row = mysql_fetch_row(res)) != nullptr) {
+    while ((row = mysql_fetch_row(res)) != nullptr)
         if (av_row_usable(res, row))
             add_antivirus_record(fx, row[2], row[1], row[0]);
-    }
     mysql_free_result(res);
 }
 

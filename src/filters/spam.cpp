@@ -260,19 +260,16 @@ static int apply_record(const Effects *fx, ArgVec *vec, const char *name, MYSQL 
     char action[SPAM_BUF_SIZE];
     MYSQL_RES *res;
     MYSQL_ROW row;
-    int32_t prefix_count;
-    size_t prefix_used;
-    char *escaped;
 
     argv_add(vec, "spamctl");
     if (!server_wide) {
         argv_add(vec, "--mailname");
         argv_add(vec, name);
     }
-    prefix_count = vec->count;
-    prefix_used = vec->used;
+    int32_t prefix_count = vec->count;
+    size_t prefix_used = vec->used;
 
-    escaped = db_escape(conn, name);
+    char *escaped = db_escape(conn, name);
     if ((res = spam_query(conn, "SELECT id, IF(reject_spam = 'true', 'delete', 'save') FROM spamfilter "
                                 "WHERE username = '%s'", escaped)) == nullptr) {
         free(escaped);
@@ -305,7 +302,6 @@ int apply_spam_settings(const Effects *fx, const char *name, MYSQL *conn)
     ArgVec vec;
     char path[SPAM_BUF_SIZE];
     struct stat st;
-    int result;
 
     argv_init(&vec);
     if (!is_component_installed("vdo-spamassassin"))
@@ -323,7 +319,7 @@ int apply_spam_settings(const Effects *fx, const char *name, MYSQL *conn)
     MYSQL *c = db_open_own(conn, "Unable to connect to mysql database\n");
     if (c == nullptr)
         return -1;
-    result = apply_record(fx, &vec, name, c, strncmp(name, "*@*", 3) == 0);
+    int result = apply_record(fx, &vec, name, c, strncmp(name, "*@*", 3) == 0);
     db_close_own(c, conn);
     return result;
 }
@@ -372,11 +368,10 @@ void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *
     apply_server_spam_settings(fx, conn);
     /* The name goes into every full mail name: a row the rebuild skips is
      * skipped here too, each named before the first mailbox is applied. */
-    for (size_t k = 0; k < count; k++) {
+    for (size_t k = 0; k < count; k++)
         if (domains[k].rule != nullptr)
             report_plain(0, "Skipping spam filter settings of domain '%s': %s",
-                   value_printable(domains[k].name, shown, sizeof shown), domains[k].rule);
-    }
+                         value_printable(domains[k].name, shown, sizeof shown), domains[k].rule);
     for (size_t k = 0; k < count; k++) {
         const MailDomainRow *d = &domains[k];
         if (d->rule != nullptr)

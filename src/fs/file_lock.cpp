@@ -167,8 +167,3 @@ int file_unlock(FileLock *lock)
     free(lock);
     return result;
 }
-
-int file_lock_dispose(FileLock *lock)
-{
-    return file_unlock(lock);
-}

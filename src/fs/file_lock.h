@@ -33,7 +33,4 @@ int file_lock_busy(const FileLock *lock);
  * allocated; null when PRODUCT_ROOT_D is not configured */
 char *file_lock_path(const char *path);
 int file_unlock(FileLock *lock);
-/* file_lock_dispose - same as file_unlock; used for handles whose lock
- * was not obtained */
-int file_lock_dispose(FileLock *lock);
 const char *md5_hex(const char *prefix, const char *text);

@@ -24,13 +24,6 @@ static int release(FileLock *lock, const char *path)
     return 0;
 }
 
-/* fail - release the lock after a failure; always 1 */
-static int fail(FileLock *lock, const char *path)
-{
-    release(lock, path);
-    return 1;
-}
-
 int file_str_list(const Effects *fx, const char *path, const char *const *lines, int operation, int mode)
 {
     FileLock *lock;
@@ -49,13 +42,11 @@ int file_str_list(const Effects *fx, const char *path, const char *const *lines,
         result = errno == ENOENT ? file_str_missing(path, operation, mode) : -1;
         if (result < 0)
             report(0, "Unable to open file %s: %s\n", path, strerror(errno));
-        return result == 0 ? release(lock, path) : fail(lock, path);
+        return release(lock, path) || result != 0;
     }
     result = fx->edit(&at, lines, operation, mode);
     path_at_close(&at);
-    if (result != 0)
-        return fail(lock, path);
-    return release(lock, path);
+    return release(lock, path) || result != 0;
 }
 
 FileLock *file_str_lock(const Effects *fx, const char *path)
@@ -66,7 +57,7 @@ FileLock *file_str_lock(const Effects *fx, const char *path)
         return lock;
     report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
     int failure = errno; /* the caller's message names the same cause */
-    file_lock_dispose(lock);
+    file_unlock(lock);
     errno = failure;
     return nullptr;
 }
@@ -109,7 +100,7 @@ int file_put(const Effects *fx, const char *path, const char *text, uid_t uid, g
     *step = STEP_LOCK;
     FileLock *lock = fx->lock(path, 1);
     if (!file_lock_held(lock)) {
-        file_lock_dispose(lock);
+        file_unlock(lock);
         return -1;
     }
     *step = STEP_OPEN;

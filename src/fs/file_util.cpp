@@ -203,7 +203,6 @@ int make_dir_parents(const Effects *fx, char *path, uid_t uid, gid_t gid, mode_t
 const char *read_first_line(const char *path)
 {
     FILE *in = fopen(path, "re");
-    size_t len;
 
     if (!in)
         report(1, "Unable to open file '%s'", path);
@@ -213,7 +212,7 @@ const char *read_first_line(const char *path)
         first_line_buf[0] = '\0';
     }
     fclose(in);
-    len = strlen(first_line_buf);
+    size_t len = strlen(first_line_buf);
     if (len > 0 && first_line_buf[len - 1] == '\n')
         first_line_buf[len - 1] = '\0';
     return first_line_buf;

@@ -179,13 +179,8 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
 {
     const char *rest = tree_rest(path);
 
-    at->fx = fx;
-    at->dir = -1;
-    at->path = path;
-    at->guarded = 0;
-    at->trusted_link = 0;
-    at->absent = 0;
-    at->owned = 1;
+    *at = PathAt{.fx = fx, .dir = -1, .name = "", .guarded = 0, .trusted_link = 0, .absent = 0, .owned = 1,
+                 .path = path};
     /* Relative paths are refused: the working directory is no anchor. */
     if (path[0] != '/') {
         errno = EINVAL;
@@ -275,13 +270,8 @@ void path_at_close(PathAt *at)
 
 void at_child(const Effects *fx, PathAt *at, int dir_fd, const char *name, const char *path)
 {
-    at->fx = fx;
-    at->dir = dir_fd;
-    at->path = path;
-    at->guarded = 1;
-    at->trusted_link = 0;
-    at->absent = is_absent_dir(dir_fd);
-    at->owned = 0;
+    *at = PathAt{.fx = fx, .dir = dir_fd, .name = "", .guarded = 1, .trusted_link = 0,
+                 .absent = is_absent_dir(dir_fd), .owned = 0, .path = path};
     set_name(at, name, strlen(name));
 }
 

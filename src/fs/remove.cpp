@@ -149,9 +149,7 @@ int remove_tree_at(int parent, const char *name)
         }
     }
     close(cur);
-    if (unlinkat(parent, name, AT_REMOVEDIR) != 0 && errno != ENOENT)
-        return -1;
-    return 0;
+    return unlinkat(parent, name, AT_REMOVEDIR) == 0 || errno == ENOENT ? 0 : -1;
 
 failed:
     int err = errno;

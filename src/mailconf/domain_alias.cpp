@@ -15,8 +15,6 @@ int add_domain_alias(const MailDomain *d, const char *alias)
     char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
     const char *id = d->id;
 
-    if (alias == nullptr || *alias == '\0')
-        report_plain(1, "empty domain or domain alias");
     char *alias_ascii = domain_ascii_valid(alias, "empty domain or domain alias");
 
     qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);
@@ -48,8 +46,6 @@ int remove_domain_alias(const MailDomain *d, const char *alias)
 {
     char line[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
 
-    if (alias == nullptr || *alias == '\0')
-        report_plain(1, "empty domain or domain alias");
     char *alias_ascii = domain_ascii_valid(alias, "empty domain or domain alias");
 
     qmail_file_path(path, sizeof(path), QMAIL_RCPTHOSTS_FILE);

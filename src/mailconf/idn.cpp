@@ -74,8 +74,8 @@ const char *idn_error_text(int code)
     return "Unknown error";
 }
 
-/* to_ascii - one ToASCII conversion; null with the code kept on failure */
-static char *to_ascii(const char *name)
+/* idn_toascii - one ToASCII conversion; null with the code kept on failure */
+char *idn_toascii(const char *name)
 {
     char *out = nullptr;
     int rc = idna_to_ascii_8z(name, &out, 0);
@@ -89,19 +89,18 @@ static char *to_ascii(const char *name)
     return nullptr;
 }
 
-char *idn_toascii(const char *name)
+/* checked - out, or the end of the process with member's message about
+ * text when the conversion failed */
+static char *checked(char *out, const char *member, const char *text)
 {
-    return to_ascii(name);
+    if (out == nullptr)
+        report_plain(1, "%s(%s) failed: %s", member, text, idn_error_text(idn_last_error));
+    return out;
 }
 
 char *idn_toascii_safe(const char *name)
 {
-    char *out = to_ascii(name);
-
-    if (out == nullptr)
-        report_plain(1, "%s(%s) failed: %s", "idn_toascii_safe", name,
-                     idn_error_text(idn_last_error));
-    return out;
+    return checked(idn_toascii(name), "idn_toascii_safe", name);
 }
 
 /* idn_toutf8 - ToUnicode; the library's output is returned as it is, so a
@@ -120,12 +119,7 @@ char *idn_toutf8(const char *name)
 
 char *idn_toutf8_safe(const char *name)
 {
-    char *out = idn_toutf8(name);
-
-    if (out == nullptr)
-        report_plain(1, "%s(%s) failed: %s", "idn_toutf8_safe", name,
-                     idn_error_text(idn_last_error));
-    return out;
+    return checked(idn_toutf8(name), "idn_toutf8_safe", name);
 }
 
 /* idn_email_toascii - the domain after the first '@' in ASCII form; the
@@ -137,7 +131,7 @@ char *idn_email_toascii(const char *address)
 
     if (at == nullptr)
         return nullptr;
-    char *domain = to_ascii(at + 1);
+    char *domain = idn_toascii(at + 1);
     if (domain == nullptr)
         return nullptr;
     char *result = xasprintf("%.*s@%s", static_cast<int>(at - address), address, domain);
@@ -147,12 +141,7 @@ char *idn_email_toascii(const char *address)
 
 char *idn_email_toascii_safe(const char *address)
 {
-    char *out = idn_email_toascii(address);
-
-    if (out == nullptr)
-        report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe", address,
-                     idn_error_text(idn_last_error));
-    return out;
+    return checked(idn_email_toascii(address), "idn_email_toascii_safe", address);
 }
 
 /* match_length - length of a sub-match, 0 when the group did not match */
@@ -181,9 +170,8 @@ const char *idn_url_toascii(const char *url)
     regex_t re;
     regmatch_t m[5];
     char errbuf[URL_BUF_SIZE];
-    int rc;
+    int rc = regcomp(&re, URL_PATTERN, REG_EXTENDED);
 
-    rc = regcomp(&re, URL_PATTERN, REG_EXTENDED);
     if (rc != 0) {
         regerror(rc, &re, errbuf, sizeof(errbuf));
         report_plain(1, "regcomp() failed: %s", errbuf);
@@ -205,7 +193,7 @@ const char *idn_url_toascii(const char *url)
     memcpy(result, url + m[3].rm_so, host_len);
     result[host_len] = '\0';
 
-    char *ascii = to_ascii(result);
+    char *ascii = idn_toascii(result);
     if (ascii == nullptr) {
         report_plain(0, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
         return nullptr;

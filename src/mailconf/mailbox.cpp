@@ -99,11 +99,10 @@ static int make_owned_dir(PathAt *at, int parent, const char *name, const Popuse
  * writer has told); 1 */
 static int skip_tree(const char *path)
 {
-    if (errno == ENOLINK)
-        return 1;
-    report_plain(0, "Skipping the mail directories of %s: a link or another kind of object stands where "
-                    "a directory belongs",
-                 path);
+    if (errno != ENOLINK)
+        report_plain(0, "Skipping the mail directories of %s: a link or another kind of object stands "
+                        "where a directory belongs",
+                     path);
     return 1;
 }
 
@@ -172,11 +171,10 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
     }
     if (home_fd < 0) {
         if (at_in_the_way(errno)) {
-            int err = errno;
+            skip_tree(home);
             if (domain_fd >= 0)
                 close(domain_fd);
-            errno = err;
-            return skip_tree(home);
+            return 1;
         }
         snprintf(message, sizeof(message), "Unable to %s %s dir: %s", what, home,
                  strerror(errno));

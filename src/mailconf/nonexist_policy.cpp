@@ -40,7 +40,6 @@ static const char *catch_line(const char *address, char *line)
 static void reject_line(const Effects *fx, const char *ascii, int on)
 {
     char path[QMAIL_BUF_SIZE];
-    int failed;
 
     qmail_file_path(path, sizeof(path), QMAIL_REJECTNONEXIST_FILE);
     /* Made when missing: an addition of no lines creates the file (in
@@ -48,10 +47,8 @@ static void reject_line(const Effects *fx, const char *ascii, int on)
     const char *none[] = {nullptr};
     if (file_str_list(fx, path, none, FILE_STR_ADD, FILE_STR_AT_END) != 0)
         report(1, "set_reject: Unable to create %s file.", path);
-    if (on)
-        failed = file_str(fx, path, ascii, FILE_STR_ADD, FILE_STR_AT_END);
-    else
-        failed = file_str(fx, path, ascii, FILE_STR_REMOVE, 1);
+    int failed = on ? file_str(fx, path, ascii, FILE_STR_ADD, FILE_STR_AT_END)
+                    : file_str(fx, path, ascii, FILE_STR_REMOVE, 1);
     if (failed)
         report(1, "set_reject: Unable to update %s file.", path);
     FileStep step;
@@ -76,9 +73,8 @@ static void put_default(const MailDomain *d, const char *line)
          * leaves the file as it is, with a warning, and the run goes on;
          * so does a domain directory skipped by the domain writer. */
         if (at_in_the_way(errno)) {
-            if (errno == ENOLINK)
-                return;
-            report_plain(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
+            if (errno != ENOLINK)
+                report_plain(0, "Skipping %s: a link or another kind of object stands where a file belongs", path);
             return;
         }
         if (step == STEP_CHOWN || step == STEP_CHMOD)
@@ -147,27 +143,17 @@ int restore_nonexist_policy(const MailDomain *d, const NonexistPolicy *p)
 {
     char line[QMAIL_BUF_SIZE], shown[VALUE_PRINTABLE_SIZE];
 
-    if (strcmp(p->choice, "catch") == 0) {
+    if (strcmp(p->choice, "catch") == 0)
         if (const char *why = catch_line(p->value, line))
             report_plain(1, "%s(%s) failed: %s", "idn_email_toascii_safe",
-                   value_printable(p->value, shown, sizeof(shown)), why);
-    }
+                         value_printable(p->value, shown, sizeof(shown)), why);
     apply(d, p, line);
     return 0;
 }
 
-/* reject_ascii - the ASCII form of a domain or alias name for its reject
- * line (caller frees); an empty or refused name ends the process */
-static char *reject_ascii(const char *domain)
-{
-    if (domain == nullptr || *domain == '\0')
-        report_plain(1, "set_reject: empty domain");
-    return domain_ascii_valid(domain, "set_reject: empty domain");
-}
-
 int set_reject(const Effects *fx, const char *domain, int on)
 {
-    char *ascii = reject_ascii(domain);
+    char *ascii = domain_ascii_valid(domain, "set_reject: empty domain");
 
     reject_line(fx, ascii, on);
     free(ascii);
@@ -176,7 +162,7 @@ int set_reject(const Effects *fx, const char *domain, int on)
 
 int add_reject(const Effects *fx, const char *domain)
 {
-    char *ascii = reject_ascii(domain);
+    char *ascii = domain_ascii_valid(domain, "set_reject: empty domain");
 
     /* Taken out, then put last: the name stands in the file once. */
     reject_line(fx, ascii, 0);

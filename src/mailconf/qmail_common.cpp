@@ -59,25 +59,18 @@ void set_shared_mode(const Effects *fx, const char *path, unsigned mode)
     file_owner_mode(fx, path, static_cast<uid_t>(-1), static_cast<gid_t>(-1), mode, &step);
 }
 
-/* domain_ascii - the ASCII form of a domain name (caller frees); a name
- * that does not convert ends the process */
-static char *domain_ascii(const char *domain)
-{
-    char *ascii = idn_toascii(domain);
-
-    if (ascii == nullptr)
-        report_plain(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
-    return ascii;
-}
-
 /* domain_ascii_valid - the ASCII form of a domain or alias name (caller
  * frees) that may stand in a directory name, a record and a lookup by name
- * (check_domain_ascii); one that does not convert ends the process as in
- * domain_ascii, one that breaks a rule with the writer's message */
+ * (check_domain_ascii); one that does not convert ends the process with
+ * the conversion's message, an empty one or one that breaks a rule with
+ * the writer's message */
 char *domain_ascii_valid(const char *domain, const char *message)
 {
-    char *ascii = domain_ascii(domain);
-
+    if (domain == nullptr || *domain == '\0')
+        report_plain(1, "%s", message);
+    char *ascii = idn_toascii(domain);
+    if (ascii == nullptr)
+        report_plain(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
     if (check_domain_ascii(ascii) != nullptr) {
         free(ascii);
         value_refused(message);

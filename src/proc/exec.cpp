@@ -24,14 +24,7 @@ static void child_setup_fd(const int choice[3], int stream)
 
     if (fd == stream)
         return;
-    if (fd == -1) {
-        fd = open("/dev/null", O_RDWR);
-        if (fd < 0) {
-            report_stderr("fork_execv: dup() failed: %s\n", strerror(errno));
-            _exit(255);
-        }
-    }
-    if (dup2(fd, stream) < 0) {
+    if ((fd == -1 && (fd = open("/dev/null", O_RDWR)) < 0) || dup2(fd, stream) < 0) {
         report_stderr("fork_execv: dup() failed: %s\n", strerror(errno));
         _exit(255);
     }
@@ -66,14 +59,19 @@ int shell_run(const char *command)
 {
     char *argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(command), nullptr};
     int status = 0;
-    pid_t waited;
 
     fflush(nullptr);
-    pid_t pid = fork_execv_pipes(0, 1, 2, "/bin/sh", argv);
+    return wait_child(fork_execv_pipes(0, 1, 2, "/bin/sh", argv), &status, 0) < 0 ? -1 : status;
+}
+
+pid_t wait_child(pid_t pid, int *status, int options)
+{
+    pid_t waited;
+
     do
-        waited = waitpid(pid, &status, 0);
+        waited = waitpid(pid, status, options);
     while (waited < 0 && errno == EINTR);
-    return waited < 0 ? -1 : status;
+    return waited;
 }
 
 void fork_exec_read_chunk(int *fd, char **buf, size_t *size, size_t *len)
@@ -110,11 +108,11 @@ static int decode_status(pid_t waited, int status)
     return WEXITSTATUS(status);
 }
 
-/* capture_run - run path with its standard output, and its standard error
- * when err is not null, on non-blocking pipes; read both until they close or
- * the child is found ended after a quiet second */
-static int capture_run(char **out, char **err, const char *path,
-                       char *const argv[])
+/* fork_execv_getouterr - run path with its standard output, and its
+ * standard error when err is not null, on non-blocking pipes; read both
+ * until they close or the child is found ended after a quiet second */
+int fork_execv_getouterr(char **out, char **err, const char *path,
+                         char *const argv[])
 {
     const int streams = err ? 2 : 1;
     char **bufs[2] = {out, err};
@@ -126,11 +124,11 @@ static int capture_run(char **out, char **err, const char *path,
     int result = -1;
     int reaped = 0;
 
-    for (int i = 0; i < streams; i++)
+    for (int i = 0; i < streams; i++) {
         *bufs[i] = nullptr;
-    for (int i = 0; i < streams; i++)
         if (pipe(ends[i]) < 0)
             report(1, "fork_execv_getouterr: pipe() failed");
+    }
     for (int i = 0; i < streams; i++) {
         if (fcntl(ends[i][0], F_SETFL, O_NONBLOCK) < 0)
             report(1, "fork_execv_getouterr: fcntl(O_NONBLOCK) failed");
@@ -176,11 +174,7 @@ static int capture_run(char **out, char **err, const char *path,
 
     if (!reaped) {
         int status = 0;
-        pid_t waited;
-
-        do
-            waited = waitpid(pid, &status, WUNTRACED);
-        while (waited < 0 && errno == EINTR);
+        pid_t waited = wait_child(pid, &status, WUNTRACED);
         result = decode_status(waited, status);
     }
 
@@ -198,15 +192,9 @@ static int capture_run(char **out, char **err, const char *path,
     return result;
 }
 
-int fork_execv_getouterr(char **out, char **err, const char *path,
-                         char *const argv[])
-{
-    return capture_run(out, err, path, argv);
-}
-
 int fork_execv_getout(char **out, const char *path, char *const argv[])
 {
-    return capture_run(out, nullptr, path, argv);
+    return fork_execv_getouterr(out, nullptr, path, argv);
 }
 
 char **vector_from_list(const char *arg0, va_list ap)

@@ -7,15 +7,6 @@
  * child once a second, so a descendant that keeps the pipes open cannot hang
  * the caller.
  *
- * Engines (exec.cpp): fork_execv_pipes, fork_execv_getouterr,
- * fork_execv_getout, fork_exec_read_chunk and the list forms
- * fork_execl_pipes, fork_execl_getouterr, fork_execl_getout.
- * Runners that report failures (exec_run.cpp): util_execv, util_execl,
- * util_exec, admin_util_exec, admin_util_execv, exec_quiet, util_exec_fd,
- * popen_exec, popen_exec_report.
- * Small helpers (exec_util.cpp): find_in_path, close_fds_from_3,
- * redirect_fd, check_params_consumed, check_param_present, xmalloc.
- *
  * Run result of every function that waits: the child's exit code (0..255),
  * or -1 when it was ended or stopped by a signal or could not be waited for.
  * A child whose descriptor set-up or execv() fails prints a message on
@@ -69,6 +60,8 @@ void child_start(void);
 /* shell_run - command run by /bin/sh -c as system(3) runs it, its child
  * started by child_start(); the raw wait status, or -1 */
 int shell_run(const char *command);
+/* wait_child - waitpid(pid) retried while a signal interrupts it */
+pid_t wait_child(pid_t pid, int *status, int options);
 void close_fds_from_3(void);
 int redirect_fd(int fd, int target);
 void check_params_consumed(int expected, int consumed);

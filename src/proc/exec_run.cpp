@@ -151,10 +151,7 @@ int exec_quiet(const char *path, ...)
 
     /* Only this child is waited for, so no other child's status is taken. */
     int status = 0;
-    pid_t waited;
-    do
-        waited = waitpid(pid, &status, 0);
-    while (waited < 0 && errno == EINTR);
+    pid_t waited = wait_child(pid, &status, 0);
     if (waited < 0) {
         report(0, "exec_quiet: unable to wait for %s: %s", path, strerror(errno));
         return 1;
@@ -210,10 +207,7 @@ int util_exec_fd(int fd_in, int fd_out, const char *path, char *const argv[])
     close(err_pipe[0]);
 
     int status = 0;
-    pid_t waited;
-    do
-        waited = waitpid(pid, &status, WUNTRACED);
-    while (waited < 0 && errno == EINTR);
+    pid_t waited = wait_child(pid, &status, WUNTRACED);
     if (waited < 0) {
         report(0, "Error occured during waiting the child process with pid: %d: %s\n",
                static_cast<int>(pid), strerror(errno));
@@ -240,77 +234,57 @@ int popen_exec(char **out, const char *command)
     *out = nullptr;
     char *argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(command), nullptr};
     int ends[2];
-    FILE *pipe_stream = nullptr;
-    pid_t pid = -1;
     /* As popen(3) runs it, but the shell is started by child_start(). */
-    if (pipe2(ends, O_CLOEXEC) == 0) {
-        fflush(nullptr);
-        pid = fork_execv_pipes(0, ends[1], 2, "/bin/sh", argv);
-        close(ends[1]);
-        if ((pipe_stream = fdopen(ends[0], "r")) == nullptr)
-            close(ends[0]);
-    }
-    if (pipe_stream == nullptr) {
+    if (pipe2(ends, O_CLOEXEC) != 0) {
         report_stderr("popen_exec: failed to execute command: fork or pipe calls "
                       "failed, or cannon allocate memory\n");
         return -1;
     }
+    fflush(nullptr);
+    pid_t pid = fork_execv_pipes(0, ends[1], 2, "/bin/sh", argv);
+    close(ends[1]);
 
     size_t capacity = POPEN_STEP;
     size_t len = 0;
-    int read_failed = 0;
     int read_error = 0;
     char *buf = static_cast<char *>(malloc(capacity + 1));
     if (buf == nullptr)
         report(1, "Cannot allocate memory");
 
-    for (;;) {
-        int c = getc(pipe_stream);
-        if (c == EOF) {
-            if (!ferror(pipe_stream))
-                break;
-            if (errno == EINTR) {
-                clearerr(pipe_stream);
-                continue;
-            }
-            read_failed = 1;
+    for (ssize_t n; (n = read(ends[0], buf + len, capacity - len)) != 0;) {
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
             read_error = errno;
             break;
         }
-        if (len == capacity) {
-            char *bigger = static_cast<char *>(realloc(buf, capacity + POPEN_STEP + 1));
-            if (bigger == nullptr) {
-                report_stderr("popen_exec: warning: failed to allocate memory for "
-                              "command output buffer\n");
-                len = 0;
-                break;
-            }
-            buf = bigger;
-            capacity += POPEN_STEP;
+        len += static_cast<size_t>(n);
+        if (len < capacity)
+            continue;
+        char *bigger = static_cast<char *>(realloc(buf, capacity + POPEN_STEP + 1));
+        if (bigger == nullptr) {
+            report_stderr("popen_exec: warning: failed to allocate memory for "
+                          "command output buffer\n");
+            len = 0;
+            break;
         }
-        buf[len++] = static_cast<char>(c);
+        buf = bigger;
+        capacity += POPEN_STEP;
     }
     buf[len] = 0;
 
-    if (read_failed)
+    if (read_error)
         report_stderr("popen_exec: failed to read command output: %s\n",
                       strerror(read_error));
-    fclose(pipe_stream);
+    close(ends[0]);
     int status = 0;
-    pid_t waited;
-    do
-        waited = waitpid(pid, &status, 0);
-    while (waited < 0 && errno == EINTR);
-    if (waited < 0)
-        status = -1;
+    pid_t waited = wait_child(pid, &status, 0);
     *out = buf;
-    if (read_failed) {
+    if (read_error) {
         errno = read_error;
         return -1;
     }
-    if (status == -1)
-        return -1;
-    return (status >> 8) & 0xff;
+    return waited < 0 ? -1 : (status >> 8) & 0xff;
 }
 
 int popen_exec_report(const char *command)

@@ -5,12 +5,10 @@
 #include "proc/exec.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 
 static const size_t CMD_BUF_SIZE = 4096;
 
-/* send_now - the ps and kill pipeline; the raw status of the shell */
-static int send_now(const char *name, int sig)
+int kill_by_name(const char *name, int sig)
 {
     char cmd[CMD_BUF_SIZE];
 
@@ -21,9 +19,4 @@ static int send_now(const char *name, int sig)
              "do %s -%d $pid ; done",
              "/bin/ps", "/bin/grep", name, "/usr/bin/awk", "/bin/kill", sig);
     return shell_run(cmd);
-}
-
-int kill_by_name(const char *name, int sig)
-{
-    return send_now(name, sig);
 }

@@ -116,9 +116,7 @@ static int control_tomcat(const char *action)
     int stop = strcmp(action, "stop") == 0;
     snprintf(script, sizeof(script), "%s/%s", panel_config.PRODUCT_RC_D, "tomcat5");
     int rc = run_init_script(script, "tomcat5", action, !stop);
-    if (rc != 0 && !stop)
-        return rc;
-    if (rc != 0 && !force_stop_tomcat())
+    if (rc != 0 && (!stop || !force_stop_tomcat()))
         return rc;
     if (stop)
         restart_httpd_if_running();
@@ -246,10 +244,7 @@ int run_init_script(const char *path, const char *name, const char *action,
         start_script_child(path, name, action);
 
     int status = 0;
-    pid_t waited;
-    do
-        waited = waitpid(pid, &status, WUNTRACED);
-    while (waited < 0 && errno == EINTR);
+    pid_t waited = wait_child(pid, &status, WUNTRACED);
     if (waited < 0) {
         report(0, "Error occured during %s service %s: %s\n", verb, name, strerror(errno));
         return -1;

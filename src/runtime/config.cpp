@@ -35,17 +35,9 @@ static int conf_load(void)
 
     if (fd < 0)
         return 0;
-    if (fstat(fd, &st) < 0 || st.st_size <= 0) {
-        close(fd);
-        return 0;
-    }
-    size_t size = static_cast<size_t>(st.st_size);
-    char *buf = static_cast<char *>(malloc(size + 2));
-    if (buf == nullptr) {
-        close(fd);
-        return 0;
-    }
-    ssize_t got = read(fd, buf, size);
+    size_t size = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+    char *buf = size > 0 ? static_cast<char *>(malloc(size + 2)) : nullptr;
+    ssize_t got = buf != nullptr ? read(fd, buf, size) : -1;
     close(fd);
     if (got < 0 || static_cast<size_t>(got) != size) {
         free(buf);
