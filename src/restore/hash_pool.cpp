@@ -19,7 +19,9 @@
 #include <pthread.h>
 #include <sched.h>
 #include <stdlib.h>
+#include <stdio.h>
 #include <string.h>
+#include <time.h>
 
 #include <string>
 #include <unordered_map>
@@ -45,7 +47,7 @@ struct HashEntry {
 };
 
 static MYSQL *pool_conn;
-static const char *pool_salt;
+static char pool_salt[12];
 static std::vector<pthread_t> threads;
 /* Never destroyed at exit: a fatal error ends the process while the
  * threads may still use them. */
@@ -128,8 +130,16 @@ static int processors(void)
 
 void hash_pool_start(MYSQL *conn, const char *salt)
 {
+    static const char alphabet[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+
+    srand(time(nullptr));
+    memcpy(pool_salt, "$1$", 3);
+    for (int i = 3; i < 11; i++)
+        pool_salt[i] = alphabet[(static_cast<int>(rand() * 64.0 * 4.656612873077393e-10) + 1) % 64];
+    pool_salt[11] = 0;
+    if (salt != nullptr)
+        snprintf(pool_salt, sizeof(pool_salt), "%s", salt);
     pool_conn = conn;
-    pool_salt = salt;
     entries.clear();
     by_id.clear();
     next_entry.store(0);

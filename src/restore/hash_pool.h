@@ -5,7 +5,8 @@
  * mailboxes keep plain passwords, hashing is most of a rerun on an
  * unchanged panel.  hash_pool_start() reads every plain password of the
  * mail domains in one query, over a connection of its own, and hashes
- * them with the run's salt on one thread per processor, in the order the
+ * them with the run's salt ("$1$" and eight characters drawn at random, so
+ * that all plain passwords of a run hash alike) on one thread per processor, in the order the
  * pass takes the mailboxes.  hash_pool_get() gives crypt()'s answer for a
  * mailbox's plain password: the pool's when it made it for that very text,
  * else made on the spot by the caller, who never waits for a hash nobody
@@ -16,9 +17,9 @@
 
 #include <mysql.h>
 
-/* hash_pool_start - the threads started on conn (which the pool closes;
- * null: no pool, every hash is made by the caller); salt must stay
- * untouched until hash_pool_stop() */
+/* hash_pool_start - the run's salt made (salt: that one instead) and the
+ * threads started on conn, which the pool closes (null: no pool, every
+ * hash is made by the caller) */
 void hash_pool_start(MYSQL *conn, const char *salt);
 
 /* hash_pool_get - crypt()'s answer for mailbox mailbox_id's plain password

@@ -19,8 +19,9 @@
  * aliases' reject lines; files an earlier run wrote stay.  A domain or
  * mailbox whose directory is in the way of a foreign object, or behind
  * root's link that cannot be followed, keeps its records and its files.
- * What the pass asks of a domain is domain_facts', what it waits on is
- * started ahead (read_ahead), the summary's counts are finish's; the
+ * What the pass asks of a domain is domain_facts' (each domain's questions
+ * sent ahead over a second connection), the passwords are hashed ahead on
+ * every processor (hash_pool), the summary's counts are finish's; the
  * table of effects remembers what a check run needs to report surplus
  * directories and unchanged passwords.
  */
@@ -45,7 +46,7 @@
 #include "restore/finish.h"
 #include "restore/panel_rows.h"
 #include "restore/progress.h"
-#include "restore/read_ahead.h"
+#include "restore/hash_pool.h"
 #include "restore/shared_files.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
@@ -155,7 +156,7 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailDomain *d
     /* A plain password crypt refuses (it takes at most 511 bytes) gives
      * no hash but crypt's failure token, a login that can never succeed:
      * such a mailbox is skipped like a row that breaks a rule. */
-    const char *hash = m.postbox && m.plain != nullptr ? read_ahead_hash(m.id, m.plain) : m.password;
+    const char *hash = m.postbox && m.plain != nullptr ? hash_pool_get(m.id, m.plain) : m.password;
     if (m.postbox && m.plain != nullptr && (hash == nullptr || *hash == '*')) {
         skip_row("mailbox", m.mail_name, nullptr, domain, "its password cannot be hashed");
         return;
@@ -227,7 +228,13 @@ static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
     mail_domain(pass->fx, d, &pass->popuser, &md, "empty domain");
     md.reread_due = &pass->reread_due;
     domain_facts(pass->conn, d, &facts);
-    read_ahead_domain(domains, facts.boxes, k);
+    /* The mailboxes' own questions and the next domain's go out now, to
+     * be answered while this domain is written. */
+    for (const MailboxRow &m : facts.boxes)
+        if (m.rule == nullptr)
+            mailbox_lists_prefetch(&m);
+    if (k + 1 < domains->rows.size())
+        domain_facts_prefetch(&domains->rows[k + 1]);
     /* A domain whose directory is root's link that cannot be followed
      * keeps its records; its files on disk stay as they are. */
     int dir_skipped = add_mail_domain(&md, d->disabled) != 0;
@@ -297,12 +304,17 @@ void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int pro
     pass.full_names_required = short_pop3_names_allowed(pass.conn) == 0;
 
     read_mail_domains(pass.conn, domains);
-    read_ahead_start(domains);
+    /* Without a connection of its own (the server may allow no third one)
+     * the pass hashes the passwords itself, without a word. */
+    char err[PANEL_QUERY_SIZE];
+    hash_pool_start(db_open_session(err, sizeof(err)), nullptr);
+    if (!domains->rows.empty())
+        domain_facts_prefetch(&domains->rows[0]);
     progress_start(&pass.progress, progress, domains->rows.size(), progress ? mailbox_total(pass.conn) : 0);
     for (size_t k = 0; k < domains->rows.size(); k++)
         restore_domain(&pass, domains, k);
     progress_end(&pass.progress);
-    read_ahead_stop();
+    hash_pool_stop();
     pipeline_close();
     mysql_close(ahead);
 
