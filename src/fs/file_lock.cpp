@@ -167,3 +167,16 @@ int file_unlock(FileLock *lock)
     free(lock);
     return result;
 }
+
+FileLock *file_lock_reported(const Effects *fx, const char *path)
+{
+    FileLock *lock = fx->lock(path, 1);
+
+    if (file_lock_held(lock))
+        return lock;
+    report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
+    int failure = errno; /* the caller's message names the same cause */
+    file_unlock(lock);
+    errno = failure;
+    return nullptr;
+}

@@ -9,6 +9,8 @@
  */
 #pragma once
 
+#include "fs/effect.h"
+
 /* FileLock - a lock handle.  fd > 0: held; 0: busy (held elsewhere, seen
  * by a non-waiting attempt); < 0: the lock file could not be opened or
  * locked.  path is the lock file's path, kept for messages. */
@@ -34,3 +36,7 @@ int file_lock_busy(const FileLock *lock);
 char *file_lock_path(const char *path);
 int file_unlock(FileLock *lock);
 const char *md5_hex(const char *prefix, const char *text);
+
+/* file_lock_reported - the named lock of path taken through fx (waited
+ * for), or null after the locking message (errno of its cause) */
+FileLock *file_lock_reported(const Effects *fx, const char *path);

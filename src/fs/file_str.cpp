@@ -33,13 +33,13 @@ int file_str_list(const Effects *fx, const char *path, const char *const *lines,
     int result = held_file_edit(path, lines, operation, mode);
     if (result >= 0)
         return result;
-    if (!(lock = file_str_lock(fx, path)))
+    if (!(lock = file_lock_reported(fx, path)))
         return 1;
     /* The file's directory is opened once, and every step of the edit
      * works through it: in the mail tree no link is followed, and the
      * directory cannot be swapped between two steps. */
     if (path_at(fx, path, &at) != 0) {
-        result = errno == ENOENT ? file_str_missing(path, operation, mode) : -1;
+        result = errno == ENOENT ? line_edit_missing(path, operation, mode) : -1;
         if (result < 0)
             report(0, "Unable to open file %s: %s\n", path, strerror(errno));
         return release(lock, path) || result != 0;
@@ -47,31 +47,6 @@ int file_str_list(const Effects *fx, const char *path, const char *const *lines,
     result = fx->edit(&at, lines, operation, mode);
     path_at_close(&at);
     return release(lock, path) || result != 0;
-}
-
-FileLock *file_str_lock(const Effects *fx, const char *path)
-{
-    FileLock *lock = fx->lock(path, 1);
-
-    if (file_lock_held(lock))
-        return lock;
-    report(0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
-    int failure = errno; /* the caller's message names the same cause */
-    file_unlock(lock);
-    errno = failure;
-    return nullptr;
-}
-
-int file_str_missing(const char *path, int operation, int mode)
-{
-    if (operation == FILE_STR_ADD && mode == FILE_STR_AT_END)
-        return -1;
-    if (operation == FILE_STR_REMOVE_MATCHING || (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
-        errno = ENOENT;
-        report(0, "Unable to open file %s: %s\n", path, strerror(ENOENT));
-        return 1;
-    }
-    return operation == FILE_STR_REMOVE;
 }
 
 int file_str(const Effects *fx, const char *path, const char *line, int operation, int mode)

@@ -20,16 +20,6 @@ struct FileLock;
 int file_str(const Effects *fx, const char *path, const char *line, int operation, int mode);
 int file_str_list(const Effects *fx, const char *path, const char *const *lines, int operation, int mode);
 
-/* file_str_lock - the named lock of path taken through fx, or null after
- * the locking message (errno of its cause) */
-FileLock *file_str_lock(const Effects *fx, const char *path);
-
-/* file_str_missing - what an edit makes of a file that does not exist,
- * on disk or held: -1 when it goes on and creates the file (an append),
- * else its result (1 after the open message where the file would be
- * opened, 1 silently for an exact removal, 0 when nothing is opened) */
-int file_str_missing(const char *path, int operation, int mode);
-
 /* file_put - make the file at path hold exactly text with owner, group and
  * mode, under its named lock, replacing it whole and only when it differs
  * (replace_file).  0 unchanged, 1 replaced, -1 with errno and *step

@@ -87,7 +87,7 @@ static int hold(const Effects *fx, const char *path, int durable, int rebuilt)
         errno = 0; /* a failed hold leaves its cause in errno: here none */
         return 1;
     }
-    FileLock *lock = rebuilt ? nullptr : file_str_lock(fx, path);
+    FileLock *lock = rebuilt ? nullptr : file_lock_reported(fx, path);
     if (!rebuilt && lock == nullptr)
         return 1;
     if (!rebuilt)
@@ -202,7 +202,7 @@ int held_file_edit(const char *path, const char *const *lines, int operation, in
     if (load(h) != 0)
         return 1;
     if (!h->exists) {
-        int rc = file_str_missing(path, operation, mode);
+        int rc = line_edit_missing(path, operation, mode);
         if (rc >= 0)
             return rc;
         h->exists = 1;
@@ -327,7 +327,7 @@ static int locked_to_write(HeldFile *h)
         return 1;
     if (unchanged(h))
         return 0;
-    h->lock = file_str_lock(h->fx, h->path);
+    h->lock = file_lock_reported(h->fx, h->path);
     return h->lock != nullptr ? 1 : -1;
 }
 

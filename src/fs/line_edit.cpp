@@ -20,6 +20,8 @@
  */
 #include "fs/line_edit.h"
 
+#include "runtime/report.h"
+
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
@@ -338,4 +340,16 @@ int line_edit_apply(const char *in, size_t in_len, const char *const *entries,
         rc = -1;
     line_store_free(s);
     return rc;
+}
+
+int line_edit_missing(const char *path, int operation, int mode)
+{
+    if (operation == FILE_STR_ADD && mode == FILE_STR_AT_END)
+        return -1;
+    if (operation == FILE_STR_REMOVE_MATCHING || (operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
+        errno = ENOENT;
+        report(0, "Unable to open file %s: %s\n", path, strerror(ENOENT));
+        return 1;
+    }
+    return operation == FILE_STR_REMOVE;
 }

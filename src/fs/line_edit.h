@@ -71,3 +71,9 @@ int line_store_text(const LineStore *store, TextBuf *out);
  * leaves them; as line_store_apply, the pieces removed or -1 */
 int line_edit_apply(const char *in, size_t in_len, const char *const *entries,
                     int operation, int mode, TextBuf *out);
+
+/* line_edit_missing - what an edit makes of a file that does not exist,
+ * on disk or held: -1 when it goes on and creates the file (an append),
+ * else its result (1 after the open message where the file would be
+ * opened, 1 silently for an exact removal, 0 when nothing is opened) */
+int line_edit_missing(const char *path, int operation, int mode);

@@ -184,7 +184,7 @@ int apply_edit(PathAt *at, const char *const *lines, int operation, int mode)
     /* Adding at the beginning leaves the temporary file holding the new
      * lines before it fails at the missing file. */
     if (missing && !(operation == FILE_STR_ADD && mode == FILE_STR_AT_BEGIN)) {
-        int rc = file_str_missing(at->path, operation, mode);
+        int rc = line_edit_missing(at->path, operation, mode);
         if (rc >= 0)
             return rc;
     }

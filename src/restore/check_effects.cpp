@@ -145,7 +145,7 @@ static int check_edit(PathAt *at, const char *const *lines, int operation, int m
     int rc = 0;
 
     if (read_file_at(at, &disk, &st) != 0) {
-        rc = errno == ENOENT ? file_str_missing(at->path, operation, mode) : -1;
+        rc = errno == ENOENT ? line_edit_missing(at->path, operation, mode) : -1;
         /* Nothing more where the directory is already reported missing or
          * the object was reported foreign as it was opened. */
         if (rc < 0 && errno != EEXIST && !at->absent)
