@@ -83,7 +83,7 @@ TEST_F(Command, ModesChooseThePasses)
     EXPECT_EQ(run_command("grep -m1 state: " + sandbox_path(STANDIN_SPAMCTL ".calls")).out, "state:/ 0 unlimited\n");
     EXPECT_EQ(read_calls(sandbox_path(STANDIN_SPAMCTL))[0],
               (std::vector<std::string>{"start", "--enable-server-configs", "--max-children", "5"}));
-    EXPECT_EQ(read_calls(sandbox_path(STANDIN_VIRUSCTL)), (std::vector<std::vector<std::string>>{{"-r"}}));
+    EXPECT_EQ(read_calls(sandbox_path(STANDIN_VIRUSCTL)), (Calls{{"-r"}}));
 }
 
 TEST_F(Command, UnprivilegedRunStopsFirst)
