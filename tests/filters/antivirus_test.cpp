@@ -56,7 +56,7 @@ TEST_F(AntivirusTest, HeadDirectionsTemplateAndRepeatedAddress)
     run_pass();
     EXPECT_EQ(read_file(conf), "[version=2]\n");
     EXPECT_EQ(file_meta(conf), "0644 0 0");
-    EXPECT_EQ(read_calls(virusctl), (std::vector<std::vector<std::string>>{{"-r"}}));
+    EXPECT_EQ(read_calls(virusctl), (Calls{{"-r"}}));
 
     /* The template gives the head; its line in the exact form of a checked
      * address gives way to a pattern record at the end.  dup, a mailbox

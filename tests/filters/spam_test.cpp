@@ -16,8 +16,6 @@
 
 namespace {
 
-using Calls = std::vector<std::vector<std::string>>;
-
 struct SpamTest : ::testing::Test {
     std::string spamctl = sandbox_path(STANDIN_SPAMCTL);
 

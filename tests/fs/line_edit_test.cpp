@@ -1,9 +1,12 @@
-/* Tests of the in-memory line editing rules: no files involved. */
+/* Tests of the in-memory line editing rules, no files involved: the rules
+ * themselves, a store edited many times against one edit of its whole text
+ * at each step, and the cost of large edits. */
 #include "fs/line_edit.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -20,6 +23,33 @@ static std::string edit(const std::string &text, std::vector<const char *> entri
     if (removed)
         *removed = n;
     return result;
+}
+
+/* text_of - what a store holds */
+static std::string text_of(const LineStore *s)
+{
+    TextBuf t = {};
+    EXPECT_EQ(line_store_text(s, &t), 0);
+    std::string out(t.data ? t.data : "", t.len);
+    text_buf_free(&t);
+    return out;
+}
+
+/* word - short record-like texts that collide often, now and then a long
+ * one or one holding a newline */
+static std::string word(std::mt19937 &rng)
+{
+    static const char *const parts[] = {"/a", "/b", "/m/x", "example", "=1-info:", ".", "", "/home/a/b"};
+    std::string w;
+    int n = rng() % 3 + 1;
+    for (int i = 0; i < n; i++)
+        w += parts[rng() % 8];
+    switch (rng() % 20) {
+    case 0: w += std::string(LINE_EDIT_PIECE_MAX - 2 + rng() % 6, 'L'); break;
+    case 1: w += "\n" + w; break;
+    case 2: w += "\n"; break;
+    }
+    return w;
 }
 
 TEST(LineEdit, OperationsMatchingRulesAndPieces)
@@ -62,7 +92,46 @@ TEST(LineEdit, OperationsMatchingRulesAndPieces)
     EXPECT_EQ(removed, 2);
 }
 
-TEST(LineEdit, LinearInTextSize)
+/* Dead pieces, lazily built indexes and additions at both ends leave a
+ * store as one edit of its whole text at each step would. */
+TEST(LineEdit, StoreEditedManyTimesAsOneEditOfItsText)
+{
+    for (unsigned seed = 1; seed <= 60; seed++) {
+        std::mt19937 rng(seed);
+        std::string text;
+        for (int i = rng() % 8; i > 0; i--)
+            text += word(rng) + (rng() % 6 ? "\n" : "");
+        LineStore *store = line_store_new(text.data(), text.size());
+        ASSERT_NE(store, nullptr);
+        for (int step = 0; step < 80; step++) {
+            static const int ops[][2] = {
+                {FILE_STR_ADD, FILE_STR_AT_END},          {FILE_STR_ADD, FILE_STR_AT_BEGIN},
+                {FILE_STR_REMOVE, 0},                     {FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX},
+                {FILE_STR_REMOVE_MATCHING, FILE_STR_PREFIX}, {FILE_STR_REMOVE_MATCHING, FILE_STR_SUBSTRING},
+                {FILE_STR_REMOVE_MATCHING, 7},            {FILE_STR_ADD, 5},
+            };
+            const int *op = ops[rng() % 8];
+            std::vector<std::string> words;
+            for (int i = rng() % 3 + 1; i > 0; i--)
+                words.push_back(word(rng));
+            std::vector<const char *> entries;
+            for (const std::string &w : words)
+                entries.push_back(w.c_str());
+            int want = 0;
+            text = edit(text, entries, op[0], op[1], &want);
+            entries.push_back(nullptr);
+            ASSERT_EQ(line_store_apply(store, entries.data(), op[0], op[1]), want) << "seed " << seed << " step " << step;
+            ASSERT_EQ(text_of(store), text) << "seed " << seed << " step " << step;
+        }
+        line_store_free(store);
+    }
+}
+
+/* Large edits cost what they change: many entries over a large text, and
+ * many equal lines removed at once (a store that drops them from its index
+ * one by one, or whose index grows with each removal and re-addition of a
+ * line, takes hours here). */
+TEST(LineEdit, CostsWhatItChanges)
 {
     std::string text, expected;
     std::vector<std::string> gone;
@@ -83,4 +152,22 @@ TEST(LineEdit, LinearInTextSize)
     EXPECT_EQ(edit(text, {"nowhere"}, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX).size(), text.size());
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     EXPECT_LT(seconds, 5.0) << "2000 entries over 6 MB should take well under a second";
+
+    const int n = 200000;
+    std::string equal;
+    for (int i = 0; i < n; i++)
+        equal += i % 2 ? "\n" : "/home/x/same\n";
+    start = std::chrono::steady_clock::now();
+    LineStore *store = line_store_new(equal.data(), equal.size());
+    ASSERT_NE(store, nullptr);
+    const char *empty[] = {"", nullptr}, *same[] = {"/x/same", nullptr}, *one[] = {"one", nullptr};
+    EXPECT_EQ(line_store_apply(store, empty, FILE_STR_REMOVE, 0), n / 2);
+    EXPECT_EQ(line_store_apply(store, same, FILE_STR_REMOVE_MATCHING, FILE_STR_SUFFIX), n / 2);
+    for (int i = 0; i < n; i++) {
+        ASSERT_EQ(line_store_apply(store, one, FILE_STR_ADD, FILE_STR_AT_END), 0);
+        ASSERT_EQ(line_store_apply(store, one, FILE_STR_REMOVE, 0), 1);
+    }
+    EXPECT_EQ(text_of(store), "");
+    line_store_free(store);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
 }

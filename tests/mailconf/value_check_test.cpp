@@ -81,7 +81,7 @@ TEST(ValueCheck, BounceTextsRunOnlyBouncesaying)
         for (char &c : text)
             if (c == '\n')
                 c = ' ';
-        EXPECT_EQ(read_calls(bin + "/bouncesaying"), std::vector<std::vector<std::string>>{{text}}) << line;
+        EXPECT_EQ(read_calls(bin + "/bouncesaying"), Calls{{text}}) << line;
         EXPECT_EQ(tree_snapshot(scratch), "") << "side effect of " << line;
     }
 }

@@ -91,5 +91,5 @@ TEST(ExecRunners, FailuresReportedAndAdminUtilitiesByBareName)
     EXPECT_TRUE(has(printed, "Utility name 'bin/virusctl' is invalid. Use only utility name without path."));
     EXPECT_TRUE(has(printed, "Utility name '' is invalid."));
     EXPECT_EQ(admin_util_exec("virusctl", "-r", nullptr) + admin_util_execv("virusctl", argv), 0);
-    EXPECT_EQ(read_calls(stub), (std::vector<std::vector<std::string>>{{"-r"}, {"--x"}}));
+    EXPECT_EQ(read_calls(stub), (Calls{{"-r"}, {"--x"}}));
 }

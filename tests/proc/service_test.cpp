@@ -13,8 +13,6 @@
 
 #include <string>
 
-using Calls = std::vector<std::vector<std::string>>;
-
 static std::string rc(const std::string &name)
 {
     return sandbox_path("rc.d/" + name);

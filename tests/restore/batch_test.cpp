@@ -1,7 +1,5 @@
-/* The rebuild is all or nothing: a failed or killed run leaves the previous
- * shared files, readers see whole files, a rerun on an unchanged panel
- * touches nothing but poppasswd; other editors of the shared files wait for
- * the pass and lose nothing. */
+/* The rebuild is all or nothing, readers see whole files, a rerun touches
+ * only poppasswd, and other editors' locks are honoured. */
 #include "fs/file_lock.h"
 #include "support/rebox_run.h"
 #include "runtime/config.h"
@@ -40,9 +38,8 @@ protected:
 
 } // namespace
 
-/* A run that fails or is killed before its end leaves the shared files of
- * the run before, whole, although the panel has changed; the next good run
- * then writes the new ones. */
+/* A run that fails or is killed leaves the previous shared files although
+ * the panel changed; the next good run writes the new ones. */
 TEST_F(Batch, FailedOrKilledRunsLeaveThePreviousFiles)
 {
     testdb_exec(generated_panel(60, 8, 5).c_str());
@@ -60,8 +57,7 @@ TEST_F(Batch, FailedOrKilledRunsLeaveThePreviousFiles)
     } cases[] = {
         {"fatal after the domains", "DELETE FROM Components WHERE name='drweb'",
          "INSERT INTO Components (name, version) VALUES ('drweb', '4.33.1')", nullptr, nullptr},
-        /* The second domain's alias list is refused (a view that fails
-         * on its rows alone). */
+        /* a view that fails on the second domain's rows alone */
         {"fatal at a domain",
          "RENAME TABLE domainaliases TO alias_rows;"
          "INSERT INTO alias_rows (name, displayName, dom_id, status, dns, mail, web) VALUES"
@@ -103,9 +99,8 @@ TEST_F(Batch, FailedOrKilledRunsLeaveThePreviousFiles)
     EXPECT_EQ(after.tree, fresh_run(REBOX_EXE " --without-spam").tree);
 }
 
-/* While the panel is rebuilt, unchanged and then changed, a reader looping
- * over the shared files and every delivery file sees each whole: its text
- * before the run or after it, never empty or cut. */
+/* A reader looping over the shared and delivery files during a rebuild
+ * (unchanged, then changed) sees each as before or after the run. */
 TEST_F(Batch, ReadersSeeWholeFilesDuringARebuild)
 {
     testdb_exec(generated_panel(40, 8, 7).c_str());
@@ -139,9 +134,8 @@ TEST_F(Batch, ReadersSeeWholeFilesDuringARebuild)
     }
 }
 
-/* A rerun on an unchanged panel leaves every file and directory as it was
- * (same inode, same modification and change times) but poppasswd, whose
- * plain passwords get the run's new salt. */
+/* A rerun on an unchanged panel leaves every inode and time as it was but
+ * poppasswd's (plain passwords get a new salt). */
 TEST_F(Batch, RerunOfAnUnchangedPanelReplacesOnlyPoppasswd)
 {
     ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
@@ -150,8 +144,8 @@ TEST_F(Batch, RerunOfAnUnchangedPanelReplacesOnlyPoppasswd)
                          "| grep -v -e '^users ' -e '^users/poppasswd ' | sort";
     std::string before = run_command(stamps).out;
     sleep(1);
-    /* What it leaves alone it does not lock either: other editors holding
-     * those files' locks do not hold it up (they are let go after 5 s). */
+    /* What it leaves alone it does not lock: held locks (let go after 5 s)
+     * do not hold it up. */
     std::vector<FileLock *> locks;
     for (const char *rel : {"mailnames/example.com/.qmail-default", "mailnames/example.com/@mbox.quota",
                             "mailnames/example.com/alpha/.qmail", "mailnames/example.com/alpha/@mbox.quota"})
@@ -176,9 +170,7 @@ TEST_F(Batch, RerunOfAnUnchangedPanelReplacesOnlyPoppasswd)
     EXPECT_EQ(run_command(stamps).out, before);
 }
 
-/* Each file the pass writes is written only under its named lock: while
- * another editor holds it the file stays as it was, and once released the
- * pass writes it and ends well. */
+/* Each file the pass writes waits for its named lock held elsewhere. */
 TEST_F(Batch, EachFileIsWrittenOnlyUnderItsLock)
 {
     load_panel_config();

@@ -1,8 +1,5 @@
-/* rebox --check against the real binary: after a rebuild it reports
- * nothing; each drift, one at a time, is named in its report with status 2,
- * while nothing on disk changes and no program runs; a rebuild then brings
- * the check back to 0.  Warnings go to standard error, never into the
- * report. */
+/* rebox --check: nothing after a rebuild; each drift named with status 2,
+ * nothing on disk changed and no program run; warnings on standard error. */
 #include "support/rebox_run.h"
 #include "support/snapshot.h"
 #include "support/testdb.h"
@@ -72,10 +69,9 @@ TEST(Check, ReportsEachDriftAndChangesNothing)
     EXPECT_EQ(run_command(REBOX_EXE " --check").status, 0);
 }
 
-/* A check on a server where every writer's failure and repair paths would
- * fire (directories missing, foreign objects in the tree, root's dangling
- * domain link, a refused chown, a quota the panel dropped, a leftover
- * temporary file): every one is reported, nothing on disk changes. */
+/* Where every writer's repair path would fire (missing directories, foreign
+ * objects, a dangling domain link, a refused chown, a dropped quota, a
+ * leftover temporary file), a check reports and changes nothing. */
 TEST(Check, TouchesNothingWhereEveryRepairWouldFire)
 {
     REQUIRE_SANDBOX();

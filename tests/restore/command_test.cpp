@@ -62,7 +62,7 @@ TEST_F(Command, ModesChooseThePasses)
         {"not_installed", "not_installed", "5.0", "-v", 2, 0, 1},
         {"not_installed", "not_installed", "5.0", "with-spam", 3, 0, 2},
         {"6.0", "not_installed", "5.0", "--with-spam", 4, 0, 3},
-        {"6.0", "6.0", "5.0", "--without-spam", 4, 1, 4},
+        {"6.0", "6.0", "5.0", "without-spam", 4, 1, 4},
     };
     for (const auto &run : runs) {
         testdb_exec(("DELETE FROM Components; INSERT INTO Components (name, version) VALUES ('drweb', '" +
@@ -83,7 +83,7 @@ TEST_F(Command, ModesChooseThePasses)
     EXPECT_EQ(run_command("grep -m1 state: " + sandbox_path(STANDIN_SPAMCTL ".calls")).out, "state:/ 0 unlimited\n");
     EXPECT_EQ(read_calls(sandbox_path(STANDIN_SPAMCTL))[0],
               (std::vector<std::string>{"start", "--enable-server-configs", "--max-children", "5"}));
-    EXPECT_EQ(read_calls(sandbox_path(STANDIN_VIRUSCTL)), (std::vector<std::vector<std::string>>{{"-r"}}));
+    EXPECT_EQ(read_calls(sandbox_path(STANDIN_VIRUSCTL)), (Calls{{"-r"}}));
 }
 
 TEST_F(Command, UnprivilegedRunStopsFirst)
@@ -100,19 +100,13 @@ TEST_F(Command, UnprivilegedRunStopsFirst)
     }
 }
 
-/* A set-user-ID copy started by nobody with what a caller can hand across
- * exec, one thing a row: the client library's plugin and socket variables
- * (the plugin, built here, leaves a mark when loaded), umask 000, a
- * file-size limit, SIGCHLD ignored; a real-time timer due mid-run
- * (qmail-newu takes half a second) with a CPU limit, nice 19, a directory
- * of its own and another argv[0]; standard output and error on a full pipe
- * nobody reads (blocking again afterwards); and standard output and error
- * closed while a message is due mid-run (a mail alias the rebuild skips),
- * for root's own start: for a set-user-ID one the C library opens them
- * itself.  Every run loads nothing, rebuilds what an ordinary run rebuilds
- * from the test server, starts qmail-newu and the init script at nice 0
- * without a CPU limit, logs under its own name, and leaves nothing
- * world-writable and no message in a file. */
+/* A set-user-ID copy started by nobody, one thing a caller can hand across
+ * exec a row (client library variables, umask, limits, signals, a timer,
+ * nice, directory, argv[0], a full pipe; closed streams for root's start,
+ * as the C library reopens them for a set-user-ID one): each run loads
+ * nothing, rebuilds what an ordinary run does, starts qmail-newu and the
+ * init script at nice 0 without a CPU limit, logs under its own name and
+ * leaves nothing world-writable and no message in a file. */
 TEST_F(Command, SetUidStartTakesNothingFromTheCaller)
 {
     ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
@@ -164,11 +158,8 @@ TEST_F(Command, SetUidStartTakesNothingFromTheCaller)
         EXPECT_NE(line.find(" rebox["), std::string::npos) << line;
 }
 
-/* Detached, the run returns at once, finishes the rebuild in the background
- * and logs to syslog: a warning (qmails unknown), one for the catch-all
- * domain without any address to catch with, and a fatal stop after the
- * domains (no Components row for drweb), before the files are written and
- * before qmail-newu. */
+/* Detached, the run returns at once and logs to syslog: two warnings and a
+ * fatal stop after the domains, before the files and qmail-newu. */
 TEST_F(Command, DaemonModeDetachesAndLogsToSyslog)
 {
     ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));

@@ -34,7 +34,7 @@ protected:
 
 } // namespace
 
-TEST_F(RebuildE2E, FullPanelWritesEveryRecordAndIsStableAcrossRuns)
+TEST_F(RebuildE2E, FullPanelWritesEveryRecord)
 {
     ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
     /* Leftovers of an earlier state that the rebuild must throw away. */
@@ -79,9 +79,9 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecordAndIsStableAcrossRuns)
     EXPECT_EQ(file_meta(sandbox_path("qmail/users/assign")), "0600 0 0");
     EXPECT_EQ(file_meta(sandbox_path("qmail/control/rejectnonexist")), "0644 0 0");
 
-    /* POP3: plain passwords share one MD5-crypt hash of one salt per run,
-     * the stored hash is kept, no account means the empty password, a
-     * disabled domain gets "!", a mailbox without postbox has no line. */
+    /* POP3: plain passwords share one salt per run, a stored hash is kept,
+     * no account is the empty password, a disabled domain gets "!", a
+     * mailbox without postbox has no line. */
     std::string pw = qmail("users/poppasswd");
     std::vector<std::string> h;
     for (std::sregex_iterator i(pw.begin(), pw.end(), MD5_CRYPT), end; i != end; ++i)
@@ -98,8 +98,7 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecordAndIsStableAcrossRuns)
     EXPECT_EQ(crypt("pw", h[4].c_str()), h[4]);
     EXPECT_EQ(h[0].substr(0, 12), h[2].substr(0, 12));
 
-    /* Every file and directory the writers make: owner and mode, and
-     * the content ("-" for a directory, "missing" for none). */
+    /* Owner, mode and content ("-": a directory) of what the writers make. */
     const char *tree[][3] = {
         {"", "0755 0 7780", "-"},
         {"example.com", "0700 7781 7781", "-"},
@@ -134,22 +133,11 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecordAndIsStableAcrossRuns)
 
     /* Finishing steps, once each; the antivirus pass did not run. */
     EXPECT_EQ(calls(STANDIN_QMAIL_NEWU), 1u);
-    EXPECT_EQ(read_calls(sandbox_path(STANDIN_QMAIL_INIT)), (std::vector<std::vector<std::string>>{{"restart"}}));
+    EXPECT_EQ(read_calls(sandbox_path(STANDIN_QMAIL_INIT)), (Calls{{"restart"}}));
     EXPECT_EQ(calls(STANDIN_VIRUSCTL), 0u);
 
-    /* A second run rebuilds the very same tree (plain hashes aside, which
-     * change with the second the run starts in). */
-    auto state = [&] {
-        return std::regex_replace(tree_snapshot(M) + tree_snapshot(sandbox_path("qmail/control")) +
-                                      tree_snapshot(sandbox_path("qmail/users")), MD5_CRYPT, "<h>");
-    };
-    std::string first = state();
-    r = run_rebox("without-spam");
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(state(), first);
-
-    /* Short POP3 logins disabled: every login carries its domain.  An
-     * existing mailbox keeps its mail and modes and gets its owners back. */
+    /* Short POP3 logins disabled: logins carry their domain.  An existing
+     * mailbox keeps its mail and modes and gets its owners back. */
     testdb_exec("INSERT INTO misc (param, val) VALUES ('allow_short_pop3_names', 'disabled')");
     write_file(M + "/example.com/alpha/Maildir/new/1", "mail");
     ASSERT_EQ(chmod((M + "/example.com/alpha/Maildir").c_str(), 0750) + chown((M + "/example.com/alpha/Maildir/cur").c_str(), 0, 0), 0);

@@ -5,8 +5,7 @@
  * the messages until one holds a given text, or a given number do (or ten
  * seconds pass).
  */
-#ifndef REBOX_TESTS_SUPPORT_DEVLOG_H
-#define REBOX_TESTS_SUPPORT_DEVLOG_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -17,5 +16,3 @@ int devlog_listen(void);
 /* devlog_read - the messages received, oldest first, up to the one that is
  * the times-th to hold last; closes fd */
 std::vector<std::string> devlog_read(int fd, const std::string &last, int times = 1);
-
-#endif

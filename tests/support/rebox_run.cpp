@@ -24,12 +24,7 @@ void rebox_standins(int qmail_newu_exit, int qmail_init_exit)
 
 CommandResult run_rebox(const std::string &args)
 {
-#ifdef REBOX_EXE
-    return run_command(std::string(REBOX_EXE) + " " + args);
-#else
-    ADD_FAILURE() << "the rebox binary was not built";
-    return CommandResult{-1, "", ""};
-#endif
+    return run_command(REBOX_EXE " " + args);
 }
 
 void load_sql_file(const std::string &fixture_name)

@@ -7,8 +7,7 @@
  * the tree as text that compares whole between runs; load_sql_file() and
  * generated_panel() give the panels.
  */
-#ifndef REBOX_TESTS_SUPPORT_REBOX_RUN_H
-#define REBOX_TESTS_SUPPORT_REBOX_RUN_H
+#pragma once
 
 #include "support/sandbox.h"
 
@@ -44,5 +43,3 @@ std::string generated_panel(int domains, int per_domain, int seed);
  * rebox.out and rebox.err; wait_status - its exit status, -1 for none */
 pid_t start_rebox(const char *args);
 int wait_status(pid_t pid);
-
-#endif

@@ -61,9 +61,9 @@ void write_recording_stub(const std::string &path, int exit_code)
     ASSERT_EQ(chmod(path.c_str(), 0755), 0) << strerror(errno);
 }
 
-std::vector<std::vector<std::string>> read_calls(const std::string &stub_path)
+Calls read_calls(const std::string &stub_path)
 {
-    std::vector<std::vector<std::string>> calls;
+    Calls calls;
     std::istringstream in(read_file(stub_path + ".calls"));
     std::vector<std::string> call;
     std::string line;

@@ -5,8 +5,7 @@
  * The other helpers build paths inside the sandbox, read and write files,
  * and make stand-in programs that record how they were called.
  */
-#ifndef REBOX_TESTS_SUPPORT_SANDBOX_H
-#define REBOX_TESTS_SUPPORT_SANDBOX_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -34,7 +33,8 @@ void write_file(const std::string &path, const std::string &text);
 void write_recording_stub(const std::string &path, int exit_code);
 
 /* read_calls - the argument vectors recorded by a stub, oldest first */
-std::vector<std::vector<std::string>> read_calls(const std::string &stub_path);
+typedef std::vector<std::vector<std::string>> Calls;
+Calls read_calls(const std::string &stub_path);
 
 /* run_command - run a shell command line, capture both streams */
 struct CommandResult {
@@ -54,5 +54,3 @@ template <typename F> std::string stderr_of(F f)
     f();
     return testing::internal::GetCapturedStderr();
 }
-
-#endif

@@ -4,8 +4,7 @@
  * line each: relative path, type, mode, owner, group, and for regular files
  * and symbolic links their content or target.
  */
-#ifndef REBOX_TESTS_SUPPORT_SNAPSHOT_H
-#define REBOX_TESTS_SUPPORT_SNAPSHOT_H
+#pragma once
 
 #include <string>
 
@@ -13,5 +12,3 @@ std::string tree_snapshot(const std::string &dir);
 
 /* file_meta - "mode uid gid" of one path, e.g. "0600 7781 7781" */
 std::string file_meta(const std::string &path);
-
-#endif

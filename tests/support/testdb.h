@@ -10,8 +10,7 @@
  * the rows the test needs.  Errors record a fatal gtest failure with the
  * server's message; wrap a call in ASSERT_NO_FATAL_FAILURE to stop there.
  */
-#ifndef REBOX_TESTS_SUPPORT_TESTDB_H
-#define REBOX_TESTS_SUPPORT_TESTDB_H
+#pragma once
 
 /* testdb_reset - drop every table of "vdo" and create those of
  * fixtures/schema.sql again, empty */
@@ -19,5 +18,3 @@ void testdb_reset(void);
 
 /* testdb_exec - run one or more SQL statements separated by ";" */
 void testdb_exec(const char *sql);
-
-#endif
