@@ -98,7 +98,7 @@ int at_dir(PathAt *at, mode_t mode, int *made)
         return fd;
     /* Missing, or something else stands there: the effects make it, or
      * report it. */
-    return at->fx->make_dir(at, mode, made);
+    return at->fx->new_dir(at, mode, made);
 }
 
 int at_stat(PathAt *at, struct stat *st)

@@ -31,7 +31,7 @@ enum FileStep { STEP_LOCK, STEP_OPEN, STEP_WRITE, STEP_CHOWN, STEP_CHMOD, STEP_R
 
 struct Effects {
     /* at_dir: the last name as a directory, opened or made */
-    int (*make_dir)(PathAt *at, mode_t mode, int *made);
+    int (*new_dir)(PathAt *at, mode_t mode, int *made);
     /* fd_owner_mode: owner, group and mode of an open object */
     int (*owner_mode)(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, FileStep *step);
     /* a foreign object at the last name moved aside and removed */

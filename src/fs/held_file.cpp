@@ -3,14 +3,13 @@
  * Each held file keeps its lock handle, its text, two flags (whether the
  * copy has been read from disk yet, whether the file exists as far as the
  * edits know) and the owner, group and mode it is to have.  What a missing
- * file means for each operation is file_str's decision (file_str_missing),
+ * file means for each operation is the edit rules' decision (line_edit_missing),
  * so the file written at the end is the one the edits would have left.
  */
 #include "fs/held_file.h"
 
 #include "fs/file_lock.h"
 #include "fs/line_edit.h"
-#include "fs/file_str.h"
 #include "fs/path_at.h"
 #include "fs/path_ops.h"
 #include "fs/replace_file.h"

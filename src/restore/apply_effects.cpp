@@ -21,10 +21,10 @@
 /* Files replaced by this process. */
 static unsigned long replaced;
 
-/* apply_make_dir - at_dir's directory that is missing or not one, made:
+/* apply_new_dir - at_dir's directory that is missing or not one, made:
  * one foreign object is set aside; one that keeps coming back (or a
  * directory that keeps vanishing) is given up with ELOOP */
-static int apply_make_dir(PathAt *at, mode_t mode, int *made)
+static int apply_new_dir(PathAt *at, mode_t mode, int *made)
 {
     int set_aside = 0;
 
@@ -238,7 +238,7 @@ static void apply_leave(const char *)
 }
 
 const Effects APPLY_EFFECTS = {
-    .make_dir = apply_make_dir,
+    .new_dir = apply_new_dir,
     .owner_mode = apply_owner_mode,
     .set_aside = apply_set_aside,
     .replace_prepare = apply_replace_prepare,

@@ -31,10 +31,10 @@ static int check_missing_dir(const char *)
     return absent_dir_fd();
 }
 
-/* check_make_dir - a directory at_dir found missing or of another kind,
+/* check_new_dir - a directory at_dir found missing or of another kind,
  * reported unless it lies in one already reported; the walk goes on below
  * it absent */
-static int check_make_dir(PathAt *at, mode_t, int *)
+static int check_new_dir(PathAt *at, mode_t, int *)
 {
     if (!at->absent)
         check_note(errno == ENOENT ? "missing" : "foreign", at->path);
@@ -277,7 +277,7 @@ static void check_dir_done(const char *dir)
 }
 
 const Effects CHECK_EFFECTS = {
-    .make_dir = check_make_dir,
+    .new_dir = check_new_dir,
     .owner_mode = check_owner_mode_fx,
     .set_aside = check_set_aside,
     .replace_prepare = check_replace_prepare,

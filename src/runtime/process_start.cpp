@@ -59,7 +59,6 @@
  */
 #include "runtime/process_start.h"
 
-#include "proc/exec.h"
 #include "runtime/report.h"
 
 #include <errno.h>
@@ -108,7 +107,10 @@ static void open_standard_fds(void)
         if (open("/dev/null", O_RDWR) == -1)
             report(1, "Unable to open /dev/null: %s", strerror(errno));
     }
-    close_fds_from_3();
+    /* The loop is for kernels without close_range(). */
+    if (close_range(3, ~0U, 0) != 0)
+        for (int fd = 3, n = getdtablesize(); fd < n; fd++)
+            close(fd);
 }
 
 /* clear_timers - the real, virtual and profiling timers stopped */
