@@ -19,7 +19,6 @@
  *   the text body: the rest, zero bytes included
  */
 #include "fs/line_edit.h"
-#include "fs/line_store.h"
 
 #include "fuzz_check.h"
 
