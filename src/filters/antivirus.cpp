@@ -27,23 +27,26 @@
 static const size_t AV_BUF_SIZE = 4096;
 
 /* The four row sources of the file, in the order their records are
- * written, each with the message for its failure. */
+ * written, each with the message for its failure.  Each ends in an ORDER
+ * BY of its rows' identifiers (it answers none the pass could order by):
+ * in the order the server happens to pick, a rerun on an unchanged panel
+ * would rewrite users.conf. */
 static const struct {
     const char *query;
     const char *failure;
 } av_queries[] = {
     {"SELECT m.virusfilter, m.mail_name, d.name FROM mail m LEFT JOIN domains d ON m.dom_id=d.id "
-     "WHERE m.virusfilter!='none'",
+     "WHERE m.virusfilter!='none' ORDER BY m.id",
      "Unable to query drweb mailnames: %s"},
     {"SELECT m.virusfilter, m.mail_name, da.name FROM mail m LEFT JOIN domainaliases da ON "
-     "m.dom_id=da.dom_id WHERE m.virusfilter!='none' AND da.mail='true' AND da.status='0'",
+     "m.dom_id=da.dom_id WHERE m.virusfilter!='none' AND da.mail='true' AND da.status='0' ORDER BY m.id, da.id",
      "Unable to query drweb mailnames on domain aliases: %s"},
     {"SELECT mn.virusfilter, ma.alias, d.name FROM mail mn, domains d, mail_aliases ma WHERE "
-     "ma.mn_id=mn.id AND mn.dom_id=d.id AND mn.virusfilter!='none'",
+     "ma.mn_id=mn.id AND mn.dom_id=d.id AND mn.virusfilter!='none' ORDER BY ma.id",
      "Unable to query drweb mail aliases: %s"},
     {"SELECT mn.virusfilter, ma.alias, da.name FROM mail mn, domains d, mail_aliases ma, "
      "domainaliases da WHERE mn.dom_id=da.dom_id AND ma.mn_id=mn.id AND mn.dom_id=d.id AND "
-     "mn.virusfilter!='none'",
+     "mn.virusfilter!='none' ORDER BY ma.id, da.id",
      "Unable to query drweb mail aliases on domain aliases: %s"},
 };
 

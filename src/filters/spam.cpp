@@ -376,7 +376,7 @@ void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *
         const MailDomainRow *d = &domains[k];
         if (d->rule != nullptr)
             continue;
-        if ((mailboxes = spam_query(conn, "SELECT mail_name FROM mail WHERE dom_id=%s", d->id)) == nullptr)
+        if ((mailboxes = spam_query(conn, "SELECT mail_name FROM mail WHERE dom_id=%s ORDER BY id", d->id)) == nullptr)
             report_plain(1, "Unable to query mailnames: %s", mysql_error(conn));
         while ((box = mysql_fetch_row(mailboxes)) != nullptr)
             if (mailbox_row_usable(mailboxes, box, d->name))
