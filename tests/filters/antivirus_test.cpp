@@ -94,10 +94,8 @@ TEST_F(AntivirusTest, MailAliasesUnderDomainAliasesAndFailingQuery)
                 " (2, 'user', 2, 'incoming');"
                 "INSERT INTO mail_aliases (mn_id, alias) VALUES (1, 'a1'), (1, 'a2'), (2, 'al')");
     run_pass();
-    /* box: itself and both aliases under the domain and its one active mail
-     * alias; user: itself under its domain only, but its alias under every
-     * domain alias, mail-serving and active or not.  Rows of domain aliases
-     * come in no fixed order. */
+    /* box under its domain and active mail-serving alias; user under its
+     * domain only, its alias under every domain alias (in no fixed order). */
     std::string text = read_file(conf);
     std::multiset<std::string> got, want = {
         "[version=2]\n", rec("any", "box@example.com"), rec("any", "box@example.net"),
@@ -109,8 +107,7 @@ TEST_F(AntivirusTest, MailAliasesUnderDomainAliasesAndFailingQuery)
     EXPECT_EQ(got, want);
     EXPECT_EQ(text.rfind("[version=2]\n", 0), 0u);
 
-    /* A refused query ends the process, the file as it was, without
-     * virusctl. */
+    /* A refused query ends the process, the file as it was, no virusctl. */
     testdb_exec("DROP TABLE mail_aliases");
     EXPECT_EXIT(run_pass(), testing::ExitedWithCode(1), "Unable to query drweb mail aliases: ");
     EXPECT_EQ(read_file(conf), text);

@@ -86,8 +86,7 @@ TEST_F(SpamTest, MailboxSwitchHeaderAndLists)
 
 TEST_F(SpamTest, WholePassSplitsLongListsIntoWholePairs)
 {
-    /* Only box of a mail-serving domain has a record: b has none, c's
-     * domain serves no mail. */
+    /* Only box has a record in a mail-serving domain. */
     std::string sql = "INSERT INTO domains (id, name) VALUES (2, 'nomail.org');"
                       "INSERT INTO mail (id, mail_name, dom_id, spamfilter) VALUES"
                       " (1, 'box', 1, 'true'), (2, 'b', 1, 'true'), (3, 'c', 2, 'true');"

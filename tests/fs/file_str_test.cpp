@@ -1,6 +1,5 @@
-/* Tests of file_str on real files: the operations through the file, owner
- * and mode put back, missing files, over-long paths and a failed chown.
- * The editing rules themselves are covered in line_edit_test. */
+/* Tests of file_str on real files (the editing rules are line_edit_test's):
+ * owner and mode put back, missing files, over-long paths, a failed chown. */
 #include "fs/file_str.h"
 #include "restore/apply_effects.h"
 #include "restore/check_effects.h"

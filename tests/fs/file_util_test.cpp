@@ -1,6 +1,5 @@
-/* Tests of the file and directory utilities and the tree walks on real
- * files in the sandbox: each row one call in order, its result, its
- * message, and what it leaves on the paths it names. */
+/* Tests of the file utilities and tree walks on real files: each row one
+ * call, its result, its message, and what it leaves on the paths it names. */
 #include "fs/file_util.h"
 #include "fs/tree.h"
 

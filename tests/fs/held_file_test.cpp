@@ -1,8 +1,6 @@
-/* Tests of files held in memory: a held file ends up exactly as the same
- * edits made on disk leave a twin of it (longer and shorter results, an
- * empty file, a missing one), nothing reaches the disk before the release,
- * a path that is a directory fails the edit as on disk, and a stop waits for
- * the whole set of renames. */
+/* Tests of files held in memory: a held file ends as the same edits on
+ * disk leave its twin, nothing reaches the disk before the release, and a
+ * stop waits for the whole set of renames. */
 #include "fs/file_str.h"
 #include "restore/apply_effects.h"
 #include "fs/held_file.h"

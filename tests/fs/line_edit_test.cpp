@@ -1,6 +1,5 @@
-/* Tests of the in-memory line editing rules, no files involved: the rules
- * themselves, a store edited many times against one edit of its whole text
- * at each step, and the cost of large edits. */
+/* Tests of the in-memory line editing rules, of a store edited many times
+ * and of the cost of large edits. */
 #include "fs/line_edit.h"
 
 #include <gtest/gtest.h>
@@ -127,10 +126,8 @@ TEST(LineEdit, StoreEditedManyTimesAsOneEditOfItsText)
     }
 }
 
-/* Large edits cost what they change: many entries over a large text, and
- * many equal lines removed at once (a store that drops them from its index
- * one by one, or whose index grows with each removal and re-addition of a
- * line, takes hours here). */
+/* Large edits cost what they change (a store that drops equal lines from
+ * its index one by one, or whose index keeps growing, takes hours here). */
 TEST(LineEdit, CostsWhatItChanges)
 {
     std::string text, expected;

@@ -53,7 +53,7 @@ TEST_F(Batch, FailedOrKilledRunsLeaveThePreviousFiles)
         const char *sql;      /* makes the run fail; undone by undo */
         const char *undo;
         const char *password; /* or a wrong database password does */
-        const char *kill_at;  /* or it is killed once this domain's first mailbox is rewritten */
+        const char *kill_at;  /* or it is killed at this domain */
     } cases[] = {
         {"fatal after the domains", "DELETE FROM Components WHERE name='drweb'",
          "INSERT INTO Components (name, version) VALUES ('drweb', '4.33.1')", nullptr, nullptr},
@@ -99,8 +99,7 @@ TEST_F(Batch, FailedOrKilledRunsLeaveThePreviousFiles)
     EXPECT_EQ(after.tree, fresh_run(REBOX_EXE " --without-spam").tree);
 }
 
-/* A reader looping over the shared and delivery files during a rebuild
- * (unchanged, then changed) sees each as before or after the run. */
+/* A reader during a rebuild sees each file as before or after the run. */
 TEST_F(Batch, ReadersSeeWholeFilesDuringARebuild)
 {
     testdb_exec(generated_panel(40, 8, 7).c_str());
@@ -134,7 +133,7 @@ TEST_F(Batch, ReadersSeeWholeFilesDuringARebuild)
     }
 }
 
-/* A rerun on an unchanged panel leaves every inode and time as it was but
+/* A rerun on an unchanged panel leaves every inode and time but
  * poppasswd's (plain passwords get a new salt). */
 TEST_F(Batch, RerunOfAnUnchangedPanelReplacesOnlyPoppasswd)
 {
@@ -144,8 +143,7 @@ TEST_F(Batch, RerunOfAnUnchangedPanelReplacesOnlyPoppasswd)
                          "| grep -v -e '^users ' -e '^users/poppasswd ' | sort";
     std::string before = run_command(stamps).out;
     sleep(1);
-    /* What it leaves alone it does not lock: held locks (let go after 5 s)
-     * do not hold it up. */
+    /* What it leaves alone it does not lock: held locks do not hold it up. */
     std::vector<FileLock *> locks;
     for (const char *rel : {"mailnames/example.com/.qmail-default", "mailnames/example.com/@mbox.quota",
                             "mailnames/example.com/alpha/.qmail", "mailnames/example.com/alpha/@mbox.quota"})

@@ -59,8 +59,7 @@ TEST(Check, ReportsEachDriftAndChangesNothing)
         EXPECT_EQ(disk(), before);
         ASSERT_EQ(fresh_run(REBOX_EXE " --without-spam", false).run.status, 0);
     }
-    /* A refused panel row: its warning on standard error only, the report
-     * alone on standard output. */
+    /* A refused row's warning goes to standard error, not the report. */
     testdb_exec("INSERT INTO mail_aliases (mn_id, alias) VALUES (1, 'evil:x')");
     CommandResult warned = run_command(REBOX_EXE " --check");
     EXPECT_EQ(warned.out, "surplus " + names + "zulu\n");
@@ -69,9 +68,8 @@ TEST(Check, ReportsEachDriftAndChangesNothing)
     EXPECT_EQ(run_command(REBOX_EXE " --check").status, 0);
 }
 
-/* Where every writer's repair path would fire (missing directories, foreign
- * objects, a dangling domain link, a refused chown, a dropped quota, a
- * leftover temporary file), a check reports and changes nothing. */
+/* Where every writer's repair path would fire, a check reports and changes
+ * nothing. */
 TEST(Check, TouchesNothingWhereEveryRepairWouldFire)
 {
     REQUIRE_SANDBOX();

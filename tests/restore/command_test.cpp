@@ -21,7 +21,6 @@ protected:
         ASSERT_NO_FATAL_FAILURE(testdb_reset());
         rebox_standins();
     }
-    size_t calls(const char *standin) { return read_calls(sandbox_path(standin)).size(); }
 };
 
 } // namespace
@@ -43,7 +42,7 @@ TEST_F(Command, BadCommandLinesPrintUsageAndExitZero)
                          "         report what a restore would change, without changing anything\n")
             << args;
     }
-    EXPECT_EQ(calls(STANDIN_QMAIL_NEWU), 0u);
+    EXPECT_EQ(standin_calls(STANDIN_QMAIL_NEWU), 0u);
 }
 
 TEST_F(Command, ModesChooseThePasses)
@@ -51,8 +50,7 @@ TEST_F(Command, ModesChooseThePasses)
     testdb_exec("INSERT INTO misc (param, val) VALUES ('spamfilter_enabled', 'true');"
                 "INSERT INTO spamfilter (id, username) VALUES (1, '*@*')");
     write_file(sandbox_path("qmail/control/rcpthosts"), "untouched.example\n");
-    /* Components drweb, drweb-qmail and vdo-spamassassin, the mode, and the
-     * runs of spamctl, virusctl, qmail-newu and the init script after it. */
+    /* Components, the mode, and the runs counted after it. */
     const struct {
         const char *drweb, *drweb_qmail, *spam, *mode;
         size_t spamctl, virusctl, newu;
@@ -70,10 +68,10 @@ TEST_F(Command, ModesChooseThePasses)
                      "'), ('vdo-spamassassin', '" + run.spam + "')").c_str());
         CommandResult r = run_command("cd \"$REBOX_SANDBOX/qmail\" && " REBOX_EXE " " + std::string(run.mode));
         EXPECT_EQ(r.status, 0) << run.mode << r.err;
-        EXPECT_EQ(calls(STANDIN_SPAMCTL), run.spamctl) << run.mode;
-        EXPECT_EQ(calls(STANDIN_VIRUSCTL), run.virusctl) << run.mode;
-        EXPECT_EQ(calls(STANDIN_QMAIL_NEWU), run.newu) << run.mode;
-        EXPECT_EQ(calls(STANDIN_QMAIL_INIT), run.newu) << run.mode;
+        EXPECT_EQ(standin_calls(STANDIN_SPAMCTL), run.spamctl) << run.mode;
+        EXPECT_EQ(standin_calls(STANDIN_VIRUSCTL), run.virusctl) << run.mode;
+        EXPECT_EQ(standin_calls(STANDIN_QMAIL_NEWU), run.newu) << run.mode;
+        EXPECT_EQ(standin_calls(STANDIN_QMAIL_INIT), run.newu) << run.mode;
         if (run.newu == 0) { /* spam-only leaves the mail files alone */
             EXPECT_EQ(read_file(sandbox_path("qmail/control/rcpthosts")), "untouched.example\n") << run.mode;
         }
@@ -101,12 +99,11 @@ TEST_F(Command, UnprivilegedRunStopsFirst)
 }
 
 /* A set-user-ID copy started by nobody, one thing a caller can hand across
- * exec a row (client library variables, umask, limits, signals, a timer,
- * nice, directory, argv[0], a full pipe; closed streams for root's start,
- * as the C library reopens them for a set-user-ID one): each run loads
- * nothing, rebuilds what an ordinary run does, starts qmail-newu and the
- * init script at nice 0 without a CPU limit, logs under its own name and
- * leaves nothing world-writable and no message in a file. */
+ * exec a row (closed streams for root's start, as the C library reopens
+ * them for a set-user-ID one): each run loads nothing, rebuilds what an
+ * ordinary run does, starts qmail-newu and the init script at nice 0
+ * without a CPU limit, logs under its own name and leaves nothing
+ * world-writable and no message in a file. */
 TEST_F(Command, SetUidStartTakesNothingFromTheCaller)
 {
     ASSERT_NO_FATAL_FAILURE(load_sql_file("panel_full.sql"));
@@ -181,8 +178,8 @@ TEST_F(Command, DaemonModeDetachesAndLogsToSyslog)
         EXPECT_NE(got[i].find(want[i]), std::string::npos) << got[i];
     /* A fatal stop leaves the shared files as they were before the run. */
     EXPECT_EQ(read_file(sandbox_path("qmail/control/rcpthosts")), "");
-    EXPECT_EQ(calls(STANDIN_QMAIL_NEWU), 0u);
-    EXPECT_EQ(calls(STANDIN_QMAIL_INIT), 0u);
+    EXPECT_EQ(standin_calls(STANDIN_QMAIL_NEWU), 0u);
+    EXPECT_EQ(standin_calls(STANDIN_QMAIL_INIT), 0u);
     /* The catch-all domain without an address catches with root's. */
     EXPECT_EQ(read_file(sandbox_path("qmail/mailnames/xn--bcher-kva.example/.qmail-default")),
               "&root@xn--bcher-kva.example\n");

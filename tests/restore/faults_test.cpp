@@ -1,7 +1,6 @@
-/* Faults met by the real binary's rebuild pass (full or read-only file
- * systems, the database stopped or refusing, concurrent editors): shared
- * files stay whole, and a pass that could not write everything ends with
- * status 1 and leaves qmail-newu and the restart alone. */
+/* Faults met by the real binary's rebuild pass: shared files stay whole,
+ * and a pass that could not write everything ends with status 1 and leaves
+ * qmail-newu and the restart alone. */
 #include "fs/file_str.h"
 #include "restore/apply_effects.h"
 #include "runtime/config.h"
@@ -33,8 +32,8 @@ const char *const SHARED[] = {"control/rcpthosts", "control/virtualdomains", "co
 
 typedef std::map<std::string, std::string> Files;
 
-/* Every mailbox with one stored hash: runs in different seconds write the
- * same POP3 lines.  Loaded after a generated panel. */
+/* One stored hash for every mailbox: runs in different seconds write the
+ * same POP3 lines. */
 const char STORED_HASHES[] = "UPDATE accounts SET type='crypt', password='$1$abcdefgh$0123456789abcdefghijkl';"
                              "UPDATE mail SET account_id = (SELECT MIN(id) FROM accounts); COMMIT";
 
@@ -67,15 +66,13 @@ Files shared_files(void)
     return f;
 }
 
-/* prepare_qmail - the qmail directories, the stand-ins with no calls
- * recorded, and a previous content of its own in every shared file */
+/* prepare_qmail - the qmail directories, fresh stand-ins, and a previous
+ * content of its own in every shared file */
 Files prepare_qmail(void)
 {
     for (const char *dir : {"control", "users", "bin"})
         mkdir(qmail(dir).c_str(), 0755);
     rebox_standins();
-    unlink(sandbox_path(STANDIN_QMAIL_NEWU ".calls").c_str());
-    unlink(sandbox_path(STANDIN_QMAIL_INIT ".calls").c_str());
     for (const char *rel : SHARED)
         write_file(qmail(rel), std::string("previous.") + (strrchr(rel, '/') + 1) + ".example\n");
     return shared_files();
@@ -84,11 +81,11 @@ Files prepare_qmail(void)
 /* qmail_left_alone - neither qmail-newu nor the init script was run */
 bool qmail_left_alone(void)
 {
-    return read_calls(sandbox_path(STANDIN_QMAIL_NEWU)).empty() && read_calls(sandbox_path(STANDIN_QMAIL_INIT)).empty();
+    return standin_calls(STANDIN_QMAIL_NEWU) + standin_calls(STANDIN_QMAIL_INIT) == 0;
 }
 
-/* debris - entries of control/ and users/ besides the shared files and
- * their temporary files */
+/* debris - entries of control/ and users/ but the shared files and their
+ * temporaries */
 std::string debris(void)
 {
     return run_command("cd \"$REBOX_SANDBOX/qmail\" && ls -d control/* users/* | grep -v -x -E "
@@ -121,9 +118,9 @@ Usage usage(const std::string &dir)
     return Usage{s.f_blocks - s.f_bfree, s.f_files - s.f_ffree};
 }
 
-/* editor - the 2,500 edits of editor p on rejectnonexist, each of its own
- * lines: appended, put first, removed, removed by its ending.  Runs them
- * when path is given; returns the lines they leave. */
+/* editor - editor p's 2,500 edits of lines of its own (appended, put
+ * first, removed, removed by ending), run when path is given; the lines
+ * they leave */
 std::vector<std::string> editor(int p, const char *path, int *failures)
 {
     std::mt19937 rng(p + 1);
@@ -169,8 +166,8 @@ protected:
         ASSERT_NO_FATAL_FAILURE(run_or_fail("ln -sfn " + db_dir + "/mysqld.sock \"$REBOX_DB_SOCKET\""));
         ASSERT_NO_FATAL_FAILURE(testdb_reset());
     }
-    /* mount_qmail - the qmail root on a tmpfs of its own, with qmail/bin
-     * on the sandbox's disk so that the stand-ins can record their calls */
+    /* mount_qmail - the qmail root on a tmpfs of its own, qmail/bin kept on
+     * disk for the stand-ins' records */
     void mount_qmail(const std::string &options)
     {
         std::string root = sandbox_path("qmail");
@@ -179,8 +176,8 @@ protected:
         ASSERT_NO_FATAL_FAILURE(run_or_fail("mount -t tmpfs -o " + options + " tmpfs " + root + " && mkdir " + root +
                                             "/bin && mount --bind " + sandbox_path("qmail-bin") + " " + root + "/bin"));
     }
-    /* rebuilt - the full panel (with sql run after it) rebuilt once, on a
-     * tmpfs of its own when mount options are given: its shared files */
+    /* rebuilt - the shared files of the full panel (sql run after it)
+     * rebuilt once, on a tmpfs when mount options are given */
     Files rebuilt(const char *sql = STORED_HASHES, const std::string &mount = "")
     {
         load_sql_file("panel_full.sql");
@@ -204,8 +201,7 @@ TEST_F(RebuildFaults, FullFileSystemLeavesSharedFilesWholeAndQmailAlone)
     ASSERT_NO_FATAL_FAILURE(testdb_exec(sql.c_str()));
     std::string root = sandbox_path("qmail");
 
-    /* A pass on an ample file system: the complete new contents, and the
-     * blocks and inodes the pass takes. */
+    /* The complete contents, and the blocks and inodes a pass takes. */
     ASSERT_NO_FATAL_FAILURE(mount_qmail("size=64m"));
     prepare_qmail();
     Usage base = usage(root);
@@ -215,8 +211,7 @@ TEST_F(RebuildFaults, FullFileSystemLeavesSharedFilesWholeAndQmailAlone)
     Usage full = usage(root);
     ASSERT_GT(full.blocks, base.blocks + 20);
 
-    /* The same pass with the file system filling up at several points,
-     * once by its blocks and once by its inodes. */
+    /* The file system filling up at points of the pass, by blocks or inodes. */
     for (double part : {0.1, 0.5, 0.9, 0.99})
         for (int by_inodes = 0; by_inodes < 2; by_inodes++) {
             unsigned long blocks = by_inodes ? 16384 : base.blocks + (unsigned long)(part * (full.blocks - base.blocks));
@@ -239,10 +234,8 @@ TEST_F(RebuildFaults, DeniedWriteRenameOrLockStopsThePassCleanly)
     Files complete = rebuilt();
     CommandResult r;
 
-    /* The control directory read-only; users/assign a mount point a rename
-     * cannot replace; a domain directory read-only (its half-made mailbox is
-     * removed); the lock directory missing or read-only.  The fatal message
-     * is the last one, and no shared file changes. */
+    /* The fatal message comes last, and no shared file changes; a domain's
+     * half-made mailbox is removed. */
     std::string control = qmail("control"), assign = qmail("users/assign"), pinned = sandbox_path("pinned");
     std::string locks = sandbox_path("vdo/var/lock/files"), locking = "Error occurred while locking the file ";
     std::string domain = qmail("mailnames/example.com");
@@ -369,9 +362,8 @@ void fill_inodes(const std::string &dir)
     }
 }
 
-/* A failed step on an existing mailbox or domain directory (no inode left,
- * an immutable directory) ends the run with its message; the mail tree, its
- * mail and the shared files stay as they were. */
+/* A failed step on an existing mailbox or domain directory ends the run
+ * with its message; the mail tree, its mail and shared files stay. */
 TEST_F(RebuildFaults, FailedStepsKeepWhatWasThere)
 {
     rebuilt(nullptr, "size=64m,nr_inodes=4000");
@@ -468,9 +460,8 @@ TEST_F(RebuildFaults, DeepPlantedTreesAreRemovedWithFewDescriptors)
 }
 
 /* A refused query ends the run with status 1 and its purpose, changing no
- * file of qmail or users.conf (not even a quota changed earlier in the same
- * domain) and running neither qmail-newu nor the restart.  The catch-all
- * domain asks for its client's address. */
+ * file (not even a quota changed earlier in the domain) and running
+ * neither qmail-newu nor the restart. */
 TEST_F(RebuildFaults, RefusedQueryEndsTheRunAndChangesNothing)
 {
     const char *setup = "DELETE FROM Parameters WHERE parameter='catch_addr';"
@@ -502,14 +493,13 @@ TEST_F(RebuildFaults, RefusedQueryEndsTheRunAndChangesNothing)
         ASSERT_NO_FATAL_FAILURE(testdb_reset());
         rebuilt(setup);
         ASSERT_NE(read_file(sandbox_path("drweb/users.conf")), "[version=2]\n");
-        for (const char *stub : {STANDIN_QMAIL_NEWU, STANDIN_QMAIL_INIT, STANDIN_SPAMCTL})
-            unlink(sandbox_path(std::string(stub) + ".calls").c_str());
+        rebox_standins();
         std::string before = tree_snapshot(qmail("")) + tree_snapshot(sandbox_path("drweb")) + run_command(stamps).out;
         testdb_exec(c.refuse);
         CommandResult r = run_rebox(c.mode);
         EXPECT_EQ(r.status, 1) << r.err;
         EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
-        EXPECT_EQ(access(sandbox_path(std::string(STANDIN_SPAMCTL) + ".calls").c_str(), F_OK), -1);
+        EXPECT_EQ(standin_calls(STANDIN_SPAMCTL), 0u);
         EXPECT_EQ(tree_snapshot(qmail("")) + tree_snapshot(sandbox_path("drweb")) + run_command(stamps).out, before);
         EXPECT_TRUE(qmail_left_alone());
     }

@@ -28,8 +28,8 @@ const char FILTERS_ON[] =
     "INSERT IGNORE INTO spamfilter (username) SELECT CONCAT(m.mail_name, '@', d.name) "
     "FROM mail m JOIN domains d ON d.id = m.dom_id WHERE m.account_id IS NULL OR m.account_id <> 61";
 
-/* A hostile row (its values hold "evil"), its warning and how often, and
- * the file below the mail names directory it leaves out, if any. */
+/* A hostile row (its values hold "evil"), its warning, how often, and the
+ * mail tree file it leaves out. */
 struct Hostile {
     const char *what;
     std::string sql;
@@ -67,9 +67,8 @@ std::string policy_rows(const std::string &params)
     return "UPDATE DomainServices SET parameters_id=11 WHERE dom_id=1; INSERT INTO Parameters VALUES " + params;
 }
 
-/* run_fresh - rebox --with-spam on an emptied mail tree: its tree, users.conf
- * sorted (its domain alias rows come in no fixed order) and what lies
- * beyond the tree */
+/* run_fresh - fresh_run of rebox --with-spam, with users.conf sorted (its
+ * domain alias rows come in no fixed order) and what lies beyond the tree */
 FreshRun run_fresh(bool empty = true)
 {
     FreshRun o = fresh_run(REBOX_EXE " --with-spam", empty);
@@ -174,10 +173,10 @@ TEST_F(HostilePanel, RowsAreSkippedAndChangeNothingElse)
     });
 }
 
-/* popuser's links in or below a domain directory to a directory or a file
- * outside, and links or second names of a file outside holding the very
- * text a run writes: none is followed, each is replaced with one warning,
- * and what is outside keeps its content and its names. */
+/* popuser's links in the mail tree to what is outside (or second names of
+ * a file outside holding the very text a run writes): none is followed,
+ * each is replaced with one warning, and the outside keeps its content and
+ * names. */
 TEST_F(HostilePanel, PlantedLinks)
 {
     struct Row {
@@ -242,9 +241,8 @@ TEST_F(HostilePanel, PlantedLinks)
         }
 }
 
-/* popuser swapping its homes, Maildirs and delivery files for links outside
- * while rebuilds run: each succeeds, nothing outside changes, no mail is
- * lost (it may stay under the racer's names). */
+/* popuser swapping its files for links outside while rebuilds run: each
+ * succeeds, nothing outside changes, no mail is lost. */
 TEST_F(HostilePanel, PopuserRacingTheRunsLosesNothing)
 {
     std::string names = sandbox_path("qmail/mailnames/example.com/"), outside = sandbox_path("victim");
@@ -277,10 +275,9 @@ TEST_F(HostilePanel, PopuserRacingTheRunsLosesNothing)
             << box << run_command("find " + names + " -ls").out;
 }
 
-/* root's links in the mail tree: one in the mail names directory is
- * followed only through directories root holds, else skipped with one
- * warning; one deeper is never followed nor removed.  Nothing outside
- * changes, popuser racing or not. */
+/* root's link in the mail names directory is followed only through
+ * directories root holds, else skipped with one warning; one deeper is
+ * never followed nor removed.  Nothing outside changes. */
 TEST_F(HostilePanel, RootLinksAreFollowedOnlySafelyAndNeverRemoved)
 {
     std::string names = sandbox_path("qmail/mailnames/"), victim = sandbox_path("victim");

@@ -28,7 +28,6 @@ protected:
         rebox_standins();
     }
     std::string qmail(const char *rel) { return read_file(sandbox_path(std::string("qmail/") + rel)); }
-    size_t calls(const char *standin) { return read_calls(sandbox_path(standin)).size(); }
     const std::string M = sandbox_path("qmail/mailnames");
 };
 
@@ -42,8 +41,7 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecord)
     write_file(sandbox_path("qmail/users/assign"), "+9:popuser:1:1:/x:::\n.\n");
     write_file(sandbox_path("qmail/users/poppasswd"), "old:x:popuser:/x/old\n");
 
-    /* A process named qmail-se stands for qmail-send, which is told to
-     * reread its control files. */
+    /* qmail-send (a process named qmail-se) is told to reread its files. */
     ASSERT_EQ(run_command("cp /bin/sleep \"$REBOX_SANDBOX/qmail-se\"").status, 0);
     pid_t sender = fork();
     if (sender == 0)
@@ -80,8 +78,7 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecord)
     EXPECT_EQ(file_meta(sandbox_path("qmail/control/rejectnonexist")), "0644 0 0");
 
     /* POP3: plain passwords share one salt per run, a stored hash is kept,
-     * no account is the empty password, a disabled domain gets "!", a
-     * mailbox without postbox has no line. */
+     * a disabled domain gets "!", a mailbox without postbox has no line. */
     std::string pw = qmail("users/poppasswd");
     std::vector<std::string> h;
     for (std::sregex_iterator i(pw.begin(), pw.end(), MD5_CRYPT), end; i != end; ++i)
@@ -132,12 +129,12 @@ TEST_F(RebuildE2E, FullPanelWritesEveryRecord)
     }
 
     /* Finishing steps, once each; the antivirus pass did not run. */
-    EXPECT_EQ(calls(STANDIN_QMAIL_NEWU), 1u);
+    EXPECT_EQ(standin_calls(STANDIN_QMAIL_NEWU), 1u);
     EXPECT_EQ(read_calls(sandbox_path(STANDIN_QMAIL_INIT)), (Calls{{"restart"}}));
-    EXPECT_EQ(calls(STANDIN_VIRUSCTL), 0u);
+    EXPECT_EQ(standin_calls(STANDIN_VIRUSCTL), 0u);
 
-    /* Short POP3 logins disabled: logins carry their domain.  An existing
-     * mailbox keeps its mail and modes and gets its owners back. */
+    /* Short POP3 logins off: logins carry their domain.  An existing mailbox
+     * keeps its mail and modes and gets its owners back. */
     testdb_exec("INSERT INTO misc (param, val) VALUES ('allow_short_pop3_names', 'disabled')");
     write_file(M + "/example.com/alpha/Maildir/new/1", "mail");
     ASSERT_EQ(chmod((M + "/example.com/alpha/Maildir").c_str(), 0750) + chown((M + "/example.com/alpha/Maildir/cur").c_str(), 0, 0), 0);

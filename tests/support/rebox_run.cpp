@@ -14,12 +14,20 @@
 void rebox_standins(int qmail_newu_exit, int qmail_init_exit)
 {
     mkdir(sandbox_path("vdo/admin/sbin").c_str(), 0755);
+    for (const char *stub : {STANDIN_QMAIL_NEWU, STANDIN_QMAIL_INIT, STANDIN_VIRUSCTL, STANDIN_SPAMCTL,
+                             "vdo/admin/sbin/spamctl"})
+        unlink(sandbox_path(std::string(stub) + ".calls").c_str());
     write_recording_stub(sandbox_path(STANDIN_QMAIL_NEWU), qmail_newu_exit);
     write_recording_stub(sandbox_path(STANDIN_QMAIL_INIT), qmail_init_exit);
     write_recording_stub(sandbox_path(STANDIN_VIRUSCTL), 0);
     write_recording_stub(sandbox_path(STANDIN_SPAMCTL), 0);
     /* The spam pass checks for the utility in admin/sbin, runs admin/bin's. */
     write_recording_stub(sandbox_path("vdo/admin/sbin/spamctl"), 0);
+}
+
+size_t standin_calls(const char *standin)
+{
+    return read_calls(sandbox_path(standin)).size();
 }
 
 CommandResult run_rebox(const std::string &args)
@@ -38,7 +46,6 @@ FreshRun fresh_run(const std::string &command_line, bool empty)
 {
     if (empty)
         run_command("cd \"$REBOX_SANDBOX\" && rm -rf qmail/mailnames drweb/* qmail/control/* qmail/users/*");
-    run_command("cd \"$REBOX_SANDBOX\" && find . -name '*.calls' -delete");
     rebox_standins();
     FreshRun o;
     o.run = run_command(command_line);

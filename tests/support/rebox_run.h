@@ -1,11 +1,6 @@
-/* rebox_run - running the real rebox binary in the test sandbox.
- *
- * rebox_standins() puts recording stand-ins where rebox finds qmail-newu,
- * the qmail init script and the panel's virusctl and spamctl; run_rebox()
- * runs the binary with the given arguments (start_rebox() in the
- * background); fresh_run() runs a command on an emptied mail tree and gives
- * the tree as text that compares whole between runs; load_sql_file() and
- * generated_panel() give the panels.
+/* rebox_run - running the real rebox binary in the test sandbox: recording
+ * stand-ins for the programs it starts, runs in the foreground or the
+ * background, fresh runs whose trees compare whole, and the panels.
  */
 #pragma once
 
@@ -21,7 +16,11 @@
 #define STANDIN_VIRUSCTL "vdo/admin/bin/virusctl"
 #define STANDIN_SPAMCTL "vdo/admin/bin/spamctl"
 
+/* rebox_standins - recording stand-ins with no calls recorded where rebox
+ * finds qmail-newu, the init script, virusctl and spamctl; standin_calls -
+ * how many calls one recorded */
 void rebox_standins(int qmail_newu_exit = 0, int qmail_init_exit = 0);
+size_t standin_calls(const char *standin);
 CommandResult run_rebox(const std::string &args);
 void load_sql_file(const std::string &fixture_name);
 
