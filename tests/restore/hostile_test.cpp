@@ -298,6 +298,8 @@ TEST_F(HostilePanel, RootLinksAreFollowedOnlySafelyAndNeverRemoved)
         {"target below root's directory others may write",
          "mkdir -p ../../disk/d && chmod 0757 ../../disk && rm -r disabled.example", "disabled.example",
          sandbox_path("disk/d"), unsafe, false},
+        {"a link on the target's way", "mkdir -p ../../disk/real/d && ln -s real ../../disk/via && rm -r disabled.example",
+         "disabled.example", sandbox_path("disk/via/d"), "cannot be followed: " + std::string(strerror(ENOTDIR)), false},
         {"dangling", "rm -r disabled.example", "disabled.example", sandbox_path("nodisk/disabled.example"),
          "cannot be followed: No such file or directory", false},
         {"mailbox home", "mkdir -p ../../disk && mv example.com/alpha ../../disk/", "example.com/alpha",
