@@ -145,7 +145,10 @@ void hash_pool_start(MYSQL *conn, const char *salt)
     next_entry.store(0);
     quit.store(0);
     ready = conn != nullptr ? 0 : 2;
-    for (int n = processors(), k = 0; conn != nullptr && k < n; k++) {
+    /* One processor is the pass's own: it hashes whatever the threads have
+     * not started when it gets there, and on a fresh tree it has files to
+     * make, which hashing must not slow down. */
+    for (int n = std::max(1, processors() - 1), k = 0; conn != nullptr && k < n; k++) {
         pthread_t t;
         if (pthread_create(&t, nullptr, hash_all, k == 0 ? conn : nullptr) != 0)
             break;

@@ -6,7 +6,8 @@
  * unchanged panel.  hash_pool_start() reads every plain password of the
  * mail domains in one query, over a connection of its own, and hashes
  * them with the run's salt ("$1$" and eight characters drawn at random, so
- * that all plain passwords of a run hash alike) on one thread per processor, in the order the
+ * that all plain passwords of a run hash alike) on one thread per processor
+ * but the pass's own (which hashes what they have not reached), in the order the
  * pass takes the mailboxes.  hash_pool_get() gives crypt()'s answer for a
  * mailbox's plain password: the pool's when it made it for that very text,
  * else made on the spot by the caller, who never waits for a hash nobody
