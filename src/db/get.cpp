@@ -193,6 +193,16 @@ const char *misc_param_query(const char *name, char *buf, size_t size)
     return buf;
 }
 
+const char *get_misc_setting(MYSQL *conn, const char *name, char *buf)
+{
+    char query[GET_BUF_SIZE];
+
+    misc_param_query(name, query, sizeof(query));
+    if (get_answer(conn, query, 0, buf) == GET_REFUSED)
+        report_plain(1, GET_QUERY_REFUSED, query, mysql_error(conn));
+    return buf;
+}
+
 const char *get_dom_id_noerr(const char *name, MYSQL *conn, int quiet)
 {
     static char buf[GET_BUF_SIZE];

@@ -77,6 +77,10 @@ int starts_true(const char *value);
  * result) into buf (4096 bytes, at most 4095 of the value); reports
  * nothing */
 GetAnswer get_answer(MYSQL *conn, const char *query, unsigned column, char *buf);
+/* get_misc_setting - the panel-wide setting name into buf (4096 bytes, ""
+ * for none) for a caller that cannot go on without it: a refused question
+ * ends the process with get_misc_param's message */
+const char *get_misc_setting(MYSQL *conn, const char *name, char *buf);
 const char *client_email_query(const char *dom_id, char *buf, size_t size);
 const char *misc_param_query(const char *name, char *buf, size_t size);
 const char *dom_id_query(const char *ascii, char *buf, size_t size);

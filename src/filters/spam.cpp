@@ -56,19 +56,6 @@ static const char *value_rule(MYSQL_RES *res, MYSQL_ROW row, unsigned col)
     return check_line_value(row[col]);
 }
 
-/* misc_value - a panel-wide setting into buf ("" for none); a refused
- * question ends the process: read as "off", it would switch the
- * server-wide settings off */
-static const char *misc_value(MYSQL *conn, const char *name, char *buf)
-{
-    char query[SPAM_BUF_SIZE];
-
-    misc_param_query(name, query, sizeof query);
-    if (get_answer(conn, query, 0, buf) == GET_REFUSED)
-        report_plain(1, GET_QUERY_REFUSED, query, mysql_error(conn));
-    return buf;
-}
-
 /* add_server_entries - "start", the enable options and the child limit of
  * the server-wide record */
 static void add_server_entries(ArgVec *vec, MYSQL *conn)
@@ -76,13 +63,15 @@ static void add_server_entries(ArgVec *vec, MYSQL *conn)
     char number[SPAM_BUF_SIZE], value[SPAM_BUF_SIZE];
     unsigned max_children = SPAM_DEFAULT_MAX_CHILDREN;
 
+    /* A refused setting ends the run: read as "off", it would switch the
+     * server-wide settings off. */
     argv_add(vec, "start");
-    if (starts_true(misc_value(conn, "spamfilter_enabled", value))) {
+    if (starts_true(get_misc_setting(conn, "spamfilter_enabled", value))) {
         argv_add(vec, "--enable-server-configs");
-        if (starts_true(misc_value(conn, "spamfilter_use_mailuser_prefs", value)))
+        if (starts_true(get_misc_setting(conn, "spamfilter_use_mailuser_prefs", value)))
             argv_add(vec, "--enable-user-configs");
     }
-    if (sscanf(misc_value(conn, "spamfilter_max_children", value), "%u", &max_children) != 1)
+    if (sscanf(get_misc_setting(conn, "spamfilter_max_children", value), "%u", &max_children) != 1)
         max_children = SPAM_DEFAULT_MAX_CHILDREN;
     argv_add(vec, "--max-children");
     snprintf(number, sizeof number, "%u", max_children);

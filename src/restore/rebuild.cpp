@@ -64,13 +64,9 @@
 
 int short_pop3_names_allowed(MYSQL *conn)
 {
-    char query[PANEL_QUERY_SIZE], value[PANEL_QUERY_SIZE];
+    char value[PANEL_QUERY_SIZE];
 
-    misc_param_query("allow_short_pop3_names", query, sizeof(query));
-    if (get_answer(conn, query, 0, value) == GET_REFUSED) {
-        report_plain(1, GET_QUERY_REFUSED, query, mysql_error(conn));
-    }
-    return strcmp(value, "disabled") != 0;
+    return strcmp(get_misc_setting(conn, "allow_short_pop3_names", value), "disabled") != 0;
 }
 
 /* add_forward - add a forward address, or skip it with a warning when it

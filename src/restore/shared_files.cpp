@@ -58,14 +58,15 @@ static std::vector<std::string> lines_of(const char *name, const TextBuf &text)
 static void count_changes(const char *name, const TextBuf &before, const TextBuf &after)
 {
     std::unordered_map<std::string, long> left;
+    std::vector<std::string> found_lines = lines_of(name, before);
     unsigned added = 0, removed = 0;
 
-    for (const std::string &line : lines_of(name, before))
+    for (const std::string &line : found_lines)
         left[line]++;
     for (const std::string &line : lines_of(name, after))
         if (left[line]-- <= 0)
             added++;
-    for (const std::string &line : lines_of(name, before))
+    for (const std::string &line : found_lines)
         if (left[line]-- > 0) {
             removed++;
             run_line_removed(name, line.c_str());
