@@ -9,6 +9,7 @@
 #include "filters/antivirus.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,6 +19,7 @@
 #include "fs/file_str.h"
 #include "fs/file_util.h"
 #include "fs/held_file.h"
+#include "fs/line_merge.h"
 #include "fs/path_ops.h"
 #include "mailconf/value_check.h"
 #include "proc/exec.h"
@@ -34,20 +36,21 @@ static const size_t AV_BUF_SIZE = 4096;
 static const struct {
     const char *query;
     const char *failure;
+    const char *domain; /* the column of the mailbox's domain */
 } av_queries[] = {
     {"SELECT m.virusfilter, m.mail_name, d.name FROM mail m LEFT JOIN domains d ON m.dom_id=d.id "
      "WHERE m.virusfilter!='none' ORDER BY m.id",
-     "Unable to query drweb mailnames: %s"},
+     "Unable to query drweb mailnames: %s", "m.dom_id"},
     {"SELECT m.virusfilter, m.mail_name, da.name FROM mail m LEFT JOIN domainaliases da ON "
      "m.dom_id=da.dom_id WHERE m.virusfilter!='none' AND da.mail='true' AND da.status='0' ORDER BY m.id, da.id",
-     "Unable to query drweb mailnames on domain aliases: %s"},
+     "Unable to query drweb mailnames on domain aliases: %s", "m.dom_id"},
     {"SELECT mn.virusfilter, ma.alias, d.name FROM mail mn, domains d, mail_aliases ma WHERE "
      "ma.mn_id=mn.id AND mn.dom_id=d.id AND mn.virusfilter!='none' ORDER BY ma.id",
-     "Unable to query drweb mail aliases: %s"},
+     "Unable to query drweb mail aliases: %s", "mn.dom_id"},
     {"SELECT mn.virusfilter, ma.alias, da.name FROM mail mn, domains d, mail_aliases ma, "
      "domainaliases da WHERE mn.dom_id=da.dom_id AND ma.mn_id=mn.id AND mn.dom_id=d.id AND "
      "mn.virusfilter!='none' ORDER BY ma.id, da.id",
-     "Unable to query drweb mail aliases on domain aliases: %s"},
+     "Unable to query drweb mail aliases on domain aliases: %s", "mn.dom_id"},
 };
 
 /* users_conf_path - the file's path; the directory and the name are joined
@@ -180,7 +183,7 @@ int reset_users_conf(const Effects *fx)
     if (snprintf(tmpl, sizeof tmpl, "%s.in", path) < static_cast<int>(sizeof tmpl) && stat(tmpl, &st) == 0
         && copy_file_locked(fx, tmpl, path) == 0)
         return 0;
-    if (held_file_reset(path, "[version=2]\n") == 0
+    if (held_file_reset(path, "[version=2]\n", 12) == 0
         || file_put(fx, path, "[version=2]\n", geteuid(), getegid(), 0644, &step) >= 0)
         return 0;
     if (step == STEP_OPEN || step == STEP_LOCK)
@@ -190,9 +193,48 @@ int reset_users_conf(const Effects *fx)
     return -1;
 }
 
-void restore_antivirus_settings(const Effects *fx, MYSQL *conn)
+/* av_owned - whether a line of users.conf is a record rebox writes
+ * ("allow <direction> regex ^<address>$") of an address in one of the
+ * AvScope arg's domains */
+static int av_owned(const char *line, size_t len, const void *arg)
+{
+    const AvScope *only = static_cast<const AvScope *>(arg);
+    std::string text(line, len);
+    size_t first = text.find('\t'), second = text.find('\t', first + 1);
+
+    if (!text.starts_with("allow\t") || second == std::string::npos
+        || text.compare(second, 8, "\tregex\t^") != 0 || !text.ends_with("$"))
+        return 0;
+    size_t at = text.rfind('@');
+    return at != std::string::npos && at > second
+           && only->domains->count(text.substr(at + 1, text.size() - at - 2)) > 0;
+}
+
+/* limited_query - query limited to the mailboxes of the domains only->ids
+ * (before its ORDER BY), in a new string; null when it does not fit */
+static char *limited_query(const char *query, const char *column, const AvScope *only)
+{
+    const char *order = strstr(query, " ORDER BY");
+
+    return xasprintf("%.*s AND %s IN (%s)%s", static_cast<int>(order - query), query, column, only->ids, order);
+}
+
+/* read_users_conf - the file's text as it is, into text (empty when it
+ * cannot be read) */
+static void read_users_conf(const Effects *fx, const char *path, TextBuf *text)
+{
+    int fd = path_open(fx, path, O_RDONLY, 0);
+
+    if (fd >= 0 && text_buf_read(text, fd) != 0)
+        report(1, "Unable to read file %s: %s\n", path, strerror(errno));
+    if (fd >= 0)
+        close(fd);
+}
+
+void restore_antivirus_settings(const Effects *fx, MYSQL *conn, const AvScope *only)
 {
     char path[AV_BUF_SIZE], util[AV_BUF_SIZE];
+    TextBuf before = {}, kept = {};
 
     /* The file is held in memory under its lock, from its head through
      * every record, and replaced once, only when it differs, before
@@ -204,10 +246,30 @@ void restore_antivirus_settings(const Effects *fx, MYSQL *conn)
     users_conf_path(path, sizeof path);
     if (held_file_take(fx, path, 1) != 0)
         report(1, "Unable to lock %s for the rebuild", path);
-    reset_users_conf(fx);
+    if (only != nullptr) {
+        read_users_conf(fx, path, &before);
+        if (line_filter(&before, av_owned, only, &kept) != 0)
+            report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+        held_file_reset(path, kept.data != nullptr ? kept.data : "", kept.len);
+    } else {
+        reset_users_conf(fx);
+    }
     set_owner_mode(fx, path, 0, 0, 0644);
-    for (const auto &q : av_queries)
-        av_run_query(fx, conn, q.query, q.failure);
+    for (const auto &q : av_queries) {
+        char *limited = only != nullptr ? limited_query(q.query, q.domain, only) : nullptr;
+        av_run_query(fx, conn, only != nullptr ? limited : q.query, q.failure);
+        free(limited);
+    }
+    if (only != nullptr) {
+        TextBuf rebuilt = {}, merged = {};
+        if (held_file_text(path, &rebuilt) != 0 || line_merge(&before, &rebuilt, av_owned, only, &merged) != 0)
+            report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+        held_file_reset(path, merged.data != nullptr ? merged.data : "", merged.len);
+        text_buf_free(&rebuilt);
+        text_buf_free(&merged);
+    }
+    text_buf_free(&before);
+    text_buf_free(&kept);
     held_file_release(path);
     /* Started with its full path in slot 0, the result not examined. */
     char reload[] = "-r";

@@ -4,7 +4,10 @@
  * (one record per address whose mailbox has checking on, under the domain
  * and under its aliases) and has virusctl reload it.  The other functions
  * are its steps: start the file from its head, replace the record of one
- * address, remove every record form of one address.
+ * address, remove every record form of one address.  A run limited to some
+ * mail domains (AvScope) rebuilds their records alone: the file as it is,
+ * less their records, gets theirs again from their rows, and each of their
+ * records written again keeps its place (fs/line_merge).
  */
 #pragma once
 
@@ -12,9 +15,21 @@
 
 #include <mysql.h>
 
+#include <set>
+#include <string>
+
+/* AvScope - the mail domains a limited run rebuilds: their identifiers,
+ * comma-separated, and the domain parts of their addresses (names and
+ * aliases, as stored and in ASCII form) */
+struct AvScope {
+    const char *ids;
+    const std::set<std::string> *domains;
+};
+
 /* restore_antivirus_settings - users.conf rebuilt from conn's rows and
- * virusctl run, every change through fx */
-void restore_antivirus_settings(const Effects *fx, MYSQL *conn);
+ * virusctl run, every change through fx; only: the domains a limited run
+ * rebuilds, or null */
+void restore_antivirus_settings(const Effects *fx, MYSQL *conn, const AvScope *only);
 /* reset_users_conf - users.conf made to hold its head: the template
  * users.conf.in when it can be copied, else "[version=2]" (in memory while
  * the pass holds the file); 0, or -1 after the message */

@@ -348,21 +348,23 @@ static int mailbox_row_usable(MYSQL_RES *res, MYSQL_ROW row, const char *domain)
     return 0;
 }
 
-void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *domains, size_t count)
+void restore_spam_settings(const Effects *fx, MYSQL *conn, const MailDomainRow *const *domains, size_t count,
+                           int server_wide)
 {
     char shown[VALUE_PRINTABLE_SIZE];
     MYSQL_RES *mailboxes;
     MYSQL_ROW box;
 
-    apply_server_spam_settings(fx, conn);
+    if (server_wide)
+        apply_server_spam_settings(fx, conn);
     /* The name goes into every full mail name: a row the rebuild skips is
      * skipped here too, each named before the first mailbox is applied. */
     for (size_t k = 0; k < count; k++)
-        if (domains[k].rule != nullptr)
+        if (domains[k]->rule != nullptr)
             report_plain(0, "Skipping spam filter settings of domain '%s': %s",
-                         value_printable(domains[k].name, shown, sizeof shown), domains[k].rule);
+                         value_printable(domains[k]->name, shown, sizeof shown), domains[k]->rule);
     for (size_t k = 0; k < count; k++) {
-        const MailDomainRow *d = &domains[k];
+        const MailDomainRow *d = domains[k];
         if (d->rule != nullptr)
             continue;
         if ((mailboxes = spam_query(conn, "SELECT mail_name FROM mail WHERE dom_id=%s ORDER BY id", d->id)) == nullptr)

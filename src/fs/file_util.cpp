@@ -134,7 +134,7 @@ int copy_file_locked(const Effects *fx, const char *source, const char *destinat
         report(0, "Error while copying file %s to %s: %s", source, destination, strerror(errno));
     else if (strcmp(destination, "-") == 0)
         rc = fwrite(text.data, 1, text.len, stdout) == text.len && fflush(stdout) == 0 ? 0 : -1;
-    else if (held_file_reset(destination, text.data) == 0)
+    else if (held_file_reset(destination, text.data, text.len) == 0)
         rc = 0;
     else {
         int found = path_stat(fx, destination, &st) == 0;

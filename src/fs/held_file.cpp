@@ -96,7 +96,7 @@ static int hold(const Effects *fx, const char *path, int durable, int rebuilt)
     held[held_count++] = HeldFile{fx, strdup(path), lock, nullptr, 0, 0, durable,
                                   static_cast<uid_t>(-1), static_cast<gid_t>(-1), static_cast<mode_t>(-1), rebuilt};
     if (rebuilt)
-        held_file_reset(path, "");
+        held_file_reset(path, "", 0);
     return 0;
 }
 
@@ -120,12 +120,12 @@ static void set_text(HeldFile *h, const char *text, size_t len, int exists)
     h->exists = exists;
 }
 
-int held_file_reset(const char *path, const char *text)
+int held_file_reset(const char *path, const char *text, size_t len)
 {
     HeldFile *h = find_held(path);
 
     if (h != nullptr)
-        set_text(h, text, strlen(text), 1);
+        set_text(h, text, len, 1);
     return h != nullptr ? 0 : -1;
 }
 

@@ -8,7 +8,7 @@
  * differ from the disk, whole, through "<path>.tmp" and a rename.  The
  * owner, group and mode are those the file has on disk at that moment, as
  * the edits one by one would have left it, unless held_file_owner asked
- * for others.  held_file_reset starts a copy from a given text instead of
+ * for others.  held_file_reset starts a copy from the len bytes of text instead of
  * the disk (a file rebuilt from scratch).  held_files_release writes and
  * unlocks them all, held_file_release one of them; a file taken durable is
  * flushed to the disk with its directory when replaced.  Nothing is
@@ -42,7 +42,7 @@ int held_file_take_rebuilt(const Effects *fx, const char *path);
 int held_file_edit(const char *path, const char *const *lines, int operation, int mode);
 /* held_file_reset, held_file_owner - 0, or -1 when path is not held; an
  * owner, group or mode of -1 is left as it is */
-int held_file_reset(const char *path, const char *text);
+int held_file_reset(const char *path, const char *text, size_t len);
 int held_file_owner(const char *path, uid_t uid, gid_t gid, mode_t mode);
 int held_files_write(void);
 /* held_file_text - the held text of path appended to out; 0, or -1 when

@@ -118,7 +118,7 @@ static void start_qmail(const Effects *fx, int home_fd, const char *home, const 
     /* A path cut by the buffer would name another file's lock. */
     if (snprintf(path, sizeof(path), "%s/.qmail", home) >= static_cast<int>(sizeof(path)))
         report_plain(1, "Unable to add string to .qmail file\n");
-    if (held_file_reset(path, "") == 0) {
+    if (held_file_reset(path, "", 0) == 0) {
         held_file_owner(path, ids.uid, ids.gid, 0600);
     } else {
         /* Emptied by a whole replacement, never cut in place. */

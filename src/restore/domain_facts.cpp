@@ -111,6 +111,9 @@ void domain_facts(MYSQL *conn, const MailDomainRow *d, DomainFacts *facts)
     char q[Q_COUNT][PANEL_QUERY_SIZE], count[PANEL_QUERY_SIZE];
     NonexistPolicy *p = &facts->policy;
 
+    *facts = {};
+    if (d->rule != nullptr)
+        return;
     for (int i = 0; i < Q_COUNT; i++)
         DOMAIN_QUESTIONS[i](d->id, q[i]);
     value(conn, d, "mbox_quota", q[Q_LIMIT], facts->limit, GET_DOM_LIMIT_REFUSED, "mbox_quota");
@@ -136,8 +139,13 @@ void domain_facts(MYSQL *conn, const MailDomainRow *d, DomainFacts *facts)
 
 void domain_facts_free(DomainFacts *facts)
 {
+    for (const MailboxLists &l : facts->lists) {
+        mysql_free_result(l.group);
+        mysql_free_result(l.aliases);
+    }
     mysql_free_result(facts->aliases);
     mysql_free_result(facts->mailboxes);
+    *facts = {};
 }
 
 void domain_facts_prefetch(const MailDomainRow *d)
@@ -150,22 +158,32 @@ void domain_facts_prefetch(const MailDomainRow *d)
         pipeline_prefetch(question(d->id, query));
 }
 
-void mailbox_lists(MYSQL *conn, const MailboxRow *m, MYSQL_RES **group, MYSQL_RES **aliases)
+void domain_lists(MYSQL *conn, DomainFacts *facts)
 {
     char query[PANEL_QUERY_SIZE];
 
-    *group = m->mail_group ? rows(conn, mailgroup_query(m->id, query), "Unable to query mailgroup members: %s")
-                           : nullptr;
-    *aliases = rows(conn, mail_aliases_query(m->id, query), "Unable to query alias for mail: %s");
+    facts->lists.assign(facts->boxes.size(), MailboxLists{nullptr, nullptr});
+    for (size_t i = 0; i < facts->boxes.size(); i++) {
+        const MailboxRow *m = &facts->boxes[i];
+        if (m->rule != nullptr)
+            continue;
+        if (m->mail_group)
+            facts->lists[i].group = rows(conn, mailgroup_query(m->id, query), "Unable to query mailgroup members: %s");
+        facts->lists[i].aliases = rows(conn, mail_aliases_query(m->id, query), "Unable to query alias for mail: %s");
+    }
 }
 
-void mailbox_lists_prefetch(const MailboxRow *m)
+void domain_lists_prefetch(const DomainFacts *facts)
 {
     char query[PANEL_QUERY_SIZE];
 
-    if (m->mail_group)
-        pipeline_prefetch(mailgroup_query(m->id, query));
-    pipeline_prefetch(mail_aliases_query(m->id, query));
+    for (const MailboxRow &m : facts->boxes) {
+        if (m.rule != nullptr)
+            continue;
+        if (m.mail_group)
+            pipeline_prefetch(mailgroup_query(m.id, query));
+        pipeline_prefetch(mail_aliases_query(m.id, query));
+    }
 }
 
 void read_mail_domains(MYSQL *conn, MailDomains *list)

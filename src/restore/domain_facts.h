@@ -9,8 +9,10 @@
  * what that policy needs: the catch-all address with its fallbacks, or the
  * bounce text) and fills a DomainFacts; domain_facts_prefetch() queues the
  * same list on the query pipeline, in the same order, so the two cannot
- * drift apart.  mailbox_lists() and mailbox_lists_prefetch() do the same
- * for a mailbox's group members and aliases.  Every question the server
+ * drift apart.  domain_lists() and domain_lists_prefetch() do the same
+ * for the group members and aliases of each of its mailboxes, so that the
+ * pass has every answer about a domain before it writes the domain's first
+ * record.  Every question the server
  * refuses ends the process with the question's own message: the pass must
  * never read a refusal as "no value".
  */
@@ -29,13 +31,22 @@ struct MailDomains {
     std::vector<MailDomainRow> rows;
 };
 
-/* DomainFacts - one domain as the panel has it */
+/* MailboxLists - a mailbox's group members (null unless it is a mail
+ * group) and aliases (null for a mailbox that is skipped), one column each */
+struct MailboxLists {
+    MYSQL_RES *group;
+    MYSQL_RES *aliases;
+};
+
+/* DomainFacts - one domain as the panel has it (nothing of a domain row
+ * that is skipped) */
 struct DomainFacts {
     char limit[PANEL_QUERY_SIZE]; /* the mbox_quota limit, "" for none */
     NonexistPolicy policy;
     MYSQL_RES *aliases;   /* one column: a domain alias name */
     MYSQL_RES *mailboxes; /* owns the texts of boxes */
     std::vector<MailboxRow> boxes; /* the mailboxes, in the order of their identifiers */
+    std::vector<MailboxLists> lists; /* each box's lists, once domain_lists() read them */
 };
 
 void read_mail_domains(MYSQL *conn, MailDomains *list);
@@ -46,7 +57,6 @@ void domain_facts(MYSQL *conn, const MailDomainRow *d, DomainFacts *facts);
 void domain_facts_free(DomainFacts *facts);
 void domain_facts_prefetch(const MailDomainRow *d);
 
-/* mailbox_lists - mailbox m's group members (null unless it is a mail
- * group) and aliases, one column each */
-void mailbox_lists(MYSQL *conn, const MailboxRow *m, MYSQL_RES **group, MYSQL_RES **aliases);
-void mailbox_lists_prefetch(const MailboxRow *m);
+/* domain_lists - the lists of every mailbox of facts, asked over conn */
+void domain_lists(MYSQL *conn, DomainFacts *facts);
+void domain_lists_prefetch(const DomainFacts *facts);

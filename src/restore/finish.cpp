@@ -43,7 +43,7 @@ void run_line_removed(const char *file, const char *line)
         unnamed++;
 }
 
-void rebuild_log_summary(const char *done, double seconds)
+void rebuild_log_summary(const char *done, double seconds, const char *domains)
 {
     /* Nothing leaves qmail's files without trace: each line the panel no
      * longer has (an old domain, another utility's line) is named. */
@@ -53,10 +53,11 @@ void rebuild_log_summary(const char *done, double seconds)
     if (unnamed > 0)
         report_syslog_info("%s the shared files: %u more lines", verb, unnamed);
     report_syslog_info("summary: %u domains, %u mailboxes and %u aliases %s, %u rows skipped, "
-                       "%lu files replaced, %.1f seconds%s%s",
+                       "%lu files replaced, %.1f seconds%s%s%s%s",
                        counts[RUN_DOMAINS], counts[RUN_MAILBOXES], counts[RUN_ALIASES],
                        done, counts[RUN_SKIPPED], replace_count(), seconds,
-                       changes.empty() ? "" : "; lines added and removed: ", changes.c_str());
+                       changes.empty() ? "" : "; lines added and removed: ", changes.c_str(),
+                       domains != nullptr ? "; only mail domains " : "", domains != nullptr ? domains : "");
 }
 
 int run_qmail_newu(void)

@@ -16,7 +16,8 @@ void run_count(RunCount what);
  * RUN_LINES_NAMED of the run, the rest counted) */
 void run_lines(const char *file, unsigned added, unsigned removed);
 void run_line_removed(const char *file, const char *line);
-/* rebuild_log_summary - done: "restored", or "checked" */
-void rebuild_log_summary(const char *done, double seconds);
+/* rebuild_log_summary - done: "restored", or "checked"; domains: the
+ * names a limited run was given, or null */
+void rebuild_log_summary(const char *done, double seconds, const char *domains);
 int run_qmail_newu(void);
 int restart_qmail(int really);

@@ -47,6 +47,7 @@ struct HashEntry {
 };
 
 static MYSQL *pool_conn;
+static std::string &pool_query = *new std::string;
 static char pool_salt[12];
 static std::vector<pthread_t> threads;
 /* Never destroyed at exit: a fatal error ends the process while the
@@ -75,7 +76,7 @@ static void set(unsigned char &byte, unsigned char value)
  * server failed */
 static int read_entries(void)
 {
-    if (mysql_real_query(pool_conn, PLAINS_QUERY, strlen(PLAINS_QUERY)) != 0)
+    if (mysql_real_query(pool_conn, pool_query.data(), pool_query.size()) != 0)
         return -1;
     MYSQL_RES *res = mysql_store_result(pool_conn);
     if (res == nullptr)
@@ -128,7 +129,7 @@ static int processors(void)
     return sched_getaffinity(0, sizeof(set), &set) == 0 && CPU_COUNT(&set) > 0 ? CPU_COUNT(&set) : 1;
 }
 
-void hash_pool_start(MYSQL *conn, const char *salt)
+void hash_pool_start(MYSQL *conn, const char *salt, const char *domain_ids)
 {
     static const char alphabet[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
@@ -140,6 +141,9 @@ void hash_pool_start(MYSQL *conn, const char *salt)
     if (salt != nullptr)
         snprintf(pool_salt, sizeof(pool_salt), "%s", salt);
     pool_conn = conn;
+    pool_query = PLAINS_QUERY;
+    if (domain_ids != nullptr)
+        pool_query += std::string(" AND m.dom_id IN (") + domain_ids + ")";
     entries.clear();
     by_id.clear();
     next_entry.store(0);

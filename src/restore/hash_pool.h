@@ -20,8 +20,9 @@
 
 /* hash_pool_start - the run's salt made (salt: that one instead) and the
  * threads started on conn, which the pool closes (null: no pool, every
- * hash is made by the caller) */
-void hash_pool_start(MYSQL *conn, const char *salt);
+ * hash is made by the caller); domain_ids: only the passwords of these
+ * domains (identifiers, comma-separated), null for all */
+void hash_pool_start(MYSQL *conn, const char *salt, const char *domain_ids);
 
 /* hash_pool_get - crypt()'s answer for mailbox mailbox_id's plain password
  * (its failure token when crypt refuses it, null when crypt fails

@@ -43,6 +43,7 @@
 #include "mailconf/quota.h"
 #include "mailconf/value_check.h"
 #include "restore/domain_facts.h"
+#include "restore/domain_scope.h"
 #include "restore/finish.h"
 #include "restore/panel_rows.h"
 #include "restore/progress.h"
@@ -136,14 +137,14 @@ struct Pass {
     Progress progress;
 };
 
-/* restore_mailbox - row number i of a domain's mailbox list, all its
- * records; its delivery file is held in memory from add_mailbox to the
- * end */
-static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailDomain *d, int disabled)
+/* restore_mailbox - a mailbox with its lists, all its records; its
+ * delivery file is held in memory from add_mailbox to the end */
+static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailboxLists &lists, const MailDomain *d,
+                            int disabled)
 {
     const char *domain = d->name;
     char qmail[QMAIL_BUF_SIZE], home[QMAIL_BUF_SIZE];
-    MYSQL_RES *group, *aliases;
+    MYSQL_RES *group = lists.group, *aliases = lists.aliases;
 
     if (m.rule != nullptr) {
         skip_row("mailbox", m.mail_name, nullptr, domain, m.rule);
@@ -157,7 +158,6 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailDomain *d
         skip_row("mailbox", m.mail_name, nullptr, domain, "its password cannot be hashed");
         return;
     }
-    mailbox_lists(pass->conn, &m, &group, &aliases);
     mail_path(qmail, d->ascii, m.mail_name, DELIVERY_FILE);
     mail_path(home, d->ascii, m.mail_name, nullptr);
     if (held_file_take_rebuilt(d->fx, qmail) != 0)
@@ -176,8 +176,6 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailDomain *d
         add_forward(d, m.mail_name, m.redir_addr, m.redir_addr_rule);
     while (MYSQL_ROW r = group != nullptr ? mysql_fetch_row(group) : nullptr)
         add_forward(d, m.mail_name, r[0], value_rule(group, r, check_address));
-    if (group != nullptr)
-        mysql_free_result(group);
     if (m.autoresponder)
         add_autoresponder(d, m.mail_name);
     if (!tree_skipped)
@@ -188,7 +186,6 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailDomain *d
         else if (add_mail_alias(d, m.mail_name, r[0]) == 0)
             run_count(RUN_ALIASES);
     }
-    mysql_free_result(aliases);
     /* A delivery file that cannot be written ends the run; one that a
      * link or another kind of object keeps standing in the way of (popuser
      * racing the rebuild, or root's link) is left as it is, with a
@@ -202,12 +199,10 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailDomain *d
     }
 }
 
-/* restore_domain - the domain of row number k: domain, policy, quota,
- * aliases, mailboxes */
-static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
+/* restore_domain - the domain of row d with the panel's facts of it:
+ * domain, policy, quota, aliases, mailboxes */
+static void restore_domain(Pass *pass, const MailDomainRow *d, const DomainFacts &facts)
 {
-    const MailDomainRow *d = &domains->rows[k];
-    DomainFacts facts;
     MailDomain md;
     char dir[QMAIL_BUF_SIZE];
 
@@ -218,19 +213,9 @@ static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
     if (pass->popuser.uid == 0 && !popuser_lookup(&pass->popuser)) {
         report_plain(1, "Unable to define UID or GID for user popuser");
     }
-    /* What every writer needs of the domain, worked out once, and every
-     * question about it asked before the first of its records is written:
-     * a refused one ends the run with the domain's files as they were. */
+    /* What every writer needs of the domain, worked out once. */
     mail_domain(pass->fx, d, &pass->popuser, &md, "empty domain");
     md.reread_due = &pass->reread_due;
-    domain_facts(pass->conn, d, &facts);
-    /* The mailboxes' own questions and the next domain's go out now, to
-     * be answered while this domain is written. */
-    for (const MailboxRow &m : facts.boxes)
-        if (m.rule == nullptr)
-            mailbox_lists_prefetch(&m);
-    if (k + 1 < domains->rows.size())
-        domain_facts_prefetch(&domains->rows[k + 1]);
     /* A domain whose directory is root's link that cannot be followed
      * keeps its records; its files on disk stay as they are. */
     int dir_skipped = add_mail_domain(&md, d->disabled) != 0;
@@ -254,9 +239,8 @@ static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
             add_reject(pass->fx, a[0]);
     }
 
-    for (const MailboxRow &m : facts.boxes)
-        restore_mailbox(pass, m, &md, d->disabled);
-    domain_facts_free(&facts);
+    for (size_t i = 0; i < facts.boxes.size(); i++)
+        restore_mailbox(pass, facts.boxes[i], facts.lists[i], &md, d->disabled);
     pass->fx->panel_has(mail_path(dir, md.ascii, nullptr, nullptr));
     pass->fx->dir_done(dir);
     progress_domain(&pass->progress);
@@ -274,14 +258,46 @@ static size_t mailbox_total(MYSQL *conn)
     return strtoul(count, nullptr, 10);
 }
 
-void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int progress)
+/* restore_domains - the domains of rows, in that order.  Every question
+ * about a domain is answered before the first of its records is written,
+ * so that a refused one ends the run with the domain's files as they were;
+ * the questions go out ahead over the pipeline: the next domain's facts
+ * and the lists of its mailboxes are answered while this domain is
+ * written. */
+static void restore_domains(Pass *pass, const std::vector<const MailDomainRow *> &rows)
+{
+    DomainFacts facts = {}, next = {};
+
+    if (rows.empty())
+        return;
+    domain_facts_prefetch(rows[0]);
+    domain_facts(pass->conn, rows[0], &facts);
+    domain_lists_prefetch(&facts);
+    if (rows.size() > 1)
+        domain_facts_prefetch(rows[1]);
+    for (size_t k = 0; k < rows.size(); k++) {
+        domain_lists(pass->conn, &facts);
+        if (k + 1 < rows.size()) {
+            domain_facts(pass->conn, rows[k + 1], &next);
+            domain_lists_prefetch(&next);
+        }
+        if (k + 2 < rows.size())
+            domain_facts_prefetch(rows[k + 2]);
+        restore_domain(pass, rows[k], facts);
+        domain_facts_free(&facts);
+        facts = std::move(next);
+        next = {};
+    }
+}
+
+void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int progress, DomainScope *scope)
 {
     unsigned gid = lookup_user_ids("qmails", 1);
     Pass pass = {fx, nullptr, {0, 0}, 0, 0, {}};
 
     if (chdir(panel_config.QMAIL_ROOT_D) != 0)
         report(1, "ERROR: Unable to chdir to qmail dir: %s", strerror(errno));
-    shared_files_take(fx);
+    shared_files_take(fx, scope, domains);
     prepare_mailnames_dir(fx, gid);
 
     /* A query the server refuses ends the run, as one that fails in the
@@ -299,27 +315,39 @@ void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int pro
     pipeline_open(ahead, pass.conn);
     pass.full_names_required = short_pop3_names_allowed(pass.conn) == 0;
 
-    read_mail_domains(pass.conn, domains);
+    if (domains->res == nullptr)
+        read_mail_domains(pass.conn, domains);
+    std::vector<const MailDomainRow *> rows;
+    if (scope != nullptr)
+        for (size_t k : scope->rows)
+            rows.push_back(&domains->rows[k]);
+    else
+        for (const MailDomainRow &d : domains->rows)
+            rows.push_back(&d);
     /* Without a connection of its own (the server may allow no third one)
      * the pass hashes the passwords itself, without a word. */
     char err[PANEL_QUERY_SIZE];
-    hash_pool_start(db_open_session(err, sizeof(err)), nullptr);
-    if (!domains->rows.empty())
-        domain_facts_prefetch(&domains->rows[0]);
-    progress_start(&pass.progress, progress, domains->rows.size(), progress ? mailbox_total(pass.conn) : 0);
-    for (size_t k = 0; k < domains->rows.size(); k++)
-        restore_domain(&pass, domains, k);
+    hash_pool_start(db_open_session(err, sizeof(err)), nullptr, scope != nullptr ? scope->ids_sql.c_str() : nullptr);
+    progress_start(&pass.progress, progress && scope == nullptr, rows.size(),
+                   progress && scope == nullptr ? mailbox_total(pass.conn) : 0);
+    restore_domains(&pass, rows);
     progress_end(&pass.progress);
     hash_pool_stop();
     pipeline_close();
     mysql_close(ahead);
 
     if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
-        restore_antivirus_settings(fx, pass.conn);
-    fx->dir_done(panel_config.QMAIL_MAILNAMES_D);
+    {
+        AvScope av = {scope != nullptr ? scope->ids_sql.c_str() : nullptr, scope != nullptr ? &scope->conf_names : nullptr};
+        restore_antivirus_settings(fx, pass.conn, scope != nullptr ? &av : nullptr);
+    }
+    /* A limited run has no word on the other domains' directories, and
+     * tells qmail-send to reread its files when it finishes. */
+    if (scope == nullptr)
+        fx->dir_done(panel_config.QMAIL_MAILNAMES_D);
     shared_files_commit();
     /* Once, after the control files are written. */
-    if (pass.reread_due)
+    if (pass.reread_due && scope == nullptr)
         fx->signal("qmail-se", 1);
     mysql_close(pass.conn);
 }

@@ -4,7 +4,9 @@
 
 #include "fs/held_file.h"
 #include "fs/path_ops.h"
+#include "fs/line_merge.h"
 #include "mailconf/qmail_common.h"
+#include "restore/domain_scope.h"
 #include "restore/finish.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
@@ -20,14 +22,24 @@
 #include <unordered_map>
 #include <vector>
 
-/* The shared qmail files, in the order of locking. */
-static const char *const SHARED_FILES[] = {
-    QMAIL_RCPTHOSTS_FILE, QMAIL_VIRTUALDOMAINS_FILE, QMAIL_ASSIGN_FILE, QMAIL_POPPASSWD_FILE,
-    QMAIL_REJECTNONEXIST_FILE,
+/* Each shared file's text as the run found it, for the summary; the
+ * domains a limited run rebuilds. */
+static TextBuf found[SHARED_FILE_COUNT];
+static const DomainScope *limited;
+
+/* ScopeFile - a shared file of a limited run, for its lines' owner */
+struct ScopeFile {
+    const DomainScope *scope;
+    const char *name;
 };
 
-/* Each shared file's text as the run found it, for the summary. */
-static TextBuf found[std::size(SHARED_FILES)];
+/* scope_line - whether a line of the ScopeFile arg is the scope's */
+static int scope_line(const char *line, size_t len, const void *arg)
+{
+    const ScopeFile *f = static_cast<const ScopeFile *>(arg);
+
+    return scope_owns(f->scope, f->name, line, len);
+}
 
 /* line_key - a line as the summary compares and names it: a password
  * record's hash left out (a rerun gives every password a new salt, and a
@@ -74,11 +86,11 @@ static void count_changes(const char *name, const TextBuf &before, const TextBuf
     run_lines(name, added, removed);
 }
 
-void shared_files_take(const Effects *fx)
+void shared_files_take(const Effects *fx, DomainScope *scope, const MailDomains *domains)
 {
     char path[4096];
 
-    for (size_t i = 0; i < std::size(SHARED_FILES); i++) {
+    for (size_t i = 0; i < SHARED_FILE_COUNT; i++) {
         qmail_file_path(path, sizeof(path), SHARED_FILES[i]);
         if (held_file_take(fx, path, 1) != 0)
             report(1, "Unable to lock %s for the rebuild", path);
@@ -88,10 +100,24 @@ void shared_files_take(const Effects *fx)
         if (fd >= 0)
             close(fd);
     }
-    for (const char *name : SHARED_FILES) {
+    /* A limited run starts from the files as they are, less the chosen
+     * domains' lines; a full one from empty files (users/assign with its
+     * closing ".", control/rejectnonexist as it is). */
+    limited = scope;
+    if (scope != nullptr)
+        scope_learn(scope, domains, found);
+    for (size_t i = 0; i < SHARED_FILE_COUNT; i++) {
+        const char *name = SHARED_FILES[i];
         qmail_file_path(path, sizeof(path), name);
-        if (strcmp(name, QMAIL_REJECTNONEXIST_FILE) != 0)
-            held_file_reset(path, strcmp(name, QMAIL_ASSIGN_FILE) == 0 ? ".\n" : "");
+        if (scope != nullptr) {
+            ScopeFile file = {scope, name};
+            TextBuf rest = {};
+            if (line_filter(&found[i], scope_line, &file, &rest) != 0 || held_file_reset(path, rest.data != nullptr ? rest.data : "", rest.len) != 0)
+                report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+            text_buf_free(&rest);
+        } else if (strcmp(name, QMAIL_REJECTNONEXIST_FILE) != 0) {
+            held_file_reset(path, ".\n", strcmp(name, QMAIL_ASSIGN_FILE) == 0 ? 2 : 0);
+        }
     }
 }
 
@@ -99,11 +125,22 @@ void shared_files_commit(void)
 {
     char path[4096];
 
-    for (size_t i = 0; i < std::size(SHARED_FILES); i++) {
+    for (size_t i = 0; i < SHARED_FILE_COUNT; i++) {
         TextBuf now = {};
         qmail_file_path(path, sizeof(path), SHARED_FILES[i]);
         if (held_file_text(path, &now) != 0)
             report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+        /* The chosen domains' lines that are as they should be keep their
+         * places. */
+        if (limited != nullptr) {
+            ScopeFile file = {limited, SHARED_FILES[i]};
+            TextBuf merged = {};
+            if (line_merge(&found[i], &now, scope_line, &file, &merged) != 0
+                || held_file_reset(path, merged.data != nullptr ? merged.data : "", merged.len) != 0)
+                report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
+            text_buf_free(&now);
+            now = merged;
+        }
         count_changes(SHARED_FILES[i], found[i], now);
         text_buf_free(&now);
         text_buf_free(&found[i]);

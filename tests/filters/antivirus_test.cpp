@@ -33,7 +33,7 @@ struct AntivirusTest : ::testing::Test {
     {
         MYSQL *conn = panel_db_open();
         ASSERT_NE(conn, nullptr);
-        restore_antivirus_settings(&APPLY_EFFECTS, conn);
+        restore_antivirus_settings(&APPLY_EFFECTS, conn, nullptr);
         mysql_close(conn);
     }
 };

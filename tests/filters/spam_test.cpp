@@ -109,10 +109,10 @@ TEST_F(SpamTest, WholePassSplitsLongListsIntoWholePairs)
         run.push_back("w" + std::to_string(i) + "@x.org");
     }
     /* The domains with mail service, as the rebuild hands them over. */
-    const MailDomainRow domains[] = {{"1", "example.com", "example.com", 0, nullptr}};
+    const MailDomainRow row = {"1", "example.com", "example.com", 0, nullptr}, *domains[] = {&row};
     MYSQL *conn = panel_db_open();
     ASSERT_NE(conn, nullptr);
-    restore_spam_settings(&APPLY_EFFECTS, conn, domains, 1);
+    restore_spam_settings(&APPLY_EFFECTS, conn, domains, 1, 1);
     const Calls pass = {{"start", "--max-children", "5"}, first, second};
     EXPECT_EQ(calls(), pass);
 
@@ -127,7 +127,7 @@ TEST_F(SpamTest, WholePassSplitsLongListsIntoWholePairs)
     EXPECT_EQ(apply_server_spam_settings(&APPLY_EFFECTS, nullptr), -1);
     testdb_exec("UPDATE Components SET version='not_installed'");
     EXPECT_EQ(apply_server_spam_settings(&APPLY_EFFECTS, nullptr), 0);
-    restore_spam_settings(&APPLY_EFFECTS, conn, domains, 1);
+    restore_spam_settings(&APPLY_EFFECTS, conn, domains, 1, 1);
     mysql_close(conn);
     EXPECT_EQ(calls().size(), 4u);
 }

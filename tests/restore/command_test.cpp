@@ -28,7 +28,8 @@ protected:
 TEST_F(Command, BadCommandLinesPrintUsageAndExitZero)
 {
     for (const char *args : {"", "--with-spam daemon-mode extra", "-vv", "--WITH-SPAM", "--with-spam=1",
-                             "--spam-only now", "--without-spam --daemon", "--check=1"}) {
+                             "--spam-only now", "--without-spam --daemon", "--check=1", "--without-spam --domain",
+                             "--without-spam --domain=", "--domain a.example", "--check --domain a.example x"}) {
         CommandResult r = run_rebox(args);
         EXPECT_EQ(r.status, 0) << args;
         EXPECT_EQ(r.out, "Usage: rebox [OPTION]\n  Restore settings for all mailboxes.\n\n"
@@ -39,7 +40,10 @@ TEST_F(Command, BadCommandLinesPrintUsageAndExitZero)
                          "  --spam-only [--daemon-mode]\n"
                          "         restore only SpamAssassin settings\n"
                          "  --check\n"
-                         "         report what a restore would change, without changing anything\n")
+                         "         report what a restore would change, without changing anything\n"
+                         "  --domain NAME\n"
+                         "         with any of the above: only mail domain NAME (or the domain of alias NAME),\n"
+                         "         may be repeated; qmail-send rereads its files instead of a restart\n")
             << args;
     }
     EXPECT_EQ(standin_calls(STANDIN_QMAIL_NEWU), 0u);

@@ -40,7 +40,7 @@ TEST(HashPool, EachPasswordGetsTheHashOfItsOwnText)
     for (int with_pool : {1, 0}) {
         MYSQL *conn = with_pool ? db_open_session(err, sizeof(err)) : nullptr;
         ASSERT_TRUE(conn || !with_pool) << err;
-        hash_pool_start(conn, SALT);
+        hash_pool_start(conn, SALT, nullptr);
         /* Time for the threads to read and hash most of the list, so that
          * the asks meet hashes they made (a late pool would leave them to
          * the caller and hide its faults). */

@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <regex>
+#include <sstream>
+#include <vector>
 
 void rebox_standins(int qmail_newu_exit, int qmail_init_exit)
 {
@@ -67,12 +69,20 @@ std::string generated_panel(int domains, int per_domain, int seed)
 pid_t start_rebox(const char *args)
 {
     std::string out = sandbox_path("rebox.out"), err = sandbox_path("rebox.err");
+    std::istringstream words(args);
+    std::vector<std::string> list = {REBOX_EXE};
+    for (std::string w; words >> w;)
+        list.push_back(w);
+    std::vector<char *> argv;
+    for (std::string &w : list)
+        argv.push_back(w.data());
+    argv.push_back(nullptr);
     fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
         dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
         dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-        execl(REBOX_EXE, REBOX_EXE, args, (char *)nullptr);
+        execv(REBOX_EXE, argv.data());
         _exit(127);
     }
     return pid;
