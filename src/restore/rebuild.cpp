@@ -270,7 +270,6 @@ static void restore_domains(Pass *pass, const std::vector<const MailDomainRow *>
 
     if (rows.empty())
         return;
-    domain_facts_prefetch(rows[0]);
     domain_facts(pass->conn, rows[0], &facts);
     domain_lists_prefetch(&facts);
     if (rows.size() > 1)
