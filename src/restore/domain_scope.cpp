@@ -251,7 +251,9 @@ void scope_resolve(const Effects *fx, MYSQL *conn, const MailDomains *domains, D
         }
         if (!panel_only && !texts_read++)
             read_shared(fx, texts);
-        if (panel_only || !on_disk(domains, texts, ascii))
+        if (panel_only)
+            report_plain(1, "Unknown mail domain '%s': the panel has no mail domain or alias of that name", shown);
+        if (!on_disk(domains, texts, ascii))
             report_plain(1, "Unknown mail domain '%s': neither the panel nor qmail's files know it", shown);
         if (std::find(scope->dropped.begin(), scope->dropped.end(), ascii) == scope->dropped.end())
             scope->dropped.push_back(ascii);
