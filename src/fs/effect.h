@@ -61,10 +61,11 @@ struct Effects {
     /* a sibling utility of the panel run with its argument vector (argv[0]
      * first); its run result */
     int (*run_util)(const char *name, char *const argv[]);
-    /* the hash a mailbox's login is written with, given its plain password
-     * (null: a stored hash) and the run's hash of it: the run's, or (when
-     * only reporting) the one on disk when it is that same password's */
-    const char *(*login_hash)(const char *home, const char *plain, const char *hash);
+    /* the salt the plain password of the mailbox at home is hashed with:
+     * null for the run's own; when only reporting, the hash on disk (so
+     * that an unchanged password gives the very same hash), or "" when the
+     * disk has no login for it (nothing to hash: the login is missing) */
+    const char *(*login_salt)(const char *home);
     /* the panel has the directory at path (a domain's or a mailbox's) */
     void (*panel_has)(const char *path);
     /* every directory or link in dir the panel does not have is surplus */

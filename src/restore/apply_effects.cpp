@@ -225,10 +225,10 @@ unsigned long replace_count(void)
     return replaced;
 }
 
-/* apply_login_hash - a login is written with the run's hash */
-static const char *apply_login_hash(const char *, const char *, const char *hash)
+/* apply_login_salt - a login is written with the run's salt */
+static const char *apply_login_salt(const char *)
 {
-    return hash;
+    return nullptr;
 }
 
 /* apply_leave - a restore leaves what the panel does not have where it
@@ -252,7 +252,7 @@ const Effects APPLY_EFFECTS = {
     .missing_dir = apply_missing_dir,
     .signal = kill_by_name,
     .run_util = admin_util_execv,
-    .login_hash = apply_login_hash,
+    .login_salt = apply_login_salt,
     .panel_has = apply_leave,
     .dir_done = apply_leave,
 };

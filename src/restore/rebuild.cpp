@@ -21,9 +21,9 @@
  * root's link that cannot be followed, keeps its records and its files.
  * What the pass asks of a domain is domain_facts' (each domain's questions
  * sent ahead over a second connection), the passwords are hashed ahead on
- * every processor (hash_pool), the summary's counts are finish's; the
- * table of effects remembers what a check run needs to report surplus
- * directories and unchanged passwords.
+ * every processor (hash_pool) with the salt the table of effects gives, the
+ * summary's counts are finish's; the table of effects remembers what a
+ * check run needs to report surplus directories and unchanged passwords.
  */
 #include "restore/rebuild.h"
 
@@ -152,14 +152,14 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailDomain *d
     /* A plain password crypt refuses (it takes at most 511 bytes) gives
      * no hash but crypt's failure token, a login that can never succeed:
      * such a mailbox is skipped like a row that breaks a rule. */
-    const char *hash = m.postbox && m.plain != nullptr ? hash_pool_get(m.id, m.plain) : m.password;
+    mail_path(home, d->ascii, m.mail_name, nullptr);
+    const char *hash = m.postbox && m.plain != nullptr ? hash_pool_get(m.id, home, m.plain) : m.password;
     if (m.postbox && m.plain != nullptr && (hash == nullptr || *hash == '*')) {
         skip_row("mailbox", m.mail_name, nullptr, domain, "its password cannot be hashed");
         return;
     }
     mailbox_lists(pass->conn, &m, &group, &aliases);
     mail_path(qmail, d->ascii, m.mail_name, DELIVERY_FILE);
-    mail_path(home, d->ascii, m.mail_name, nullptr);
     if (held_file_take_rebuilt(d->fx, qmail) != 0)
         report(1, "Unable to lock %s for the rebuild", qmail);
     /* A mailbox whose directories are in the way of a foreign object keeps
@@ -169,8 +169,7 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailDomain *d
     progress_mailbox(&pass->progress);
     d->fx->panel_has(home);
     if (m.postbox) {
-        add_postbox(d, m.mail_name, d->fx->login_hash(home, m.plain, hash), disabled,
-                    pass->full_names_required);
+        add_postbox(d, m.mail_name, hash, disabled, pass->full_names_required);
     }
     if (m.redirect)
         add_forward(d, m.mail_name, m.redir_addr, m.redir_addr_rule);
@@ -303,7 +302,8 @@ void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int pro
     /* Without a connection of its own (the server may allow no third one)
      * the pass hashes the passwords itself, without a word. */
     char err[PANEL_QUERY_SIZE];
-    hash_pool_start(db_open_session(err, sizeof(err)), nullptr);
+    hash_pool_start(db_open_session(err, sizeof(err)), nullptr, fx->login_salt, domains->rows.data(),
+                    domains->rows.size());
     if (!domains->rows.empty())
         domain_facts_prefetch(&domains->rows[0]);
     progress_start(&pass.progress, progress, domains->rows.size(), progress ? mailbox_total(pass.conn) : 0);
