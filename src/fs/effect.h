@@ -32,6 +32,12 @@ enum FileStep { STEP_LOCK, STEP_OPEN, STEP_WRITE, STEP_CHOWN, STEP_CHMOD, STEP_R
 struct Effects {
     /* at_dir: the last name as a directory, opened or made */
     int (*new_dir)(PathAt *at, mode_t mode, int *made);
+    /* a directory made by name in one the run keeps to itself (fs/path_at)
+     * and given to uid and gid by name, not opened; 0, or -1 with errno
+     * (EEXIST: something stands there); *made tells whether it was made */
+    int (*new_leaf)(PathAt *at, mode_t mode, uid_t uid, gid_t gid, int *made);
+    /* a directory the run kept to itself given to uid and gid */
+    int (*give)(int fd, uid_t uid, gid_t gid);
     /* fd_owner_mode: owner, group and mode of an open object */
     int (*owner_mode)(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, FileStep *step);
     /* a foreign object at the last name moved aside and removed */

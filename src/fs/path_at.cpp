@@ -13,7 +13,27 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
+#include <unordered_set>
+
 static const size_t PATH_BUF_SIZE = 4096;
+
+/* FreshDir - a directory the run made and keeps to itself: its path, its
+ * descriptor, whom it goes to, how deep below QMAIL_MAILNAMES_D it lies
+ * (0 for that directory itself) and the names made in it */
+struct FreshDir {
+    std::string path;
+    int fd;
+    uid_t uid;
+    gid_t gid;
+    int depth;
+    std::unordered_set<std::string> made;
+};
+
+/* The kept directories (the mail names directory, a domain's, a home, its
+ * Maildir: one chain at a time); an entry with fd -1 is free. */
+static FreshDir fresh_dirs[6] = {{"", -1, 0, 0, 0, {}}, {"", -1, 0, 0, 0, {}}, {"", -1, 0, 0, 0, {}},
+                                 {"", -1, 0, 0, 0, {}}, {"", -1, 0, 0, 0, {}}, {"", -1, 0, 0, 0, {}}};
 
 /* The mail names directory and the domain directory reached last, kept open
  * between calls: popuser can neither rename nor replace them (their names
@@ -115,10 +135,36 @@ static int plain_at(const char *named, PathAt *at)
     return at->dir < 0 ? -1 : 0;
 }
 
+/* fresh_by_fd - the kept fresh directory of descriptor fd, or null */
+static FreshDir *fresh_by_fd(int fd)
+{
+    for (FreshDir &f : fresh_dirs)
+        if (fd >= 0 && f.fd == fd)
+            return &f;
+    return nullptr;
+}
+
+/* fresh_above - the deepest kept fresh directory that path lies below,
+ * with *rest set to the part of path below it; null when none */
+static FreshDir *fresh_above(const char *path, const char **rest)
+{
+    FreshDir *best = nullptr;
+
+    for (FreshDir &f : fresh_dirs) {
+        size_t len = f.path.size();
+        if (f.fd >= 0 && (best == nullptr || len > best->path.size()) && strncmp(path, f.path.c_str(), len) == 0
+            && path[len] == '/') {
+            best = &f;
+            *rest = path + len;
+        }
+    }
+    return best;
+}
+
 /* kept - fd is one of the directories kept open between calls */
 static int kept(int fd)
 {
-    return fd == open_dirs.base || fd == open_dirs.domain_fd;
+    return fd == open_dirs.base || fd == open_dirs.domain_fd || fresh_by_fd(fd) != nullptr;
 }
 
 /* alive - fd is a directory that has not been removed */
@@ -180,7 +226,7 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
     const char *rest = tree_rest(path);
 
     *at = PathAt{.fx = fx, .dir = -1, .name = "", .guarded = 0, .trusted_link = 0, .absent = 0, .owned = 1,
-                 .path = path};
+                 .path = path, .fresh = nullptr};
     /* Relative paths are refused: the working directory is no anchor. */
     if (path[0] != '/') {
         errno = EINVAL;
@@ -189,10 +235,17 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
     if (rest == nullptr)
         return plain_at(path, at);
 
-    /* Below the domain directory reached last, the walk starts there. */
+    /* Below a directory the run keeps to itself, or else below the domain
+     * directory reached last, the walk starts there. */
     size_t first = strcspn(rest, "/");
     int depth = 1, dir;
-    if (rest[first] == '/' && rest[first + strspn(rest + first, "/")] != '\0'
+    const char *below;
+    FreshDir *fresh = fresh_above(path, &below);
+    if (fresh != nullptr) {
+        dir = fresh->fd;
+        rest = below;
+        depth = fresh->depth + 1;
+    } else if (rest[first] == '/' && rest[first + strspn(rest + first, "/")] != '\0'
         && first == strlen(open_dirs.domain) && strncmp(rest, open_dirs.domain, first) == 0
         && alive(open_dirs.domain_fd)) {
         dir = open_dirs.domain_fd;
@@ -225,9 +278,10 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
         if (*next == '\0') {
             at->dir = dir;
             at->owned = !kept(dir);
+            at->fresh = fresh_by_fd(dir);
             /* A link that root made directly in the mail names directory
              * is followed; popuser cannot make or change one there. */
-            at->trusted_link = depth == 1 && !at->absent && trusted_link_at(dir, at->name);
+            at->trusted_link = depth == 1 && !at->absent && !at_unmade(at) && trusted_link_at(dir, at->name);
             at->guarded = !at->trusted_link;
             return 0;
         }
@@ -236,8 +290,14 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
             rest = next;
             continue;
         }
-        int sub = depth == 1 ? domain_dir(dir, at->name)
-                             : openat(dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+        FreshDir *in = fresh_by_fd(dir);
+        int sub = -1;
+        if (in != nullptr && in->made.count(at->name) == 0)
+            errno = ENOENT;
+        else if (depth == 1)
+            sub = domain_dir(dir, at->name);
+        else
+            sub = openat(dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
         int err = errno;
         /* Below a directory that is missing or is not one, the walk goes
          * on where the effects say (nowhere, when they are applied). */
@@ -270,9 +330,67 @@ void path_at_close(PathAt *at)
 
 void at_child(const Effects *fx, PathAt *at, int dir_fd, const char *name, const char *path)
 {
+    FreshDir *fresh = fresh_by_fd(dir_fd);
+
     *at = PathAt{.fx = fx, .dir = dir_fd, .name = "", .guarded = 1, .trusted_link = 0,
-                 .absent = is_absent_dir(dir_fd), .owned = 0, .path = path};
+                 .absent = fresh == nullptr && is_absent_dir(dir_fd), .owned = 0, .path = path, .fresh = fresh};
     set_name(at, name, strlen(name));
+}
+
+int path_at_keep_fresh(const PathAt *at, int fd, uid_t uid, gid_t gid)
+{
+    const char *rest = tree_rest(at->path);
+    int depth = 0;
+
+    /* Nobody but root can have put anything in a directory made in one
+     * the run keeps, in the mail names directory, or as that directory. */
+    if (at->fresh == nullptr && !(rest != nullptr && at->dir == open_dirs.base && strchr(rest, '/') == nullptr)
+        && strcmp(at->path, panel_config.QMAIL_MAILNAMES_D) != 0)
+        return 0;
+    for (const char *p = rest; p != nullptr && *p != '\0'; p = strchr(p + 1, '/'))
+        depth++;
+    for (FreshDir &f : fresh_dirs) {
+        if (f.fd < 0) {
+            f.path = at->path;
+            f.fd = fd;
+            f.uid = uid;
+            f.gid = gid;
+            f.depth = depth;
+            f.made.clear();
+            return 1;
+        }
+    }
+    return 0;
+}
+
+int path_at_give_fresh(const Effects *fx, const char *path)
+{
+    int rc = 0;
+
+    for (FreshDir &f : fresh_dirs) {
+        if (f.fd < 0 || f.path != path)
+            continue;
+        if (f.uid != static_cast<uid_t>(-1))
+            rc = fx->give(f.fd, f.uid, f.gid);
+        int err = errno;
+        close(f.fd);
+        f.fd = -1;
+        f.path.clear();
+        f.made.clear();
+        errno = err;
+    }
+    return rc;
+}
+
+int at_unmade(const PathAt *at)
+{
+    return at->fresh != nullptr && at->fresh->made.count(at->name) == 0;
+}
+
+void at_note_made(const PathAt *at)
+{
+    if (at->fresh != nullptr)
+        at->fresh->made.insert(at->name);
 }
 
 int at_temporary(const PathAt *at, PathAt *tmp, char *tmp_path)

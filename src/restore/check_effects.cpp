@@ -40,6 +40,22 @@ static int check_new_dir(PathAt *at, mode_t, int *)
     return absent_dir_fd();
 }
 
+/* check_new_leaf - a directory at_dir would make; a check keeps no
+ * directory to itself, so it is reported missing as at check_new_dir */
+static int check_new_leaf(PathAt *at, mode_t, uid_t, gid_t, int *made)
+{
+    *made = 0;
+    if (!at->absent)
+        check_note("missing", at->path);
+    return 0;
+}
+
+/* check_give - nothing was kept, so nothing is given */
+static int check_give(int, uid_t, gid_t)
+{
+    return 0;
+}
+
 /* check_owner_mode_fx - the owner, group and mode an object would get */
 static int check_owner_mode_fx(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode,
                                FileStep *step)
@@ -269,6 +285,8 @@ static void check_dir_done(const char *dir)
 
 const Effects CHECK_EFFECTS = {
     .new_dir = check_new_dir,
+    .new_leaf = check_new_leaf,
+    .give = check_give,
     .owner_mode = check_owner_mode_fx,
     .set_aside = check_set_aside,
     .replace_prepare = check_replace_prepare,

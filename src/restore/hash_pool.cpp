@@ -113,8 +113,10 @@ static const char *hash_with(const char *plain, const char *home, struct crypt_d
 {
     const char *salt = login_salt != nullptr && *home != '\0' ? login_salt(home) : nullptr;
 
+    /* Nothing to compare with: nothing hashed, but a password crypt would
+     * refuse (too long for it) is still told. */
     if (salt != nullptr && *salt == '\0')
-        return HASH_NONE;
+        return strlen(plain) < CRYPT_MAX_PASSPHRASE_SIZE ? HASH_NONE : "*0";
     const char *hash = crypt_r(plain, salt != nullptr ? salt : pool_salt, data);
     /* A hash on disk whose salt crypt cannot read: the run's salt. */
     if (salt != nullptr && (hash == nullptr || *hash == '*'))

@@ -40,8 +40,9 @@ extern const char HASH_NONE[];
 
 /* hash_pool_get - the hash of the plain password of mailbox mailbox_id at
  * home: crypt()'s answer (its failure token when crypt refuses it, null
- * when crypt fails otherwise), HASH_NONE for a home without a salt; a
- * salt crypt() refuses is replaced by the run's.  Valid until the next
+ * when crypt fails otherwise), HASH_NONE for a home without a salt (or
+ * the failure token for a password crypt() would refuse); a salt crypt()
+ * refuses is replaced by the run's.  Valid until the next
  * call. */
 const char *hash_pool_get(const char *mailbox_id, const char *home, const char *plain);
 

@@ -100,13 +100,16 @@ static void prepare_mailnames_dir(const Effects *fx, unsigned gid)
     FileStep step = STEP_CHOWN;
     struct stat st;
     PathAt at;
-    int fd = -1;
+    int fd = -1, made = 0, kept = 0;
 
     if (stat(dir, &st) != 0 && errno != ENOENT)
         report(1, "ERROR: Unable to stat for mailnames dir: %s", strerror(errno));
     if (path_at(fx, dir, &at) == 0) {
-        fd = at_dir(&at, 0755, nullptr);
+        fd = at_dir(&at, 0755, &made);
         int err = errno;
+        /* Made by this run: nothing is looked up in it before it is made
+         * there, until the pass ends. */
+        kept = fd >= 0 && made && path_at_keep_fresh(&at, fd, static_cast<uid_t>(-1), static_cast<gid_t>(-1));
         path_at_close(&at);
         errno = err;
     }
@@ -120,7 +123,8 @@ static void prepare_mailnames_dir(const Effects *fx, unsigned gid)
     /* One that is only reported missing is not entered. */
     if (fstat(fd, &st) == 0 && S_ISDIR(st.st_mode) && fchdir(fd) != 0)
         report(1, "WARNING: Unable to chdir to mailnames dir: %s", strerror(errno));
-    close(fd);
+    if (!kept)
+        close(fd);
 }
 
 /* Pass - what the pass hands each domain: the run's table of effects and
@@ -199,6 +203,7 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailDomain *d
             report(1, "Unable to write %s", qmail);
         report_plain(0, "Skipping %s: a link or another kind of object stands where a file belongs", qmail);
     }
+    mailbox_done(d, m.mail_name);
 }
 
 /* restore_domain - the domain of row number k: domain, policy, quota,
@@ -255,6 +260,7 @@ static void restore_domain(Pass *pass, const MailDomains *domains, size_t k)
 
     for (const MailboxRow &m : facts.boxes)
         restore_mailbox(pass, m, &md, d->disabled);
+    mail_domain_done(&md);
     domain_facts_free(&facts);
     pass->fx->panel_has(mail_path(dir, md.ascii, nullptr, nullptr));
     pass->fx->dir_done(dir);
@@ -310,6 +316,7 @@ void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int pro
     for (size_t k = 0; k < domains->rows.size(); k++)
         restore_domain(&pass, domains, k);
     progress_end(&pass.progress);
+    path_at_give_fresh(fx, panel_config.QMAIL_MAILNAMES_D);
     hash_pool_stop();
     pipeline_close();
     mysql_close(ahead);

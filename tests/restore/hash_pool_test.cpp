@@ -86,7 +86,7 @@ TEST(HashPool, EachPasswordIsHashedWithTheSaltItsHomeGets)
     ASSERT_NO_FATAL_FAILURE(fill_panel());
     load_panel_config();
     char a[QMAIL_BUF_SIZE], b[QMAIL_BUF_SIZE];
-    std::string on_disk = crypt("pw1", "$1$disksalt"), changed = crypt("old", "$1$oldsalt");
+    std::string on_disk = crypt("pw1", "$1$disksalt"), changed = crypt("old", "$1$oldsalt"), refused(600, 'x');
     const struct {
         const char *id, *domain, *mail_name, *plain, *salt, *want;
     } asks[] = {
@@ -94,8 +94,9 @@ TEST(HashPool, EachPasswordIsHashedWithTheSaltItsHomeGets)
         {"1", a, "m1", "pw1", on_disk.c_str(), on_disk.c_str()},
         /* It does not: the hash with its salt, not the disk's text. */
         {"2", b, "m2", "pw2", changed.c_str(), nullptr},
-        /* No login on disk: nothing hashed. */
+        /* No login on disk: nothing hashed, but a refused password told. */
         {"7", a, "m7", "pw7", "", HASH_NONE},
+        {"5", a, "m5", refused.c_str(), "", "*0"},
         /* A salt crypt cannot read, or none asked for: the run's. */
         {"8", b, "m8", "pw8", "$9$nosuchmethod", nullptr},
         {"9", a, "m9", "pw9", nullptr, nullptr},
