@@ -14,6 +14,8 @@
  */
 #include "restore/hash_pool.h"
 
+#include "restore/md5_crypt.h"
+
 #include <algorithm>
 #include <atomic>
 #include <crypt.h>
@@ -107,16 +109,23 @@ static int read_entries(void)
     return 0;
 }
 
-/* hash_with - the hash of plain for the mailbox at home (see
- * hash_pool_get), made in data */
-static const char *hash_with(const char *plain, const char *home, struct crypt_data *data)
+/* salt_for - the salt of the mailbox at home: null for the run's, "" for
+ * none */
+static const char *salt_for(const char *home)
 {
-    const char *salt = login_salt != nullptr && *home != '\0' ? login_salt(home) : nullptr;
+    return login_salt != nullptr && *home != '\0' ? login_salt(home) : nullptr;
+}
 
+/* hash_with - the hash of plain with salt (see hash_pool_get), made in
+ * data unless made already (made: a lane's answer, or "") */
+static const char *hash_with(const char *plain, const char *salt, const char *made, struct crypt_data *data)
+{
     /* Nothing to compare with: nothing hashed, but a password crypt would
      * refuse (too long for it) is still told. */
     if (salt != nullptr && *salt == '\0')
         return strlen(plain) < CRYPT_MAX_PASSPHRASE_SIZE ? HASH_NONE : "*0";
+    if (*made != '\0')
+        return made;
     const char *hash = crypt_r(plain, salt != nullptr ? salt : pool_salt, data);
     /* A hash on disk whose salt crypt cannot read: the run's salt. */
     if (salt != nullptr && (hash == nullptr || *hash == '*'))
@@ -124,8 +133,37 @@ static const char *hash_with(const char *plain, const char *home, struct crypt_d
     return hash;
 }
 
+/* hash_batch - the n claimed entries hashed, together where they can be */
+static void hash_batch(HashEntry *const batch[], int n, struct crypt_data *data)
+{
+    const char *plains[MD5_LANES], *salts[MD5_LANES], *salt[MD5_LANES];
+    char made[MD5_LANES][MD5_CRYPT_SIZE];
+    int at[MD5_LANES], m = 0;
+
+    for (int k = 0; k < n; k++) {
+        salt[k] = salt_for(batch[k]->home.c_str());
+        at[k] = -1;
+        if (salt[k] == nullptr || *salt[k] != '\0') {
+            plains[m] = batch[k]->plain.c_str();
+            salts[m] = salt[k] != nullptr ? salt[k] : pool_salt;
+            at[k] = m++;
+        }
+    }
+    md5_crypt_lanes(plains, salts, m, made);
+    for (int k = 0; k < n; k++) {
+        HashEntry *e = batch[k];
+        const char *hash = hash_with(e->plain.c_str(), salt[k], at[k] >= 0 ? made[at[k]] : "", data);
+        if (hash != nullptr && strlen(hash) < sizeof(e->hash)) {
+            memcpy(e->hash, hash, strlen(hash) + 1);
+            e->made = 1;
+        }
+        set(e->state, ENTRY_DONE);
+    }
+}
+
 /* hash_all - a thread, below the pass's priority: the first reads the
- * list, then each hashes the entries nobody has claimed */
+ * list, then each hashes the entries nobody has claimed, a lane's worth
+ * at a time */
 static void *hash_all(void *first)
 {
     struct crypt_data data = {};
@@ -138,17 +176,15 @@ static void *hash_all(void *first)
     }
     while (at(ready).load(std::memory_order_acquire) == 0)
         at(ready).wait(0, std::memory_order_acquire);
-    for (size_t i; at(ready).load() == 1 && !quit.load() && (i = next_entry.fetch_add(1)) < entries.size();) {
-        HashEntry *e = &entries[i];
-        unsigned char free_state = ENTRY_FREE;
-        if (!at(e->state).compare_exchange_strong(free_state, ENTRY_THREAD, std::memory_order_acq_rel))
-            continue;
-        const char *hash = hash_with(e->plain.c_str(), e->home.c_str(), &data);
-        if (hash != nullptr && strlen(hash) < sizeof(e->hash)) {
-            memcpy(e->hash, hash, strlen(hash) + 1);
-            e->made = 1;
+    for (size_t i; at(ready).load() == 1 && !quit.load() && (i = next_entry.fetch_add(MD5_LANES)) < entries.size();) {
+        HashEntry *batch[MD5_LANES];
+        int n = 0;
+        for (size_t j = i; j < entries.size() && j < i + MD5_LANES; j++) {
+            unsigned char free_state = ENTRY_FREE;
+            if (at(entries[j].state).compare_exchange_strong(free_state, ENTRY_THREAD, std::memory_order_acq_rel))
+                batch[n++] = &entries[j];
         }
-        set(e->state, ENTRY_DONE);
+        hash_batch(batch, n, &data);
     }
     return nullptr;
 }
@@ -214,7 +250,7 @@ const char *hash_pool_get(const char *mailbox_id, const char *home, const char *
             }
         }
     }
-    return hash_with(plain, login_salt != nullptr ? home : "", &caller_data);
+    return hash_with(plain, salt_for(login_salt != nullptr ? home : ""), "", &caller_data);
 }
 
 void hash_pool_stop(void)
