@@ -18,22 +18,24 @@
 
 static const size_t PATH_BUF_SIZE = 4096;
 
-/* FreshDir - a directory the run made and keeps to itself: its path, its
- * descriptor, whom it goes to, how deep below QMAIL_MAILNAMES_D it lies
- * (0 for that directory itself) and the names made in it */
+/* FreshDir - a directory held open for the run: its path, its descriptor,
+ * whom it goes to, how deep below QMAIL_MAILNAMES_D it lies (0 for that
+ * directory itself), whether the run made it and keeps it to itself
+ * (fresh) and the names made in it then */
 struct FreshDir {
     std::string path;
     int fd;
     uid_t uid;
     gid_t gid;
     int depth;
+    int fresh;
     std::unordered_set<std::string> made;
 };
 
-/* The kept directories (the mail names directory, a domain's, a home, its
+/* The held directories (the mail names directory, a domain's, a home, its
  * Maildir: one chain at a time); an entry with fd -1 is free. */
-static FreshDir fresh_dirs[6] = {{"", -1, 0, 0, 0, {}}, {"", -1, 0, 0, 0, {}}, {"", -1, 0, 0, 0, {}},
-                                 {"", -1, 0, 0, 0, {}}, {"", -1, 0, 0, 0, {}}, {"", -1, 0, 0, 0, {}}};
+static FreshDir fresh_dirs[6] = {{"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}},
+                                 {"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}}};
 
 /* The mail names directory and the domain directory reached last, kept open
  * between calls: popuser can neither rename nor replace them (their names
@@ -135,13 +137,22 @@ static int plain_at(const char *named, PathAt *at)
     return at->dir < 0 ? -1 : 0;
 }
 
-/* fresh_by_fd - the kept fresh directory of descriptor fd, or null */
-static FreshDir *fresh_by_fd(int fd)
+/* held_by_fd - the held directory of descriptor fd, or null */
+static FreshDir *held_by_fd(int fd)
 {
     for (FreshDir &f : fresh_dirs)
         if (fd >= 0 && f.fd == fd)
             return &f;
     return nullptr;
+}
+
+/* fresh_by_fd - the directory of descriptor fd when the run keeps it to
+ * itself, or null */
+static FreshDir *fresh_by_fd(int fd)
+{
+    FreshDir *f = held_by_fd(fd);
+
+    return f != nullptr && f->fresh ? f : nullptr;
 }
 
 /* fresh_above - the deepest kept fresh directory that path lies below,
@@ -164,7 +175,7 @@ static FreshDir *fresh_above(const char *path, const char **rest)
 /* kept - fd is one of the directories kept open between calls */
 static int kept(int fd)
 {
-    return fd == open_dirs.base || fd == open_dirs.domain_fd || fresh_by_fd(fd) != nullptr;
+    return fd == open_dirs.base || fd == open_dirs.domain_fd || held_by_fd(fd) != nullptr;
 }
 
 /* alive - fd is a directory that has not been removed */
@@ -240,11 +251,11 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
     size_t first = strcspn(rest, "/");
     int depth = 1, dir;
     const char *below;
-    FreshDir *fresh = fresh_above(path, &below);
-    if (fresh != nullptr) {
-        dir = fresh->fd;
+    FreshDir *held = fresh_above(path, &below);
+    if (held != nullptr) {
+        dir = held->fd;
         rest = below;
-        depth = fresh->depth + 1;
+        depth = held->depth + 1;
     } else if (rest[first] == '/' && rest[first + strspn(rest + first, "/")] != '\0'
         && first == strlen(open_dirs.domain) && strncmp(rest, open_dirs.domain, first) == 0
         && alive(open_dirs.domain_fd)) {
@@ -337,30 +348,47 @@ void at_child(const Effects *fx, PathAt *at, int dir_fd, const char *name, const
     set_name(at, name, strlen(name));
 }
 
+/* hold - fd held as the directory at path; 1, or 0 when no entry is free */
+static int hold(const char *path, int fd, uid_t uid, gid_t gid, int fresh)
+{
+    const char *rest = tree_rest(path);
+    int depth = 0;
+
+    for (const char *p = rest; p != nullptr && *p != '\0'; p = strchr(p + 1, '/'))
+        depth++;
+    for (FreshDir &f : fresh_dirs) {
+        if (f.fd < 0) {
+            f.path = path;
+            f.fd = fd;
+            f.uid = uid;
+            f.gid = gid;
+            f.depth = depth;
+            f.fresh = fresh;
+            f.made.clear();
+            return 1;
+        }
+    }
+    return 0;
+}
+
 int path_at_keep_fresh(const PathAt *at, int fd, uid_t uid, gid_t gid)
 {
     const char *rest = tree_rest(at->path);
-    int depth = 0;
 
     /* Nobody but root can have put anything in a directory made in one
      * the run keeps, in the mail names directory, or as that directory. */
     if (at->fresh == nullptr && !(rest != nullptr && at->dir == open_dirs.base && strchr(rest, '/') == nullptr)
         && strcmp(at->path, panel_config.QMAIL_MAILNAMES_D) != 0)
         return 0;
-    for (const char *p = rest; p != nullptr && *p != '\0'; p = strchr(p + 1, '/'))
-        depth++;
-    for (FreshDir &f : fresh_dirs) {
-        if (f.fd < 0) {
-            f.path = at->path;
-            f.fd = fd;
-            f.uid = uid;
-            f.gid = gid;
-            f.depth = depth;
-            f.made.clear();
-            return 1;
-        }
-    }
-    return 0;
+    return hold(at->path, fd, uid, gid, 1);
+}
+
+int path_at_hold(const char *path, int fd)
+{
+    /* One that is only reported missing stands for nothing to hold. */
+    if (is_absent_dir(fd))
+        return 0;
+    return hold(path, fd, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0);
 }
 
 int path_at_give_fresh(const Effects *fx, const char *path)

@@ -66,9 +66,14 @@ void path_at_forget(void);
  * neither the run's nor the mail names directory).  uid and gid: whom it
  * goes to (-1: it stays as it is). */
 int path_at_keep_fresh(const PathAt *at, int fd, uid_t uid, gid_t gid);
+/* path_at_hold - fd, the directory at path (looked at already, and
+ * opened without following a link), held open until path_at_give_fresh
+ * for the paths below it, which are then reached through it; 1, or 0 when
+ * it cannot be (fd stays the caller's) */
+int path_at_hold(const char *path, int fd);
 /* path_at_give_fresh - the kept directory at path given to its owner
- * through fx, closed and forgotten; 0, or -1 with errno (nothing to give
- * when path is not kept) */
+ * through fx (a held one only closed), closed and forgotten; 0, or -1
+ * with errno (nothing to give when path is not kept) */
 int path_at_give_fresh(const Effects *fx, const char *path);
 
 /* at_unmade - 1 when at's last name lies in a directory the run keeps to

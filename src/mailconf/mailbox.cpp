@@ -207,6 +207,9 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
         undo_and_die(d->fx, &made, message);
     }
 
+    /* An existing home is held open for the mailbox's files too. */
+    if (!home_kept)
+        home_kept = path_at_hold(home, home_fd);
     start_qmail(d->fx, home_fd, home, ids);
 
     int rc = 0;

@@ -18,7 +18,9 @@
  * directory the run made) stays root's until mailbox_done(): its Maildir,
  * attachments directory, delivery and quota files are made in it first,
  * without a look for what cannot be there (fs/path_at), and what belongs
- * inside Maildir is made before Maildir is given away.
+ * inside Maildir is made before Maildir is given away.  An existing home
+ * is held open from add_mailbox() to mailbox_done(), and the mailbox's
+ * files are reached through it.
  */
 #pragma once
 
@@ -29,5 +31,6 @@
 int add_mailbox(const MailDomain *d, const char *mail_name);
 int remove_mailbox(const MailDomain *d, const char *mail_name);
 /* mailbox_done - the home add_mailbox made and kept, if it did, given to
- * popuser; a failure ends the process with the home's chown message */
+ * popuser (one that existed is let go); a failure ends the process with
+ * the home's chown message */
 void mailbox_done(const MailDomain *d, const char *mail_name);
