@@ -67,10 +67,11 @@ struct Effects {
     /* a sibling utility of the panel run with its argument vector (argv[0]
      * first); its run result */
     int (*run_util)(const char *name, char *const argv[]);
-    /* the salt the plain password of the mailbox at home is hashed with:
-     * null for the run's own; when only reporting, the hash on disk (so
-     * that an unchanged password gives the very same hash), or "" when the
-     * disk has no login for it (nothing to hash: the login is missing) */
+    /* the salt the plain password of the mailbox at home is hashed with
+     * when only reporting: the hash on disk (so that an unchanged password
+     * gives the very same hash), or "" when the disk has no login for it
+     * (nothing to hash: the login is missing); a null slot: the run's own
+     * salt for every login */
     const char *(*login_salt)(const char *home);
     /* the panel has the directory at path (a domain's or a mailbox's) */
     void (*panel_has)(const char *path);

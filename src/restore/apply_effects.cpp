@@ -276,12 +276,6 @@ unsigned long replace_count(void)
     return replaced;
 }
 
-/* apply_login_salt - a login is written with the run's salt */
-static const char *apply_login_salt(const char *)
-{
-    return nullptr;
-}
-
 /* apply_leave - a restore leaves what the panel does not have where it
  * is (panel_has, dir_done) */
 static void apply_leave(const char *)
@@ -305,7 +299,7 @@ const Effects APPLY_EFFECTS = {
     .missing_dir = apply_missing_dir,
     .signal = kill_by_name,
     .run_util = admin_util_execv,
-    .login_salt = apply_login_salt,
+    .login_salt = nullptr, /* the run's salt */
     .panel_has = apply_leave,
     .dir_done = apply_leave,
 };
