@@ -72,8 +72,8 @@ static void note_made(Made *made, int parent, const char *name)
 }
 
 /* make_owned_dir - the directory at (made with mode 0700 when missing; an
- * existing one keeps its mode) given to popuser, or (keep) kept to the
- * run when it made it where nobody else could (*kept 1: the descriptor is
+ * existing one keeps its mode) given to popuser, or kept to the run when
+ * this call made it where nobody else could (*kept 1: the descriptor is
  * then fs/path_at's, given away by path_at_give_fresh); its descriptor, or
  * -1 with *what telling the failing step.  One it made is noted in made,
  * through parent and under name, which outlive the call. */
