@@ -18,11 +18,11 @@
 
 static const size_t PATH_BUF_SIZE = 4096;
 
-/* FreshDir - a directory held open for the run: its path, its descriptor,
+/* HeldDir - a directory held open by the run: its path, its descriptor,
  * whom it goes to, how deep below QMAIL_MAILNAMES_D it lies (0 for that
  * directory itself), whether the run made it and keeps it to itself
  * (fresh) and the names made in it then */
-struct FreshDir {
+struct HeldDir {
     std::string path;
     int fd;
     uid_t uid;
@@ -34,7 +34,7 @@ struct FreshDir {
 
 /* The held directories (the mail names directory, a domain's, a home, its
  * Maildir: one chain at a time); an entry with fd -1 is free. */
-static FreshDir fresh_dirs[6] = {{"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}},
+static HeldDir held_dirs[6] = {{"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}},
                                  {"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}}};
 
 /* The mail names directory and the domain directory reached last, kept open
@@ -138,9 +138,9 @@ static int plain_at(const char *named, PathAt *at)
 }
 
 /* held_by_fd - the held directory of descriptor fd, or null */
-static FreshDir *held_by_fd(int fd)
+static HeldDir *held_by_fd(int fd)
 {
-    for (FreshDir &f : fresh_dirs)
+    for (HeldDir &f : held_dirs)
         if (fd >= 0 && f.fd == fd)
             return &f;
     return nullptr;
@@ -148,20 +148,20 @@ static FreshDir *held_by_fd(int fd)
 
 /* fresh_by_fd - the directory of descriptor fd when the run keeps it to
  * itself, or null */
-static FreshDir *fresh_by_fd(int fd)
+static HeldDir *fresh_by_fd(int fd)
 {
-    FreshDir *f = held_by_fd(fd);
+    HeldDir *f = held_by_fd(fd);
 
     return f != nullptr && f->fresh ? f : nullptr;
 }
 
-/* fresh_above - the deepest kept fresh directory that path lies below,
- * with *rest set to the part of path below it; null when none */
-static FreshDir *fresh_above(const char *path, const char **rest)
+/* held_above - the deepest held directory that path lies below, with
+ * *rest set to the part of path below it; null when none */
+static HeldDir *held_above(const char *path, const char **rest)
 {
-    FreshDir *best = nullptr;
+    HeldDir *best = nullptr;
 
-    for (FreshDir &f : fresh_dirs) {
+    for (HeldDir &f : held_dirs) {
         size_t len = f.path.size();
         if (f.fd >= 0 && (best == nullptr || len > best->path.size()) && strncmp(path, f.path.c_str(), len) == 0
             && path[len] == '/') {
@@ -246,12 +246,12 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
     if (rest == nullptr)
         return plain_at(path, at);
 
-    /* Below a directory the run keeps to itself, or else below the domain
-     * directory reached last, the walk starts there. */
+    /* Below a directory the run holds, or else below the domain directory
+     * reached last, the walk starts there. */
     size_t first = strcspn(rest, "/");
     int depth = 1, dir;
     const char *below;
-    FreshDir *held = fresh_above(path, &below);
+    HeldDir *held = held_above(path, &below);
     if (held != nullptr) {
         dir = held->fd;
         rest = below;
@@ -301,7 +301,7 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
             rest = next;
             continue;
         }
-        FreshDir *in = fresh_by_fd(dir);
+        HeldDir *in = fresh_by_fd(dir);
         int sub = -1;
         if (in != nullptr && in->made.count(at->name) == 0)
             errno = ENOENT;
@@ -341,7 +341,7 @@ void path_at_close(PathAt *at)
 
 void at_child(const Effects *fx, PathAt *at, int dir_fd, const char *name, const char *path)
 {
-    FreshDir *fresh = fresh_by_fd(dir_fd);
+    HeldDir *fresh = fresh_by_fd(dir_fd);
 
     *at = PathAt{.fx = fx, .dir = dir_fd, .name = "", .guarded = 1, .trusted_link = 0,
                  .absent = fresh == nullptr && is_absent_dir(dir_fd), .owned = 0, .path = path, .fresh = fresh};
@@ -356,7 +356,7 @@ static int hold(const char *path, int fd, uid_t uid, gid_t gid, int fresh)
 
     for (const char *p = rest; p != nullptr && *p != '\0'; p = strchr(p + 1, '/'))
         depth++;
-    for (FreshDir &f : fresh_dirs) {
+    for (HeldDir &f : held_dirs) {
         if (f.fd < 0) {
             f.path = path;
             f.fd = fd;
@@ -395,7 +395,7 @@ int path_at_give_fresh(const Effects *fx, const char *path)
 {
     int rc = 0;
 
-    for (FreshDir &f : fresh_dirs) {
+    for (HeldDir &f : held_dirs) {
         if (f.fd < 0 || f.path != path)
             continue;
         if (f.uid != static_cast<uid_t>(-1))

@@ -34,7 +34,7 @@
 
 #include "fs/effect.h"
 
-struct FreshDir;
+struct HeldDir;
 
 /* PathAt - the opened directory of a path and the path's last name,
  * with the table of effects every change made through it goes to */
@@ -47,7 +47,7 @@ struct PathAt {
     int absent;       /* 1: the directory holding the last name is not there */
     int owned;        /* dir is closed by path_at_close */
     const char *path; /* the whole path, for messages */
-    FreshDir *fresh;  /* dir is a directory the run keeps to itself, or null */
+    HeldDir *fresh;  /* dir is a directory the run keeps to itself, or null */
 };
 
 /* path_at - open the directory holding path's last name, for changes

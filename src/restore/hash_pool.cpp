@@ -48,7 +48,7 @@ struct HashEntry {
     unsigned long long id, domain;
     std::string plain, home;
     unsigned char state, made;
-    char hash[128];
+    char hash[64];
 };
 
 const char HASH_NONE[] = "$1$";
