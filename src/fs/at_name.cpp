@@ -28,7 +28,7 @@ int at_clear_foreign(PathAt *at)
 {
     struct stat st;
 
-    if (!at->guarded || at->absent || fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0
+    if (!at->guarded || at->absent || at_unmade(at) || fstatat(at->dir, at->name, &st, AT_SYMLINK_NOFOLLOW) != 0
         || (S_ISREG(st.st_mode) && st.st_nlink == 1))
         return 0;
     return at->fx->set_aside(at, "file");
@@ -36,10 +36,18 @@ int at_clear_foreign(PathAt *at)
 
 int at_open(PathAt *at, int flags, mode_t mode)
 {
-    if (at->absent)
+    if (at->absent || (at_unmade(at) && !(flags & O_CREAT)))
         return nothing_there();
     if (!at->guarded)
         return openat(at->dir, at->name, flags | O_CLOEXEC, mode);
+    /* A new file in a directory the run keeps to itself is made at once;
+     * one found standing there is looked at as anywhere else. */
+    if (at_unmade(at)) {
+        at_note_made(at);
+        int fd = openat(at->dir, at->name, flags | O_EXCL | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode);
+        if (fd >= 0 || errno != EEXIST || (flags & O_EXCL))
+            return fd;
+    }
     /* Emptied only once it is known to be a file of its own: a hard link
      * to another file must not be cut by the open itself. */
     int truncate = flags & O_TRUNC;
@@ -82,7 +90,7 @@ int at_open(PathAt *at, int flags, mode_t mode)
 
 int at_open_dir(PathAt *at)
 {
-    if (at->absent)
+    if (at->absent || at_unmade(at))
         return nothing_there();
     if (at->trusted_link)
         return trusted_link_open(at->dir, at->name);
@@ -103,7 +111,7 @@ int at_dir(PathAt *at, mode_t mode, int *made)
 
 int at_stat(PathAt *at, struct stat *st)
 {
-    if (at->absent)
+    if (at->absent || at_unmade(at))
         return nothing_there();
     return fstatat(at->dir, at->name, st, at->guarded ? AT_SYMLINK_NOFOLLOW : 0);
 }

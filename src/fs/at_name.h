@@ -11,7 +11,8 @@
  * skips what it wanted there.
  *
  * A PathAt marked absent holds nothing: every lookup in it answers ENOENT
- * without being made.
+ * without being made; nor does a name the run has not made in a directory
+ * it keeps to itself (fs/path_at).
  */
 #pragma once
 

@@ -32,6 +32,12 @@ enum FileStep { STEP_LOCK, STEP_OPEN, STEP_WRITE, STEP_CHOWN, STEP_CHMOD, STEP_R
 struct Effects {
     /* at_dir: the last name as a directory, opened or made */
     int (*new_dir)(PathAt *at, mode_t mode, int *made);
+    /* a directory made by name in one the run keeps to itself (fs/path_at)
+     * and given to uid and gid by name, not opened; 0, or -1 with errno
+     * (EEXIST: something stands there); *made tells whether it was made */
+    int (*new_leaf)(PathAt *at, mode_t mode, uid_t uid, gid_t gid, int *made);
+    /* a directory the run kept to itself given to uid and gid */
+    int (*give)(int fd, uid_t uid, gid_t gid);
     /* fd_owner_mode: owner, group and mode of an open object */
     int (*owner_mode)(int fd, const char *path, uid_t uid, gid_t gid, mode_t mode, FileStep *step);
     /* a foreign object at the last name moved aside and removed */
@@ -61,10 +67,12 @@ struct Effects {
     /* a sibling utility of the panel run with its argument vector (argv[0]
      * first); its run result */
     int (*run_util)(const char *name, char *const argv[]);
-    /* the hash a mailbox's login is written with, given its plain password
-     * (null: a stored hash) and the run's hash of it: the run's, or (when
-     * only reporting) the one on disk when it is that same password's */
-    const char *(*login_hash)(const char *home, const char *plain, const char *hash);
+    /* the salt the plain password of the mailbox at home is hashed with
+     * when only reporting: the hash on disk (so that an unchanged password
+     * gives the very same hash), or "" when the disk has no login for it
+     * (nothing to hash: the login is missing); a null slot: the run's own
+     * salt for every login */
+    const char *(*login_salt)(const char *home);
     /* the panel has the directory at path (a domain's or a mailbox's) */
     void (*panel_has)(const char *path);
     /* every directory or link in dir the panel does not have is surplus */

@@ -66,7 +66,7 @@ int make_dir(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t m
 {
     int made;
 
-    return make_dir_noting(fx, path, uid, gid, mode, &made);
+    return make_dir_noting(fx, path, uid, gid, mode, &made, 0);
 }
 
 int set_owner_mode(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode)

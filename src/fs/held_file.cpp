@@ -273,7 +273,7 @@ static int prepare_one(HeldFile *h, PathAt *at, PathAt *tmp, char *tmp_path)
                                                          : NEW_FILE_MODE;
         rc = replace_file_prepare(at, text.data ? text.data : "", text.len, uid, gid, mode, h->durable,
                                   &step, tmp, tmp_path);
-        if (rc > 0 && fixed_in_place(at)) {
+        if (rc > 0 && at->fresh == nullptr && fixed_in_place(at)) {
             int err = errno;
             replace_file_abort(tmp);
             step = STEP_RENAME;

@@ -13,7 +13,29 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
+#include <unordered_set>
+
 static const size_t PATH_BUF_SIZE = 4096;
+
+/* HeldDir - a directory held open by the run: its path, its descriptor,
+ * whom it goes to, how deep below QMAIL_MAILNAMES_D it lies (0 for that
+ * directory itself), whether the run made it and keeps it to itself
+ * (fresh) and the names made in it then */
+struct HeldDir {
+    std::string path;
+    int fd;
+    uid_t uid;
+    gid_t gid;
+    int depth;
+    int fresh;
+    std::unordered_set<std::string> made;
+};
+
+/* The held directories (the mail names directory, a domain's, a home, its
+ * Maildir: one chain at a time); an entry with fd -1 is free. */
+static HeldDir held_dirs[6] = {{"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}},
+                                 {"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}}, {"", -1, 0, 0, 0, 0, {}}};
 
 /* The mail names directory and the domain directory reached last, kept open
  * between calls: popuser can neither rename nor replace them (their names
@@ -115,10 +137,45 @@ static int plain_at(const char *named, PathAt *at)
     return at->dir < 0 ? -1 : 0;
 }
 
+/* held_by_fd - the held directory of descriptor fd, or null */
+static HeldDir *held_by_fd(int fd)
+{
+    for (HeldDir &f : held_dirs)
+        if (fd >= 0 && f.fd == fd)
+            return &f;
+    return nullptr;
+}
+
+/* fresh_by_fd - the directory of descriptor fd when the run keeps it to
+ * itself, or null */
+static HeldDir *fresh_by_fd(int fd)
+{
+    HeldDir *f = held_by_fd(fd);
+
+    return f != nullptr && f->fresh ? f : nullptr;
+}
+
+/* held_above - the deepest held directory that path lies below, with
+ * *rest set to the part of path below it; null when none */
+static HeldDir *held_above(const char *path, const char **rest)
+{
+    HeldDir *best = nullptr;
+
+    for (HeldDir &f : held_dirs) {
+        size_t len = f.path.size();
+        if (f.fd >= 0 && (best == nullptr || len > best->path.size()) && strncmp(path, f.path.c_str(), len) == 0
+            && path[len] == '/') {
+            best = &f;
+            *rest = path + len;
+        }
+    }
+    return best;
+}
+
 /* kept - fd is one of the directories kept open between calls */
 static int kept(int fd)
 {
-    return fd == open_dirs.base || fd == open_dirs.domain_fd;
+    return fd == open_dirs.base || fd == open_dirs.domain_fd || held_by_fd(fd) != nullptr;
 }
 
 /* alive - fd is a directory that has not been removed */
@@ -180,7 +237,7 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
     const char *rest = tree_rest(path);
 
     *at = PathAt{.fx = fx, .dir = -1, .name = "", .guarded = 0, .trusted_link = 0, .absent = 0, .owned = 1,
-                 .path = path};
+                 .path = path, .fresh = nullptr};
     /* Relative paths are refused: the working directory is no anchor. */
     if (path[0] != '/') {
         errno = EINVAL;
@@ -189,10 +246,17 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
     if (rest == nullptr)
         return plain_at(path, at);
 
-    /* Below the domain directory reached last, the walk starts there. */
+    /* Below a directory the run holds, or else below the domain directory
+     * reached last, the walk starts there. */
     size_t first = strcspn(rest, "/");
     int depth = 1, dir;
-    if (rest[first] == '/' && rest[first + strspn(rest + first, "/")] != '\0'
+    const char *below;
+    HeldDir *held = held_above(path, &below);
+    if (held != nullptr) {
+        dir = held->fd;
+        rest = below;
+        depth = held->depth + 1;
+    } else if (rest[first] == '/' && rest[first + strspn(rest + first, "/")] != '\0'
         && first == strlen(open_dirs.domain) && strncmp(rest, open_dirs.domain, first) == 0
         && alive(open_dirs.domain_fd)) {
         dir = open_dirs.domain_fd;
@@ -225,9 +289,10 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
         if (*next == '\0') {
             at->dir = dir;
             at->owned = !kept(dir);
+            at->fresh = fresh_by_fd(dir);
             /* A link that root made directly in the mail names directory
              * is followed; popuser cannot make or change one there. */
-            at->trusted_link = depth == 1 && !at->absent && trusted_link_at(dir, at->name);
+            at->trusted_link = depth == 1 && !at->absent && !at_unmade(at) && trusted_link_at(dir, at->name);
             at->guarded = !at->trusted_link;
             return 0;
         }
@@ -236,8 +301,14 @@ int path_at(const Effects *fx, const char *path, PathAt *at)
             rest = next;
             continue;
         }
-        int sub = depth == 1 ? domain_dir(dir, at->name)
-                             : openat(dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+        HeldDir *in = fresh_by_fd(dir);
+        int sub = -1;
+        if (in != nullptr && in->made.count(at->name) == 0)
+            errno = ENOENT;
+        else if (depth == 1)
+            sub = domain_dir(dir, at->name);
+        else
+            sub = openat(dir, at->name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
         int err = errno;
         /* Below a directory that is missing or is not one, the walk goes
          * on where the effects say (nowhere, when they are applied). */
@@ -270,9 +341,84 @@ void path_at_close(PathAt *at)
 
 void at_child(const Effects *fx, PathAt *at, int dir_fd, const char *name, const char *path)
 {
+    HeldDir *fresh = fresh_by_fd(dir_fd);
+
     *at = PathAt{.fx = fx, .dir = dir_fd, .name = "", .guarded = 1, .trusted_link = 0,
-                 .absent = is_absent_dir(dir_fd), .owned = 0, .path = path};
+                 .absent = fresh == nullptr && is_absent_dir(dir_fd), .owned = 0, .path = path, .fresh = fresh};
     set_name(at, name, strlen(name));
+}
+
+/* hold - fd held as the directory at path; 1, or 0 when no entry is free */
+static int hold(const char *path, int fd, uid_t uid, gid_t gid, int fresh)
+{
+    const char *rest = tree_rest(path);
+    int depth = 0;
+
+    for (const char *p = rest; p != nullptr && *p != '\0'; p = strchr(p + 1, '/'))
+        depth++;
+    for (HeldDir &f : held_dirs) {
+        if (f.fd < 0) {
+            f.path = path;
+            f.fd = fd;
+            f.uid = uid;
+            f.gid = gid;
+            f.depth = depth;
+            f.fresh = fresh;
+            f.made.clear();
+            return 1;
+        }
+    }
+    return 0;
+}
+
+int path_at_keep_fresh(const PathAt *at, int fd, uid_t uid, gid_t gid)
+{
+    const char *rest = tree_rest(at->path);
+
+    /* Nobody but root can have put anything in a directory made in one
+     * the run keeps, in the mail names directory, or as that directory. */
+    if (at->fresh == nullptr && !(rest != nullptr && at->dir == open_dirs.base && strchr(rest, '/') == nullptr)
+        && strcmp(at->path, panel_config.QMAIL_MAILNAMES_D) != 0)
+        return 0;
+    return hold(at->path, fd, uid, gid, 1);
+}
+
+int path_at_hold(const char *path, int fd)
+{
+    /* One that is only reported missing stands for nothing to hold. */
+    if (is_absent_dir(fd))
+        return 0;
+    return hold(path, fd, static_cast<uid_t>(-1), static_cast<gid_t>(-1), 0);
+}
+
+int path_at_give_fresh(const Effects *fx, const char *path)
+{
+    int rc = 0;
+
+    for (HeldDir &f : held_dirs) {
+        if (f.fd < 0 || f.path != path)
+            continue;
+        if (f.uid != static_cast<uid_t>(-1))
+            rc = fx->give(f.fd, f.uid, f.gid);
+        int err = errno;
+        close(f.fd);
+        f.fd = -1;
+        f.path.clear();
+        f.made.clear();
+        errno = err;
+    }
+    return rc;
+}
+
+int at_unmade(const PathAt *at)
+{
+    return at->fresh != nullptr && at->fresh->made.count(at->name) == 0;
+}
+
+void at_note_made(const PathAt *at)
+{
+    if (at->fresh != nullptr)
+        at->fresh->made.insert(at->name);
 }
 
 int at_temporary(const PathAt *at, PathAt *tmp, char *tmp_path)

@@ -110,16 +110,19 @@ const char *step_word(FileStep step)
     return words[step];
 }
 
-int make_dir_noting(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, int *made)
+int make_dir_noting(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, int *made, int keep)
 {
     PathAt at;
-    int fd = -1;
+    int fd = -1, kept = 0;
 
     *made = 0;
     if (path_at(fx, path, &at) == 0) {
         fd = at_dir(&at, mode, made);
+        kept = fd >= 0 && *made && keep && path_at_keep_fresh(&at, fd, uid, gid);
         path_at_close(&at);
     }
+    if (kept)
+        return 0;
     if (fd < 0) {
         if (errno != ENOLINK)
             report(0, "ERROR: Unable to mkdir %s: %s\n", path, strerror(errno));

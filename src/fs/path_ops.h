@@ -44,5 +44,7 @@ const char *step_word(FileStep step);
  * given uid, gid and mode where they differ, each failure reported; 0, or
  * -1.  *made tells whether this call created it (also when a later step
  * failed); a trusted link that cannot be opened fails with ENOLINK and no
- * message, for the caller to tell */
-int make_dir_noting(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, int *made);
+ * message, for the caller to tell.  With keep, one it made where nobody
+ * else could is kept to the run instead, and given uid and gid by
+ * path_at_give_fresh. */
+int make_dir_noting(const Effects *fx, const char *path, uid_t uid, gid_t gid, mode_t mode, int *made, int keep);

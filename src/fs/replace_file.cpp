@@ -31,7 +31,7 @@ int file_matches_at(PathAt *at, const char *text, size_t len, uid_t uid, gid_t g
 {
     struct stat st;
 
-    if (at->absent)
+    if (at->absent || at_unmade(at))
         return 0;
     int fd = openat(at->dir, at->name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY
                                            | (at->guarded ? O_NOFOLLOW : 0));

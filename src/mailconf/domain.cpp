@@ -56,7 +56,8 @@ int add_mail_domain(const MailDomain *d, int disabled)
 
     mail_path(dir, ascii, nullptr, nullptr);
     int skipped = 0;
-    if (make_dir_noting(d->fx, dir, ids.uid, ids.gid, 0700, &made) != 0) {
+    /* One made now stays the run's until mail_domain_done. */
+    if (make_dir_noting(d->fx, dir, ids.uid, ids.gid, 0700, &made, 1) != 0) {
         /* A domain that root moved to another disk and linked, whose link
          * cannot be followed safely now (the disk not mounted, a link on
          * the way): its records are written, its directory and link are
@@ -106,6 +107,17 @@ int add_mail_domain(const MailDomain *d, int disabled)
     /* Let the running mail system reread its control files. */
     control_files_changed(d);
     return skipped;
+}
+
+void mail_domain_done(const MailDomain *d)
+{
+    char dir[QMAIL_BUF_SIZE];
+
+    mail_path(dir, d->ascii, nullptr, nullptr);
+    if (path_at_give_fresh(d->fx, dir) != 0) {
+        report(0, "ERROR: Unable to %s %s: %s\n", "chown", dir, strerror(errno));
+        report_exit(255);
+    }
 }
 
 int add_enabled_mail_domain(const MailDomain *d)

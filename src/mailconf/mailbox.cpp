@@ -63,23 +63,36 @@ struct Made {
     report_exit(1);
 }
 
+/* note_made - a directory this call made, at name in parent, for the
+ * undo */
+static void note_made(Made *made, int parent, const char *name)
+{
+    made->parent[made->count] = parent;
+    made->name[made->count++] = name;
+}
+
 /* make_owned_dir - the directory at (made with mode 0700 when missing; an
- * existing one keeps its mode) given to popuser; its descriptor, or -1
- * with *what telling the failing step.  One it made is noted in made,
+ * existing one keeps its mode) given to popuser, or kept to the run when
+ * this call made it where nobody else could (*kept 1: the descriptor is
+ * then fs/path_at's, given away by path_at_give_fresh); its descriptor, or
+ * -1 with *what telling the failing step.  One it made is noted in made,
  * through parent and under name, which outlive the call. */
 static int make_owned_dir(PathAt *at, int parent, const char *name, const PopuserIds &ids, const char **what,
-                          Made *made)
+                          Made *made, int *kept)
 {
     int created = 0;
     int fd = at_dir(at, 0700, &created);
 
-    if (created) {
-        made->parent[made->count] = parent;
-        made->name[made->count++] = name;
-    }
+    *kept = 0;
+    if (created)
+        note_made(made, parent, name);
     if (fd < 0) {
         *what = "make";
         return -1;
+    }
+    if (created && path_at_keep_fresh(at, fd, ids.uid, ids.gid)) {
+        *kept = 1;
+        return fd;
     }
     /* Given away only when it is not popuser's already. */
     FileStep step;
@@ -137,12 +150,23 @@ static void start_qmail(const Effects *fx, int home_fd, const char *home, const 
         report(1, "Unable to add string to .qmail file\n");
 }
 
+/* subdir_path - the path of mailbox_subdirs[i] in home, into buf */
+static const char *subdir_path(char *buf, size_t size, const char *home, size_t i)
+{
+    int parent = mailbox_subdirs[i].parent;
+
+    snprintf(buf, size, "%s/%s%s%s", home, parent < 0 ? "" : mailbox_subdirs[parent].name, parent < 0 ? "" : "/",
+             mailbox_subdirs[i].name);
+    return buf;
+}
+
 int add_mailbox(const MailDomain *d, const char *mail_name)
 {
     char record[QMAIL_BUF_SIZE], path[QMAIL_BUF_SIZE];
-    char home[QMAIL_BUF_SIZE], message[QMAIL_BUF_SIZE * 3];
+    char home[QMAIL_BUF_SIZE], message[QMAIL_BUF_SIZE * 3], sub[QMAIL_BUF_SIZE * 2];
     const char *what = nullptr;
-    int fds[sizeof(mailbox_subdirs) / sizeof(mailbox_subdirs[0])];
+    const size_t n = sizeof(mailbox_subdirs) / sizeof(mailbox_subdirs[0]);
+    int fds[n], kept[n];
     PathAt at;
     PopuserIds ids = {d->uid, d->gid};
 
@@ -161,18 +185,20 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
      * swapped directory there may lead a mkdir, chown or write elsewhere. */
     mail_path(home, d->ascii, mail_name, nullptr);
     Made made = {};
-    int home_fd = -1, domain_fd = -1;
+    int home_fd = -1, domain_fd = -1, home_kept = 0, own_domain_fd = 0;
     what = "make";
     if (path_at(d->fx, home, &at) == 0) {
-        /* The domain directory, for taking back a home made here. */
-        domain_fd = dup(at.dir);
-        home_fd = make_owned_dir(&at, domain_fd, mail_name, ids, &what, &made);
+        /* The domain directory, for taking back a home made here: a copy
+         * unless path_at keeps it open. */
+        own_domain_fd = at.owned;
+        domain_fd = own_domain_fd ? dup(at.dir) : at.dir;
+        home_fd = make_owned_dir(&at, domain_fd, mail_name, ids, &what, &made, &home_kept);
         path_at_close(&at);
     }
     if (home_fd < 0) {
         if (at_in_the_way(errno)) {
             skip_tree(home);
-            if (domain_fd >= 0)
+            if (own_domain_fd && domain_fd >= 0)
                 close(domain_fd);
             return 1;
         }
@@ -181,26 +207,42 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
         undo_and_die(d->fx, &made, message);
     }
 
+    /* An existing home is held open for the mailbox's files too. */
+    if (!home_kept)
+        home_kept = path_at_hold(home, home_fd);
     start_qmail(d->fx, home_fd, home, ids);
 
-    size_t n = sizeof(mailbox_subdirs) / sizeof(mailbox_subdirs[0]);
     int rc = 0;
     for (size_t i = 0; i < n; i++)
-        fds[i] = -1;
+        fds[i] = -1, kept[i] = 0;
     for (size_t i = 0; i < n; i++) {
         int parent = mailbox_subdirs[i].parent;
         const char *name = mailbox_subdirs[i].name;
-        char sub[QMAIL_BUF_SIZE * 2];
         struct stat st;
-        snprintf(sub, sizeof(sub), "%s/%s%s%s", home, parent < 0 ? "" : mailbox_subdirs[parent].name,
-                 parent < 0 ? "" : "/", name);
+        subdir_path(sub, sizeof(sub), home, i);
         at_child(d->fx, &at, parent < 0 ? home_fd : fds[parent], name, sub);
+        /* In a directory the run keeps to itself a leaf is made and given
+         * away by name; only one found standing there is looked at. */
+        if (mailbox_subdirs[i].leaf && at.fresh != nullptr) {
+            int created = 0;
+            if (d->fx->new_leaf(&at, 0700, ids.uid, ids.gid, &created) == 0) {
+                note_made(&made, at.dir, name);
+                continue;
+            }
+            if (errno != EEXIST) {
+                if (created)
+                    note_made(&made, at.dir, name);
+                snprintf(message, sizeof(message), "Unable to %s %s dir: %s", created ? "chown" : "make", sub,
+                         strerror(errno));
+                undo_and_die(d->fx, &made, message);
+            }
+        }
         /* A directory that holds none of the others and is popuser's
          * already needs only a look. */
         if (mailbox_subdirs[i].leaf && fstatat(at.dir, name, &st, AT_SYMLINK_NOFOLLOW) == 0
             && S_ISDIR(st.st_mode) && st.st_uid == ids.uid && st.st_gid == ids.gid)
             continue;
-        fds[i] = make_owned_dir(&at, at.dir, name, ids, &what, &made);
+        fds[i] = make_owned_dir(&at, at.dir, name, ids, &what, &made, &kept[i]);
         if (fds[i] >= 0)
             continue;
         if (at_in_the_way(errno)) {
@@ -210,12 +252,30 @@ int add_mailbox(const MailDomain *d, const char *mail_name)
         snprintf(message, sizeof(message), "Unable to %s %s dir: %s", what, sub, strerror(errno));
         undo_and_die(d->fx, &made, message);
     }
-    for (size_t i = 0; i < n; i++)
-        if (fds[i] >= 0)
+    /* A directory kept to the run is given away once what is in it is
+     * made. */
+    for (size_t i = n; i-- > 0;) {
+        if (kept[i] && path_at_give_fresh(d->fx, subdir_path(sub, sizeof(sub), home, i)) != 0) {
+            snprintf(message, sizeof(message), "Unable to chown %s dir: %s", sub, strerror(errno));
+            undo_and_die(d->fx, &made, message);
+        }
+        if (!kept[i] && fds[i] >= 0)
             close(fds[i]);
-    close(domain_fd);
-    close(home_fd);
+    }
+    if (own_domain_fd)
+        close(domain_fd);
+    if (!home_kept)
+        close(home_fd);
     return rc;
+}
+
+void mailbox_done(const MailDomain *d, const char *mail_name)
+{
+    char home[QMAIL_BUF_SIZE];
+
+    mail_path(home, d->ascii, mail_name, nullptr);
+    if (path_at_give_fresh(d->fx, home) != 0)
+        report(1, "Unable to chown %s dir: %s", home, strerror(errno));
 }
 
 int remove_mailbox(const MailDomain *d, const char *mail_name)

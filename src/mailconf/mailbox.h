@@ -13,6 +13,14 @@
  * rebuild), or root linked one, the mailbox's tree is left as it is with
  * one warning and add_mailbox() answers 1: its records are written, its
  * files on disk are not.
+ *
+ * A home add_mailbox() makes where nobody else could (in a domain
+ * directory the run made) stays root's until mailbox_done(): its Maildir,
+ * attachments directory, delivery and quota files are made in it first,
+ * without a look for what cannot be there (fs/path_at), and what belongs
+ * inside Maildir is made before Maildir is given away.  An existing home
+ * is held open from add_mailbox() to mailbox_done(), and the mailbox's
+ * files are reached through it.
  */
 #pragma once
 
@@ -22,3 +30,7 @@
  * skipped (warned) */
 int add_mailbox(const MailDomain *d, const char *mail_name);
 int remove_mailbox(const MailDomain *d, const char *mail_name);
+/* mailbox_done - the home add_mailbox made and kept, if it did, given to
+ * popuser (one that existed is let go); a failure ends the process with
+ * the home's chown message */
+void mailbox_done(const MailDomain *d, const char *mail_name);

@@ -39,6 +39,7 @@ static int apply_new_dir(PathAt *at, mode_t mode, int *made)
             } else if (errno != EEXIST) {
                 return -1;
             }
+            at_note_made(at);
         } else if (!at->guarded || (errno != ELOOP && errno != ENOTDIR)) {
             return -1;
         } else if (set_aside++ > 0) {
@@ -127,30 +128,60 @@ static int write_whole(int fd, const char *text, size_t len)
     return 0;
 }
 
+/* umask_now - the process's file mode creation mask */
+static mode_t umask_now(void)
+{
+    mode_t mask = umask(022);
+
+    umask(mask);
+    return mask;
+}
+
 /* apply_replace_prepare - the temporary file written beside a file that
  * does not match, with its owner and mode; 0 when it matches, 1 ready, -1
- * (the temporary file gone) */
+ * (the temporary file gone).  In a directory the run keeps to itself a
+ * name it has not made is written at once, under its own name (tmp is
+ * then at itself): nobody can look in before the directory is given
+ * away. */
 static int apply_replace_prepare(PathAt *at, const char *text, size_t len, uid_t uid, gid_t gid,
                                  mode_t mode, int durable, FileStep *step, PathAt *tmp, char *tmp_path)
 {
+    static const mode_t mask = umask_now();
+
     if (file_matches_at(at, text, len, uid, gid, mode))
         return 0;
     *step = STEP_OPEN;
-    if (at_clear_foreign(at) != 0 || at_temporary(at, tmp, tmp_path) != 0)
-        return -1;
-    /* The temporary file is always a new one: whatever stands at its name
-     * (a leftover, a planted link) goes first. */
-    unlinkat(tmp->dir, tmp->name, 0);
-    int fd = at_open(tmp, O_WRONLY | O_CREAT | O_EXCL, 0600);
-    if (fd < 0)
-        return -1;
+    int fd = -1;
+    if (at_unmade(at)) {
+        fd = at_open(at, O_WRONLY | O_CREAT | O_EXCL, mode);
+        if (fd >= 0) {
+            *tmp = *at;
+            tmp->owned = 0;
+            tmp->path = at->path;
+        } else if (errno != EEXIST) {
+            return -1;
+        }
+    }
+    if (fd < 0) {
+        if (at_clear_foreign(at) != 0 || at_temporary(at, tmp, tmp_path) != 0)
+            return -1;
+        /* The temporary file is always a new one: whatever stands at its
+         * name (a leftover, a planted link) goes first. */
+        if (!at_unmade(tmp))
+            unlinkat(tmp->dir, tmp->name, 0);
+        fd = at_open(tmp, O_WRONLY | O_CREAT | O_EXCL, 0600);
+        if (fd < 0)
+            return -1;
+    }
     int rc = -1;
     *step = STEP_WRITE;
     if (write_whole(fd, text, len) == 0 && (!durable || fsync(fd) == 0)) {
         *step = STEP_CHOWN;
         if (fchown(fd, uid, gid) == 0) {
             *step = STEP_CHMOD;
-            if (fchmod(fd, mode) == 0)
+            /* Made with its mode where the mask leaves it whole. */
+            if ((tmp->dir == at->dir && strcmp(tmp->name, at->name) == 0 && (mode & mask) == 0)
+                || fchmod(fd, mode) == 0)
                 rc = 0;
         }
     }
@@ -169,11 +200,11 @@ static int apply_replace_prepare(PathAt *at, const char *text, size_t len, uid_t
 }
 
 /* apply_replace_commit - the prepared temporary file renamed over the
- * file, and counted */
+ * file (unless it was written in place), and counted */
 static int apply_replace_commit(PathAt *at, PathAt *tmp, int durable, FileStep *step)
 {
     *step = STEP_RENAME;
-    if (renameat(tmp->dir, tmp->name, at->dir, at->name) != 0) {
+    if ((tmp->dir != at->dir || strcmp(tmp->name, at->name) != 0) && renameat(tmp->dir, tmp->name, at->dir, at->name) != 0) {
         int err = errno;
         replace_file_abort(tmp);
         errno = err;
@@ -183,6 +214,26 @@ static int apply_replace_commit(PathAt *at, PathAt *tmp, int durable, FileStep *
         fsync(at->dir);
     replaced++;
     return 0;
+}
+
+/* apply_new_leaf - a directory made in one the run keeps to itself and
+ * given to uid and gid by name, never opened: nobody else can have put
+ * anything in its place */
+static int apply_new_leaf(PathAt *at, mode_t mode, uid_t uid, gid_t gid, int *made)
+{
+    int rc = mkdirat(at->dir, at->name, mode);
+
+    *made = rc == 0;
+    at_note_made(at);
+    if (rc == 0 && fchownat(at->dir, at->name, uid, gid, AT_SYMLINK_NOFOLLOW) != 0)
+        return -1;
+    return rc;
+}
+
+/* apply_give - a directory the run kept to itself given to uid and gid */
+static int apply_give(int fd, uid_t uid, gid_t gid)
+{
+    return fchown(fd, uid, gid);
 }
 
 /* apply_remove - the object at the last name, with everything in it */
@@ -225,12 +276,6 @@ unsigned long replace_count(void)
     return replaced;
 }
 
-/* apply_login_hash - a login is written with the run's hash */
-static const char *apply_login_hash(const char *, const char *, const char *hash)
-{
-    return hash;
-}
-
 /* apply_leave - a restore leaves what the panel does not have where it
  * is (panel_has, dir_done) */
 static void apply_leave(const char *)
@@ -239,6 +284,8 @@ static void apply_leave(const char *)
 
 const Effects APPLY_EFFECTS = {
     .new_dir = apply_new_dir,
+    .new_leaf = apply_new_leaf,
+    .give = apply_give,
     .owner_mode = apply_owner_mode,
     .set_aside = apply_set_aside,
     .replace_prepare = apply_replace_prepare,
@@ -252,7 +299,7 @@ const Effects APPLY_EFFECTS = {
     .missing_dir = apply_missing_dir,
     .signal = kill_by_name,
     .run_util = admin_util_execv,
-    .login_hash = apply_login_hash,
+    .login_salt = nullptr, /* the run's salt */
     .panel_has = apply_leave,
     .dir_done = apply_leave,
 };

@@ -12,7 +12,6 @@
 #include "runtime/config.h"
 #include "runtime/report.h"
 
-#include <crypt.h>
 #include <dirent.h>
 #include <errno.h>
 #include <stdio.h>
@@ -39,6 +38,22 @@ static int check_new_dir(PathAt *at, mode_t, int *)
     if (!at->absent)
         check_note(errno == ENOENT ? "missing" : "foreign", at->path);
     return absent_dir_fd();
+}
+
+/* check_new_leaf - a directory at_dir would make; a check keeps no
+ * directory to itself, so it is reported missing as at check_new_dir */
+static int check_new_leaf(PathAt *at, mode_t, uid_t, gid_t, int *made)
+{
+    *made = 0;
+    if (!at->absent)
+        check_note("missing", at->path);
+    return 0;
+}
+
+/* check_give - nothing was kept, so nothing is given */
+static int check_give(int, uid_t, gid_t)
+{
+    return 0;
 }
 
 /* check_owner_mode_fx - the owner, group and mode an object would get */
@@ -201,19 +216,16 @@ static int check_run_util(const char *, char *const[])
 
 static const size_t LINE_SIZE = 4096;
 
-/* The directories the panel has (domains' and mailboxes'), and the
- * hashes of users/poppasswd on disk by home directory, read at the first
- * login a check meets. */
+/* The directories the panel has (domains' and mailboxes'). */
 static std::set<std::string> panel_dirs;
-static std::unordered_map<std::string, std::string> disk_hashes;
-static int disk_hashes_read;
 
-/* read_disk_hashes - users/poppasswd's "name:[!]hash:popuser:home" lines */
-static void read_disk_hashes(void)
+/* read_disk_hashes - the hashes of users/poppasswd's "name:[!]hash:popuser:home"
+ * lines, by home */
+static std::unordered_map<std::string, std::string> *read_disk_hashes(void)
 {
+    auto *hashes = new std::unordered_map<std::string, std::string>;
     char path[LINE_SIZE], line[LINE_SIZE];
 
-    disk_hashes_read = 1;
     snprintf(path, sizeof(path), "%s%s", panel_config.QMAIL_ROOT_D, "/users/poppasswd");
     FILE *f = fopen(path, "r");
     while (f != nullptr && fgets(line, sizeof(line), f) != nullptr) {
@@ -225,27 +237,22 @@ static void read_disk_hashes(void)
             continue;
         *home = '\0';
         hash += 1 + (hash[1] == '!');
-        disk_hashes[rest + 1] = hash;
+        (*hashes)[rest + 1] = hash;
     }
     if (f != nullptr)
         fclose(f);
+    return hashes;
 }
 
-/* check_login_hash - the hash on disk of the mailbox at home when it
- * verifies its plain password, else hash */
-static const char *check_login_hash(const char *home, const char *plain, const char *hash)
+/* check_login_salt - the hash on disk of the mailbox at home, "" when the
+ * disk has none; users/poppasswd is read once, at the first call (from
+ * whichever thread), and only read after */
+static const char *check_login_salt(const char *home)
 {
-    static struct crypt_data data;
+    static const std::unordered_map<std::string, std::string> *disk_hashes = read_disk_hashes();
 
-    if (plain == nullptr)
-        return hash;
-    if (!disk_hashes_read)
-        read_disk_hashes();
-    auto known = disk_hashes.find(home);
-    if (known == disk_hashes.end())
-        return hash;
-    const char *again = crypt_r(plain, known->second.c_str(), &data);
-    return again != nullptr && known->second == again ? known->second.c_str() : hash;
+    auto known = disk_hashes->find(home);
+    return known == disk_hashes->end() ? "" : known->second.c_str();
 }
 
 /* check_panel_has - the panel has the directory at path */
@@ -278,6 +285,8 @@ static void check_dir_done(const char *dir)
 
 const Effects CHECK_EFFECTS = {
     .new_dir = check_new_dir,
+    .new_leaf = check_new_leaf,
+    .give = check_give,
     .owner_mode = check_owner_mode_fx,
     .set_aside = check_set_aside,
     .replace_prepare = check_replace_prepare,
@@ -291,7 +300,7 @@ const Effects CHECK_EFFECTS = {
     .missing_dir = check_missing_dir,
     .signal = check_signal,
     .run_util = check_run_util,
-    .login_hash = check_login_hash,
+    .login_salt = check_login_salt,
     .panel_has = check_panel_has,
     .dir_done = check_dir_done,
 };

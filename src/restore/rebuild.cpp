@@ -21,9 +21,9 @@
  * root's link that cannot be followed, keeps its records and its files.
  * What the pass asks of a domain is domain_facts' (each domain's questions
  * sent ahead over a second connection), the passwords are hashed ahead on
- * every processor (hash_pool), the summary's counts are finish's; the
- * table of effects remembers what a check run needs to report surplus
- * directories and unchanged passwords.
+ * every processor (hash_pool) with the salt the table of effects gives, the
+ * summary's counts are finish's; the table of effects remembers what a
+ * check run needs to report surplus directories and unchanged passwords.
  */
 #include "restore/rebuild.h"
 
@@ -101,13 +101,16 @@ static void prepare_mailnames_dir(const Effects *fx, unsigned gid)
     FileStep step = STEP_CHOWN;
     struct stat st;
     PathAt at;
-    int fd = -1;
+    int fd = -1, made = 0, kept = 0;
 
     if (stat(dir, &st) != 0 && errno != ENOENT)
         report(1, "ERROR: Unable to stat for mailnames dir: %s", strerror(errno));
     if (path_at(fx, dir, &at) == 0) {
-        fd = at_dir(&at, 0755, nullptr);
+        fd = at_dir(&at, 0755, &made);
         int err = errno;
+        /* Made by this run: nothing is looked up in it before it is made
+         * there, until the pass ends. */
+        kept = fd >= 0 && made && path_at_keep_fresh(&at, fd, static_cast<uid_t>(-1), static_cast<gid_t>(-1));
         path_at_close(&at);
         errno = err;
     }
@@ -121,7 +124,8 @@ static void prepare_mailnames_dir(const Effects *fx, unsigned gid)
     /* One that is only reported missing is not entered. */
     if (fstat(fd, &st) == 0 && S_ISDIR(st.st_mode) && fchdir(fd) != 0)
         report(1, "WARNING: Unable to chdir to mailnames dir: %s", strerror(errno));
-    close(fd);
+    if (!kept)
+        close(fd);
 }
 
 /* Pass - what the pass hands each domain: the run's table of effects and
@@ -153,13 +157,13 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailboxLists 
     /* A plain password crypt refuses (it takes at most 511 bytes) gives
      * no hash but crypt's failure token, a login that can never succeed:
      * such a mailbox is skipped like a row that breaks a rule. */
-    const char *hash = m.postbox && m.plain != nullptr ? hash_pool_get(m.id, m.plain) : m.password;
+    mail_path(home, d->ascii, m.mail_name, nullptr);
+    const char *hash = m.postbox && m.plain != nullptr ? hash_pool_get(m.id, home, m.plain) : m.password;
     if (m.postbox && m.plain != nullptr && (hash == nullptr || *hash == '*')) {
         skip_row("mailbox", m.mail_name, nullptr, domain, "its password cannot be hashed");
         return;
     }
     mail_path(qmail, d->ascii, m.mail_name, DELIVERY_FILE);
-    mail_path(home, d->ascii, m.mail_name, nullptr);
     if (held_file_take_rebuilt(d->fx, qmail) != 0)
         report(1, "Unable to lock %s for the rebuild", qmail);
     /* A mailbox whose directories are in the way of a foreign object keeps
@@ -169,8 +173,7 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailboxLists 
     progress_mailbox(&pass->progress);
     d->fx->panel_has(home);
     if (m.postbox) {
-        add_postbox(d, m.mail_name, d->fx->login_hash(home, m.plain, hash), disabled,
-                    pass->full_names_required);
+        add_postbox(d, m.mail_name, hash, disabled, pass->full_names_required);
     }
     if (m.redirect)
         add_forward(d, m.mail_name, m.redir_addr, m.redir_addr_rule);
@@ -197,6 +200,7 @@ static void restore_mailbox(Pass *pass, const MailboxRow &m, const MailboxLists 
             report(1, "Unable to write %s", qmail);
         report_plain(0, "Skipping %s: a link or another kind of object stands where a file belongs", qmail);
     }
+    mailbox_done(d, m.mail_name);
 }
 
 /* restore_domain - the domain of row d with the panel's facts of it:
@@ -241,6 +245,7 @@ static void restore_domain(Pass *pass, const MailDomainRow *d, const DomainFacts
 
     for (size_t i = 0; i < facts.boxes.size(); i++)
         restore_mailbox(pass, facts.boxes[i], facts.lists[i], &md, d->disabled);
+    mail_domain_done(&md);
     pass->fx->panel_has(mail_path(dir, md.ascii, nullptr, nullptr));
     pass->fx->dir_done(dir);
     progress_domain(&pass->progress);
@@ -326,11 +331,13 @@ void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int pro
     /* Without a connection of its own (the server may allow no third one)
      * the pass hashes the passwords itself, without a word. */
     char err[PANEL_QUERY_SIZE];
-    hash_pool_start(db_open_session(err, sizeof(err)), nullptr, scope != nullptr ? scope->ids_sql.c_str() : nullptr);
+    hash_pool_start(db_open_session(err, sizeof(err)), nullptr, fx->login_salt, domains->rows.data(),
+                    domains->rows.size(), scope != nullptr ? scope->ids_sql.c_str() : nullptr);
     progress_start(&pass.progress, progress && scope == nullptr, rows.size(),
                    progress && scope == nullptr ? mailbox_total(pass.conn) : 0);
     restore_domains(&pass, rows);
     progress_end(&pass.progress);
+    path_at_give_fresh(fx, panel_config.QMAIL_MAILNAMES_D);
     hash_pool_stop();
     pipeline_close();
     mysql_close(ahead);

@@ -34,7 +34,7 @@ TEST(PathAt, NoLinkOnTheWayBelowADomainIsFollowed)
         stderr_of([&] {
             EXPECT_EQ(file_put(&APPLY_EFFECTS, path.c_str(), "x\n", 0, 0, 0600, &step), -1);
             EXPECT_EQ(file_str(&APPLY_EFFECTS, path.c_str(), "x", FILE_STR_ADD, FILE_STR_AT_END), 1);
-            EXPECT_EQ(make_dir_noting(&APPLY_EFFECTS, path.c_str(), 0, 0, 0700, &made), -1);
+            EXPECT_EQ(make_dir_noting(&APPLY_EFFECTS, path.c_str(), 0, 0, 0700, &made, 0), -1);
             EXPECT_EQ(path_owner_mode(&APPLY_EFFECTS, path.c_str(), 0, 0, 0600, &step), -1);
         });
     }
