@@ -19,6 +19,8 @@
 #include <algorithm>
 #include <iterator>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <unordered_map>
 #include <vector>
 
@@ -41,47 +43,59 @@ static int scope_line(const char *line, size_t len, const void *arg)
     return scope_owns(f->scope, f->name, line, len);
 }
 
-/* line_key - a line as the summary compares and names it: a password
- * record's hash left out (a rerun gives every password a new salt, and a
- * hash has no place in syslog) */
-static std::string line_key(const char *name, std::string line)
-{
-    size_t hash = line.find(':'), end = hash == std::string::npos ? hash : line.find(':', hash + 1);
+/* LineKey - a line as the summary compares it: a password record's hash
+ * left out (a rerun gives every password a new salt), so the line's bytes
+ * before the hash and after it; views into the file's text, no copies */
+typedef std::pair<std::string_view, std::string_view> LineKey;
 
-    if (strcmp(name, QMAIL_POPPASSWD_FILE) == 0 && end != std::string::npos)
-        line.replace(hash + 1 + (line[hash + 1] == '!'), end - hash - 1 - (line[hash + 1] == '!'), "*");
-    return line;
+struct LineKeyHash {
+    size_t operator()(const LineKey &k) const
+    {
+        return std::hash<std::string_view>()(k.first) * 31 + std::hash<std::string_view>()(k.second);
+    }
+};
+
+/* line_key - the key of a line of shared file name */
+static LineKey line_key(const char *name, std::string_view line)
+{
+    size_t hash = line.find(':'), end = hash == std::string_view::npos ? hash : line.find(':', hash + 1);
+
+    if (strcmp(name, QMAIL_POPPASSWD_FILE) != 0 || end == std::string_view::npos)
+        return {line, {}};
+    return {line.substr(0, hash + 1 + (line[hash + 1] == '!')), line.substr(end)};
 }
 
-/* lines_of - the lines of text, keyed by line_key */
-static std::vector<std::string> lines_of(const char *name, const TextBuf &text)
+/* lines_of - the keys of the lines of text */
+static std::vector<LineKey> lines_of(const char *name, const TextBuf &text)
 {
-    std::vector<std::string> lines;
+    std::vector<LineKey> lines;
 
     for (size_t at = 0, end; at < text.len; at = end + 1) {
         end = std::find(text.data + at, text.data + text.len, '\n') - text.data;
-        lines.push_back(line_key(name, std::string(text.data + at, end - at)));
+        lines.push_back(line_key(name, std::string_view(text.data + at, end - at)));
     }
     return lines;
 }
 
 /* count_changes - the lines the run adds to and removes from a shared
- * file, for the summary, each removed line named */
+ * file, for the summary, each removed line named (a hash as "*": it has
+ * no place in syslog) */
 static void count_changes(const char *name, const TextBuf &before, const TextBuf &after)
 {
-    std::unordered_map<std::string, long> left;
-    std::vector<std::string> found_lines = lines_of(name, before);
+    std::unordered_map<LineKey, long, LineKeyHash> left;
+    std::vector<LineKey> found_lines = lines_of(name, before);
     unsigned added = 0, removed = 0;
 
-    for (const std::string &line : found_lines)
+    for (const LineKey &line : found_lines)
         left[line]++;
-    for (const std::string &line : lines_of(name, after))
+    for (const LineKey &line : lines_of(name, after))
         if (left[line]-- <= 0)
             added++;
-    for (const std::string &line : found_lines)
+    for (const LineKey &line : found_lines)
         if (left[line]-- > 0) {
             removed++;
-            run_line_removed(name, line.c_str());
+            std::string shown = std::string(line.first) + (line.second.empty() ? "" : "*") + std::string(line.second);
+            run_line_removed(name, shown.c_str());
         }
     run_lines(name, added, removed);
 }
