@@ -9,7 +9,6 @@
 #include "filters/antivirus.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -25,6 +24,8 @@
 #include "proc/exec.h"
 #include "runtime/config.h"
 #include "runtime/report.h"
+
+#include <string_view>
 
 static const size_t AV_BUF_SIZE = 4096;
 
@@ -199,15 +200,15 @@ int reset_users_conf(const Effects *fx)
 static int av_owned(const char *line, size_t len, const void *arg)
 {
     const AvScope *only = static_cast<const AvScope *>(arg);
-    std::string text(line, len);
+    std::string_view text(line, len);
     size_t first = text.find('\t'), second = text.find('\t', first + 1);
 
-    if (!text.starts_with("allow\t") || second == std::string::npos
+    if (!text.starts_with("allow\t") || second == std::string_view::npos
         || text.compare(second, 8, "\tregex\t^") != 0 || !text.ends_with("$"))
         return 0;
     size_t at = text.rfind('@');
-    return at != std::string::npos && at > second
-           && only->domains->count(text.substr(at + 1, text.size() - at - 2)) > 0;
+    return at != std::string_view::npos && at > second
+           && only->domains->count(std::string(text.substr(at + 1, text.size() - at - 2))) > 0;
 }
 
 /* limited_query - query limited to the mailboxes of the domains only->ids
@@ -217,18 +218,6 @@ static char *limited_query(const char *query, const char *column, const AvScope 
     const char *order = strstr(query, " ORDER BY");
 
     return xasprintf("%.*s AND %s IN (%s)%s", static_cast<int>(order - query), query, column, only->ids, order);
-}
-
-/* read_users_conf - the file's text as it is, into text (empty when it
- * cannot be read) */
-static void read_users_conf(const Effects *fx, const char *path, TextBuf *text)
-{
-    int fd = path_open(fx, path, O_RDONLY, 0);
-
-    if (fd >= 0 && text_buf_read(text, fd) != 0)
-        report(1, "Unable to read file %s: %s\n", path, strerror(errno));
-    if (fd >= 0)
-        close(fd);
 }
 
 void restore_antivirus_settings(const Effects *fx, MYSQL *conn, const AvScope *only)
@@ -247,7 +236,8 @@ void restore_antivirus_settings(const Effects *fx, MYSQL *conn, const AvScope *o
     if (held_file_take(fx, path, 1) != 0)
         report(1, "Unable to lock %s for the rebuild", path);
     if (only != nullptr) {
-        read_users_conf(fx, path, &before);
+        if (path_read(fx, path, &before) != 0)
+            report(1, "Unable to read file %s: %s\n", path, strerror(errno));
         if (line_filter(&before, av_owned, only, &kept) != 0)
             report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
         held_file_reset(path, kept.data != nullptr ? kept.data : "", kept.len);

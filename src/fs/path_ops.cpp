@@ -20,6 +20,19 @@ int path_open(const Effects *fx, const char *path, int flags, mode_t mode)
     return fd;
 }
 
+int path_read(const Effects *fx, const char *path, TextBuf *text)
+{
+    int fd = path_open(fx, path, O_RDONLY, 0);
+
+    if (fd < 0)
+        return 0;
+    int rc = text_buf_read(text, fd);
+    int err = errno;
+    close(fd);
+    errno = err;
+    return rc;
+}
+
 DIR *path_opendir(const Effects *fx, const char *path)
 {
     PathAt at;

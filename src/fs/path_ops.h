@@ -5,6 +5,7 @@
 #pragma once
 
 #include "fs/at_name.h"
+#include "fs/line_edit.h"
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -12,6 +13,10 @@
 
 /* path_open - at_open for a path; the descriptor, or -1 with errno */
 int path_open(const Effects *fx, const char *path, int flags, mode_t mode);
+
+/* path_read - append the whole file at path to text; 0 (a file that
+ * cannot be opened adds nothing), or -1 with errno when it cannot be read */
+int path_read(const Effects *fx, const char *path, TextBuf *text);
 
 /* path_opendir - the directory at path, reached and opened as path_at and
  * at_open_dir reach one, for reading; null with errno */

@@ -125,18 +125,12 @@ static void limit(const Effects *fx, MailDomains *domains, DomainScope *scope, i
 static void spam_pass(const Effects *fx, MailDomains *domains, const DomainScope *scope)
 {
     MYSQL *conn = panel_db_open();
-    std::vector<const MailDomainRow *> rows;
 
     if (conn == nullptr)
         report_plain(1, "Unable to connect to the mysql database");
     if (domains->res == nullptr)
         read_mail_domains(conn, domains);
-    if (scope != nullptr)
-        for (size_t k : scope->rows)
-            rows.push_back(&domains->rows[k]);
-    else
-        for (const MailDomainRow &d : domains->rows)
-            rows.push_back(&d);
+    std::vector<const MailDomainRow *> rows = scope_domain_rows(scope, domains);
     restore_spam_settings(fx, conn, rows.data(), rows.size(), scope == nullptr);
     mysql_close(conn);
 }

@@ -18,10 +18,8 @@
 #include "runtime/config.h"
 #include "runtime/report.h"
 
-#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string_view>
@@ -70,9 +68,7 @@ static std::string_view assign_prefix(std::string_view line)
 int scope_owns(const DomainScope *scope, const char *name, const char *text, size_t len)
 {
     std::string_view line(text, len);
-    auto has = [](const std::set<std::string> &set, std::string_view key) {
-        return !key.empty() && set.count(std::string(key)) > 0;
-    };
+    auto has = [](const NameSet &set, std::string_view key) { return !key.empty() && set.find(key) != set.end(); };
 
     if (strcmp(name, QMAIL_VIRTUALDOMAINS_FILE) == 0)
         return has(scope->names, field(line, 0)) || has(scope->ids, field(line, 1));
@@ -136,7 +132,7 @@ void scope_learn(DomainScope *scope, const MailDomains *domains, const TextBuf *
             others.insert(domains->rows[k].ascii);
     each_line(texts[1], [&](std::string_view line) {
         std::string name(field(line, 0));
-        if (scope->ids.count(std::string(field(line, 1))) > 0 && !name.empty() && others.count(name) == 0)
+        if (scope->ids.find(field(line, 1)) != scope->ids.end() && !name.empty() && others.count(name) == 0)
             scope->names.insert(name);
     });
     for (const std::string &name : scope->names)
@@ -151,11 +147,8 @@ static void read_shared(const Effects *fx, TextBuf *texts)
 
     for (size_t i = 0; i < SHARED_FILE_COUNT; i++) {
         qmail_file_path(path, sizeof(path), SHARED_FILES[i]);
-        int fd = path_open(fx, path, O_RDONLY, 0);
-        if (fd >= 0 && text_buf_read(&texts[i], fd) != 0)
+        if (path_read(fx, path, &texts[i]) != 0)
             report(1, "Unable to read file %s: %s\n", path, strerror(errno));
-        if (fd >= 0)
-            close(fd);
     }
 }
 
@@ -176,6 +169,19 @@ static bool on_disk(const MailDomains *domains, const TextBuf *texts, const std:
             return true;
     }
     return false;
+}
+
+std::vector<const MailDomainRow *> scope_domain_rows(const DomainScope *scope, const MailDomains *domains)
+{
+    std::vector<const MailDomainRow *> rows;
+
+    if (scope != nullptr)
+        for (size_t k : scope->rows)
+            rows.push_back(&domains->rows[k]);
+    else
+        for (const MailDomainRow &d : domains->rows)
+            rows.push_back(&d);
+    return rows;
 }
 
 /* PanelAlias - a domain alias of the panel: its domain's identifier, its

@@ -27,19 +27,25 @@
 #include <string>
 #include <vector>
 
+/* NameSet - names looked up by view, without a copy */
+typedef std::set<std::string, std::less<>> NameSet;
+
 /* DomainScope - what a limited run is limited to */
 struct DomainScope {
     std::vector<std::string> given;  /* the names as the command line gave them */
     std::vector<size_t> rows;        /* the chosen panel domains: their rows, in identifier order */
     std::vector<std::string> dropped; /* ASCII names only qmail's files know */
-    std::set<std::string> aliases;   /* ASCII names of their aliases in the panel */
-    std::set<std::string> names;     /* ASCII names whose lines are theirs */
-    std::set<std::string> ids;       /* virtual-domain prefixes that are theirs */
+    NameSet aliases;                 /* ASCII names of their aliases in the panel */
+    NameSet names;                   /* ASCII names whose lines are theirs */
+    NameSet ids;                     /* virtual-domain prefixes that are theirs */
     std::set<std::string> conf_names; /* domain parts of their users.conf records */
     std::string ids_sql;             /* the chosen domains' identifiers, comma-separated ("0" for none) */
     std::string shown;               /* the names for the log, comma-separated */
 };
 
+/* scope_domain_rows - the rows a run walks: the scope's domains, or
+ * (scope null) every domain read, in identifier order */
+std::vector<const MailDomainRow *> scope_domain_rows(const DomainScope *scope, const MailDomains *domains);
 /* scope_resolve - resolve scope->given over conn and the domains read;
  * panel_only: a name the panel does not have is unknown (a run that
  * writes no qmail file).  An unknown name ends the process. */

@@ -321,13 +321,7 @@ void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int pro
 
     if (domains->res == nullptr)
         read_mail_domains(pass.conn, domains);
-    std::vector<const MailDomainRow *> rows;
-    if (scope != nullptr)
-        for (size_t k : scope->rows)
-            rows.push_back(&domains->rows[k]);
-    else
-        for (const MailDomainRow &d : domains->rows)
-            rows.push_back(&d);
+    std::vector<const MailDomainRow *> rows = scope_domain_rows(scope, domains);
     /* Without a connection of its own (the server may allow no third one)
      * the pass hashes the passwords itself, without a word. */
     char err[PANEL_QUERY_SIZE];

@@ -12,9 +12,7 @@
 #include "runtime/report.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
@@ -108,11 +106,8 @@ void shared_files_take(const Effects *fx, DomainScope *scope, const MailDomains 
         qmail_file_path(path, sizeof(path), SHARED_FILES[i]);
         if (held_file_take(fx, path, 1) != 0)
             report(1, "Unable to lock %s for the rebuild", path);
-        int fd = path_open(fx, path, O_RDONLY, 0);
-        if (fd >= 0 && text_buf_read(&found[i], fd) != 0)
+        if (path_read(fx, path, &found[i]) != 0)
             report(1, "Unable to read file %s: %s\n", path, strerror(errno));
-        if (fd >= 0)
-            close(fd);
     }
     /* A limited run starts from the files as they are, less the chosen
      * domains' lines; a full one from empty files (users/assign with its
