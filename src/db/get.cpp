@@ -36,10 +36,16 @@ GetAnswer get_answer(MYSQL *conn, const char *query, unsigned column, char *buf)
     row = mysql_fetch_row(res);
     if (row != nullptr && column < mysql_num_fields(res) && row[column] != nullptr) {
         size_t len = mysql_fetch_lengths(res)[column];
+        const char *nul = static_cast<const char *>(memchr(row[column], '\0', len));
         answer = GET_FOUND;
+        if (nul != nullptr) {
+            len = static_cast<size_t>(nul - row[column]);
+            answer = GET_NUL;
+        }
         if (len > GET_BUF_SIZE - 1) {
             len = GET_BUF_SIZE - 1;
-            answer = GET_CUT;
+            if (answer == GET_FOUND)
+                answer = GET_CUT;
         }
         memcpy(buf, row[column], len);
         buf[len] = '\0';

@@ -58,6 +58,8 @@ const char *get_client_email(const char *dom_id, MYSQL *conn);
 enum GetAnswer {
     GET_FOUND,   /* a value, copied into the caller's buffer */
     GET_CUT,     /* a value longer than the buffer: its first 4095 bytes copied */
+    GET_NUL,     /* a value holding a NUL byte (whatever its length): what comes
+                    before it copied */
     GET_NO_ROW,  /* no row, or a NULL value: the buffer holds "" */
     GET_REFUSED, /* the server refused the query: mysql_error(conn) says why */
 };

@@ -19,7 +19,7 @@
 struct NonexistPolicy {
     char choice[QMAIL_BUF_SIZE]; /* nonexist_mail: "reject", "catch", "bounce"; "" none */
     char value[QMAIL_BUF_SIZE];  /* catch: the address; bounce: the text ("" none) */
-    int has_nul;                 /* one of the parameters holds a NUL byte */
+    int has_nul;                 /* a value it is made of holds a NUL byte */
 };
 
 /* restore_nonexist_policy - policy p written for domain d; a catch-all

@@ -12,21 +12,11 @@
 #include <stdio.h>
 #include <string.h>
 
-/* query_domain_limit, query_policy_nul, query_policy - the questions of
- * the list that are not a list query of panel_rows */
+/* query_domain_limit, query_policy - the questions of the list that are
+ * not a list query of panel_rows */
 static const char *query_domain_limit(const char *id, char *buf)
 {
     return dom_limit_query(id, "mbox_quota", buf, PANEL_QUERY_SIZE);
-}
-
-static const char *query_policy_nul(const char *id, char *buf)
-{
-    snprintf(buf, PANEL_QUERY_SIZE,
-             "SELECT COUNT(*) FROM DomainServices s, Parameters r WHERE s.dom_id='%s' AND "
-             "s.type='mail' AND s.parameters_id=r.id AND r.parameter IN ('nonexist_mail', "
-             "'catch_addr', 'bounce_mess') AND INSTR(r.value, CHAR(0)) > 0",
-             id);
-    return buf;
 }
 
 static const char *query_policy(const char *id, char *buf)
@@ -36,9 +26,9 @@ static const char *query_policy(const char *id, char *buf)
 
 /* The questions asked of every domain, in the order domain_facts() asks
  * them; domain_facts_prefetch() queues this same list. */
-enum { Q_LIMIT, Q_ALIASES, Q_MAILBOXES, Q_POLICY_NUL, Q_POLICY, Q_COUNT };
+enum { Q_LIMIT, Q_ALIASES, Q_MAILBOXES, Q_POLICY, Q_COUNT };
 static const char *(*const DOMAIN_QUESTIONS[Q_COUNT])(const char *id, char *buf) = {
-    query_domain_limit, domain_aliases_query, mailboxes_query, query_policy_nul, query_policy,
+    query_domain_limit, domain_aliases_query, mailboxes_query, query_policy,
 };
 
 /* refused - end the process with a refused question's message */
@@ -54,15 +44,18 @@ static const char *(*const DOMAIN_QUESTIONS[Q_COUNT])(const char *id, char *buf)
 /* value - the answer to a one-value question about domain d, what it
  * asks for, into buf ("" for none); a refusal ends the process with format
  * (and name); an answer longer than the buffer is cut, with a warning
- * naming the domain and what was asked */
-static void value(MYSQL *conn, const MailDomainRow *d, const char *what, const char *query, char *buf,
-                  const char *format, const char *name)
+ * naming the domain and what was asked; 1 when the answer holds a NUL
+ * byte (buf then has what comes before it), else 0 */
+static int value(MYSQL *conn, const MailDomainRow *d, const char *what, const char *query, char *buf,
+                 const char *format, const char *name)
 {
     char shown[VALUE_PRINTABLE_SIZE];
 
     switch (get_answer(conn, query, 0, buf)) {
     case GET_REFUSED:
         refused(conn, format, name);
+    case GET_NUL:
+        return 1;
     case GET_CUT:
         report_plain(0, "Warning: the %s of mail domain '%s' is longer than %zu bytes: only its first %zu are used",
                      what, value_printable(d->name, shown, sizeof(shown)),
@@ -71,6 +64,7 @@ static void value(MYSQL *conn, const MailDomainRow *d, const char *what, const c
     default:
         break;
     }
+    return 0;
 }
 
 /* rows - the rows of a list question */
@@ -85,30 +79,34 @@ static MYSQL_RES *rows(MYSQL *conn, const char *query, const char *format)
 
 /* catch_address - the address a "catch" domain delivers to: its
  * catch_addr, else its client's e-mail, else the panel administrator's,
- * else root at the domain */
-static void catch_address(MYSQL *conn, const MailDomainRow *d, char *buf)
+ * else root at the domain; 1 when the value it came to holds a NUL byte */
+static int catch_address(MYSQL *conn, const MailDomainRow *d, char *buf)
 {
     char query[PANEL_QUERY_SIZE];
 
     domain_service_parameter_query(d->id, "mail", "catch_addr", query, sizeof(query));
-    value(conn, d, "catch_addr", query, buf, GET_PARAMETER_REFUSED, "catch_addr");
+    if (value(conn, d, "catch_addr", query, buf, GET_PARAMETER_REFUSED, "catch_addr"))
+        return 1;
     if (*buf != '\0')
-        return;
+        return 0;
     client_email_query(d->id, query, sizeof(query));
-    value(conn, d, "client's e-mail", query, buf, GET_CLIENT_EMAIL_REFUSED, nullptr);
+    if (value(conn, d, "client's e-mail", query, buf, GET_CLIENT_EMAIL_REFUSED, nullptr))
+        return 1;
     if (*buf != '\0')
-        return;
+        return 0;
     misc_param_query("admin_email", query, sizeof(query));
-    value(conn, d, "admin_email", query, buf, GET_QUERY_REFUSED, query);
+    if (value(conn, d, "admin_email", query, buf, GET_QUERY_REFUSED, query))
+        return 1;
     if (*buf != '\0')
-        return;
+        return 0;
     report_plain(0, GET_NO_ADMIN_EMAIL);
     snprintf(buf, QMAIL_BUF_SIZE, "root@%s", d->name);
+    return 0;
 }
 
 void domain_facts(MYSQL *conn, const MailDomainRow *d, DomainFacts *facts)
 {
-    char q[Q_COUNT][PANEL_QUERY_SIZE], count[PANEL_QUERY_SIZE];
+    char q[Q_COUNT][PANEL_QUERY_SIZE];
     NonexistPolicy *p = &facts->policy;
 
     *facts = {};
@@ -120,21 +118,18 @@ void domain_facts(MYSQL *conn, const MailDomainRow *d, DomainFacts *facts)
     facts->aliases = rows(conn, q[Q_ALIASES], "Unable to query domain aliases: %s");
     facts->mailboxes = rows(conn, q[Q_MAILBOXES], "Unable to query mailnames: %s");
     mailbox_rows(facts->mailboxes, &facts->boxes);
-    if (get_answer(conn, q[Q_POLICY_NUL], 0, count) == GET_REFUSED) {
-        report_plain(1, "Unable to query the unknown-recipient policy of domain id %s: %s\n", d->id,
-               mysql_error(conn));
-    }
-    /* A NUL byte would cut the value at it: such a policy is not read. */
-    p->has_nul = *count != '\0' && strcmp(count, "0") != 0;
-    p->choice[0] = p->value[0] = '\0';
+    /* A NUL byte in a value the policy is made of would cut it there: such
+     * a policy is not written (the value's length tells, no question of
+     * its own). */
+    p->has_nul = value(conn, d, "nonexist_mail", q[Q_POLICY], p->choice, GET_PARAMETER_REFUSED, "nonexist_mail");
+    if (!p->has_nul && strcmp(p->choice, "catch") == 0)
+        p->has_nul = catch_address(conn, d, p->value);
+    else if (!p->has_nul && strcmp(p->choice, "bounce") == 0)
+        p->has_nul = value(conn, d, "bounce_mess",
+                           domain_service_parameter_query(d->id, "mail", "bounce_mess", q[0], PANEL_QUERY_SIZE),
+                           p->value, GET_PARAMETER_REFUSED, "bounce_mess");
     if (p->has_nul)
-        return;
-    value(conn, d, "nonexist_mail", q[Q_POLICY], p->choice, GET_PARAMETER_REFUSED, "nonexist_mail");
-    if (strcmp(p->choice, "catch") == 0)
-        catch_address(conn, d, p->value);
-    else if (strcmp(p->choice, "bounce") == 0)
-        value(conn, d, "bounce_mess", domain_service_parameter_query(d->id, "mail", "bounce_mess", q[0], PANEL_QUERY_SIZE),
-              p->value, GET_PARAMETER_REFUSED, "bounce_mess");
+        p->choice[0] = p->value[0] = '\0';
 }
 
 void domain_facts_free(DomainFacts *facts)

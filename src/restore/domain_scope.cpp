@@ -223,9 +223,13 @@ static long panel_row(const MailDomains *domains, const char *given, const char 
 {
     for (size_t k = 0; k < domains->rows.size(); k++) {
         const MailDomainRow *d = &domains->rows[k];
-        if (id != nullptr ? strcmp(d->id, id) == 0
-                          : (*d->ascii != '\0' && strcmp(d->ascii, ascii) == 0)
-                                || (d->name != nullptr && strcmp(d->name, given) == 0))
+        int match = 0;
+        if (id != nullptr)
+            match = strcmp(d->id, id) == 0;
+        else if (ascii != nullptr && given != nullptr)
+            match = (*d->ascii != '\0' && strcmp(d->ascii, ascii) == 0)
+                    || (d->name != nullptr && strcmp(d->name, given) == 0);
+        if (match)
             return static_cast<long>(k);
     }
     return -1;

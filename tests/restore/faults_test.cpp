@@ -471,7 +471,7 @@ TEST_F(RebuildFaults, RefusedQueryEndsTheRunAndChangesNothing)
     const struct {
         const char *refuse, *message, *mode = "--without-spam";
     } cases[] = {
-        {"RENAME TABLE Parameters TO Parameters_gone", "Unable to query the unknown-recipient policy of domain id 1: "},
+        {"RENAME TABLE Parameters TO Parameters_gone", "Unable to query domain parameter nonexist_mail: "},
         {"RENAME TABLE Limits TO Limits_gone", "Unable to query domain limit mbox_quota: "},
         {"RENAME TABLE clients TO clients_gone", "Unable to define clients email: "},
         {"ALTER TABLE mail RENAME COLUMN virusfilter TO virusfilter_gone", "Unable to query drweb mailnames: "},
