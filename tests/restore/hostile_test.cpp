@@ -162,6 +162,9 @@ TEST_F(HostilePanel, RowsAreSkippedAndChangeNothingElse)
          policy_rows("(11, 'nonexist_mail', 'catch')") +
              "; UPDATE clients SET email=CONCAT('evil@x.example', CHAR(10), '|/bin/sh')",
          policy, 1, qdefault},
+        {"NUL in client address",
+         policy_rows("(11, 'nonexist_mail', 'catch')") + "; UPDATE clients SET email=CONCAT('evil@x.example', CHAR(0), 'y')",
+         policy, 1, qdefault},
         {"NUL in bounce text",
          policy_rows("(11, 'nonexist_mail', 'bounce'), (11, 'bounce_mess', CONCAT('evil', CHAR(0), 'x'))"), policy, 1,
          qdefault},
