@@ -240,7 +240,7 @@ void restore_antivirus_settings(const Effects *fx, MYSQL *conn, const AvScope *o
             report(1, "Unable to read file %s: %s\n", path, strerror(errno));
         if (line_filter(&before, av_owned, only, &kept) != 0)
             report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-        held_file_reset(path, kept.data != nullptr ? kept.data : "", kept.len);
+        held_file_reset(path, kept.data, kept.len);
     } else {
         reset_users_conf(fx);
     }
@@ -254,7 +254,7 @@ void restore_antivirus_settings(const Effects *fx, MYSQL *conn, const AvScope *o
         TextBuf rebuilt = {}, merged = {};
         if (held_file_text(path, &rebuilt) != 0 || line_merge(&before, &rebuilt, av_owned, only, &merged) != 0)
             report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
-        held_file_reset(path, merged.data != nullptr ? merged.data : "", merged.len);
+        held_file_reset(path, merged.data, merged.len);
         text_buf_free(&rebuilt);
         text_buf_free(&merged);
     }

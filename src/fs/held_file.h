@@ -41,7 +41,8 @@ int held_file_take(const Effects *fx, const char *path, int durable);
 int held_file_take_rebuilt(const Effects *fx, const char *path);
 int held_file_edit(const char *path, const char *const *lines, int operation, int mode);
 /* held_file_reset, held_file_owner - 0, or -1 when path is not held; an
- * owner, group or mode of -1 is left as it is */
+ * owner, group or mode of -1 is left as it is; text may be null when len
+ * is 0 (an empty TextBuf) */
 int held_file_reset(const char *path, const char *text, size_t len);
 int held_file_owner(const char *path, uid_t uid, gid_t gid, mode_t mode);
 int held_files_write(void);

@@ -137,6 +137,13 @@ static mode_t umask_now(void)
     return mask;
 }
 
+/* in_place - the prepared file was written at the file's own name (tmp
+ * is at itself) */
+static bool in_place(const PathAt *at, const PathAt *tmp)
+{
+    return tmp->dir == at->dir && strcmp(tmp->name, at->name) == 0;
+}
+
 /* apply_replace_prepare - the temporary file written beside a file that
  * does not match, with its owner and mode; 0 when it matches, 1 ready, -1
  * (the temporary file gone).  In a directory the run keeps to itself a
@@ -180,7 +187,7 @@ static int apply_replace_prepare(PathAt *at, const char *text, size_t len, uid_t
         if (fchown(fd, uid, gid) == 0) {
             *step = STEP_CHMOD;
             /* Made with its mode where the mask leaves it whole. */
-            if ((tmp->dir == at->dir && strcmp(tmp->name, at->name) == 0 && (mode & mask) == 0)
+            if ((in_place(at, tmp) && (mode & mask) == 0)
                 || fchmod(fd, mode) == 0)
                 rc = 0;
         }
@@ -204,7 +211,7 @@ static int apply_replace_prepare(PathAt *at, const char *text, size_t len, uid_t
 static int apply_replace_commit(PathAt *at, PathAt *tmp, int durable, FileStep *step)
 {
     *step = STEP_RENAME;
-    if ((tmp->dir != at->dir || strcmp(tmp->name, at->name) != 0) && renameat(tmp->dir, tmp->name, at->dir, at->name) != 0) {
+    if (!in_place(at, tmp) && renameat(tmp->dir, tmp->name, at->dir, at->name) != 0) {
         int err = errno;
         replace_file_abort(tmp);
         errno = err;

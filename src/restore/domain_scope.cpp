@@ -114,11 +114,11 @@ void scope_learn(DomainScope *scope, const MailDomains *domains, const TextBuf *
      * panel has given it to a domain of its own since. */
     for (const std::string &name : scope->dropped) {
         scope->names.insert(name);
-        each_line(texts[1], [&](std::string_view line) {
+        each_line(texts[SHARED_VIRTUALDOMAINS], [&](std::string_view line) {
             if (field(line, 0) == name && !panel_id(domains, field(line, 1)))
                 scope->ids.insert(std::string(field(line, 1)));
         });
-        each_line(texts[2], [&](std::string_view line) {
+        each_line(texts[SHARED_ASSIGN], [&](std::string_view line) {
             if (home_name(field(line, 4)) == name && field(line, 0).starts_with('+')
                 && !panel_id(domains, assign_prefix(line)))
                 scope->ids.insert(std::string(assign_prefix(line)));
@@ -130,7 +130,7 @@ void scope_learn(DomainScope *scope, const MailDomains *domains, const TextBuf *
     for (size_t k = 0; k < domains->rows.size(); k++)
         if (std::find(scope->rows.begin(), scope->rows.end(), k) == scope->rows.end())
             others.insert(domains->rows[k].ascii);
-    each_line(texts[1], [&](std::string_view line) {
+    each_line(texts[SHARED_VIRTUALDOMAINS], [&](std::string_view line) {
         std::string name(field(line, 0));
         if (scope->ids.find(field(line, 1)) != scope->ids.end() && !name.empty() && others.count(name) == 0)
             scope->names.insert(name);
@@ -217,21 +217,25 @@ static void choose(DomainScope *scope, size_t k)
         scope->rows.push_back(k);
 }
 
-/* panel_row - the row of the mail domain named ascii (or, when it breaks
- * a rule, stored as given) or with identifier id; -1 for none */
-static long panel_row(const MailDomains *domains, const char *given, const char *ascii, const char *id)
+/* row_named - the row of the mail domain named ascii (or, when it breaks
+ * a rule, stored as given); -1 for none */
+static long row_named(const MailDomains *domains, const char *given, const char *ascii)
 {
     for (size_t k = 0; k < domains->rows.size(); k++) {
         const MailDomainRow *d = &domains->rows[k];
-        int match = 0;
-        if (id != nullptr)
-            match = strcmp(d->id, id) == 0;
-        else if (ascii != nullptr && given != nullptr)
-            match = (*d->ascii != '\0' && strcmp(d->ascii, ascii) == 0)
-                    || (d->name != nullptr && strcmp(d->name, given) == 0);
-        if (match)
+        if ((*d->ascii != '\0' && strcmp(d->ascii, ascii) == 0) || (d->name != nullptr && strcmp(d->name, given) == 0))
             return static_cast<long>(k);
     }
+    return -1;
+}
+
+/* row_with_id - the row of the mail domain with identifier id; -1 for
+ * none */
+static long row_with_id(const MailDomains *domains, const char *id)
+{
+    for (size_t k = 0; k < domains->rows.size(); k++)
+        if (strcmp(domains->rows[k].id, id) == 0)
+            return static_cast<long>(k);
     return -1;
 }
 
@@ -250,11 +254,11 @@ void scope_resolve(const Effects *fx, MYSQL *conn, const MailDomains *domains, D
         if (ascii.empty())
             report_plain(1, "Unknown mail domain '%s': the name does not convert to ASCII", shown);
         scope->shown += (scope->shown.empty() ? "" : ", ") + ascii;
-        long k = panel_row(domains, given.c_str(), ascii.c_str(), nullptr);
+        long k = row_named(domains, given.c_str(), ascii.c_str());
         /* An alias stands for its domain. */
         for (const PanelAlias &a : aliases)
             if (k < 0 && a.ascii == ascii)
-                k = panel_row(domains, nullptr, nullptr, a.dom_id.c_str());
+                k = row_with_id(domains, a.dom_id.c_str());
         if (k >= 0) {
             choose(scope, static_cast<size_t>(k));
             continue;

@@ -57,6 +57,7 @@ void scope_learn(DomainScope *scope, const MailDomains *domains, const TextBuf *
  * is one of the scope's domains' */
 int scope_owns(const DomainScope *scope, const char *name, const char *line, size_t len);
 
-/* qmail's shared files, in the order of their locks */
-#define SHARED_FILE_COUNT 5
+/* qmail's shared files, in the order of their locks, and their places
+ * in SHARED_FILES */
+enum { SHARED_RCPTHOSTS, SHARED_VIRTUALDOMAINS, SHARED_ASSIGN, SHARED_POPPASSWD, SHARED_REJECTNONEXIST, SHARED_FILE_COUNT };
 extern const char *const SHARED_FILES[SHARED_FILE_COUNT];

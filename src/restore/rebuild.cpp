@@ -354,7 +354,7 @@ void rebuild_mail_configuration(const Effects *fx, MailDomains *domains, int pro
      * tells qmail-send to reread its files when it finishes. */
     if (scope == nullptr)
         fx->dir_done(panel_config.QMAIL_MAILNAMES_D);
-    shared_files_commit();
+    shared_files_commit(scope);
     /* Once, after the control files are written. */
     if (pass.reread_due && scope == nullptr)
         fx->signal("qmail-se", 1);

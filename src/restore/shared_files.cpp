@@ -22,10 +22,8 @@
 #include <unordered_map>
 #include <vector>
 
-/* Each shared file's text as the run found it, for the summary; the
- * domains a limited run rebuilds. */
+/* Each shared file's text as the run found it, for the summary. */
 static TextBuf found[SHARED_FILE_COUNT];
-static const DomainScope *limited;
 
 /* ScopeFile - a shared file of a limited run, for its lines' owner */
 struct ScopeFile {
@@ -118,7 +116,6 @@ void shared_files_take(const Effects *fx, DomainScope *scope, const MailDomains 
     /* A limited run starts from the files as they are, less the chosen
      * domains' lines; a full one from empty files (users/assign with its
      * closing ".", control/rejectnonexist as it is). */
-    limited = scope;
     if (scope != nullptr)
         scope_learn(scope, domains, found);
     for (size_t i = 0; i < SHARED_FILE_COUNT; i++) {
@@ -127,7 +124,7 @@ void shared_files_take(const Effects *fx, DomainScope *scope, const MailDomains 
         if (scope != nullptr) {
             ScopeFile file = {scope, name};
             TextBuf rest = {};
-            if (line_filter(&found[i], scope_line, &file, &rest) != 0 || held_file_reset(path, rest.data != nullptr ? rest.data : "", rest.len) != 0)
+            if (line_filter(&found[i], scope_line, &file, &rest) != 0 || held_file_reset(path, rest.data, rest.len) != 0)
                 report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
             text_buf_free(&rest);
         } else if (strcmp(name, QMAIL_REJECTNONEXIST_FILE) != 0) {
@@ -136,7 +133,7 @@ void shared_files_take(const Effects *fx, DomainScope *scope, const MailDomains 
     }
 }
 
-void shared_files_commit(void)
+void shared_files_commit(const DomainScope *scope)
 {
     char path[4096];
 
@@ -147,11 +144,11 @@ void shared_files_commit(void)
             report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
         /* The chosen domains' lines that are as they should be keep their
          * places. */
-        if (limited != nullptr) {
-            ScopeFile file = {limited, SHARED_FILES[i]};
+        if (scope != nullptr) {
+            ScopeFile file = {scope, SHARED_FILES[i]};
             TextBuf merged = {};
             if (line_merge(&found[i], &now, scope_line, &file, &merged) != 0
-                || held_file_reset(path, merged.data != nullptr ? merged.data : "", merged.len) != 0)
+                || held_file_reset(path, merged.data, merged.len) != 0)
                 report(1, "Cannot allocate memory: %s", strerror(ENOMEM));
             text_buf_free(&now);
             now = merged;

@@ -24,4 +24,6 @@
  * replacements through fx; scope: the run is limited to its domains (null
  * for a full run) */
 void shared_files_take(const Effects *fx, DomainScope *scope, const MailDomains *domains);
-void shared_files_commit(void);
+/* shared_files_commit - the files written; scope: the one they were
+ * taken for */
+void shared_files_commit(const DomainScope *scope);
